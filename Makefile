@@ -1,0 +1,36 @@
+# Front door. Every target that builds installs what it needs first.
+BUILD ?= build
+TEST_BUILD ?= build-test
+JOBS ?= $(shell nproc)
+
+.PHONY: all build test demo bench format clean deps
+
+all: build
+
+deps:
+	@scripts/bootstrap.sh build
+
+build: deps
+	@cmake -S . -B $(BUILD) -G Ninja -DCMAKE_BUILD_TYPE=Release -DFTC_TESTS=OFF >/dev/null
+	@cmake --build $(BUILD) -j $(JOBS)
+
+test:
+	@scripts/bootstrap.sh test
+	@cmake -S . -B $(TEST_BUILD) -G Ninja -DCMAKE_BUILD_TYPE=Debug -DFTC_SANITIZE=ON >/dev/null
+	@cmake --build $(TEST_BUILD) -j $(JOBS)
+	@cd $(TEST_BUILD) && ctest --output-on-failure -j $(JOBS) --timeout 300
+
+demo: build
+	@scripts/demo.sh $(BUILD)
+
+bench:
+	@scripts/bootstrap.sh bench
+	@cmake -S . -B $(BUILD)-bench -G Ninja -DCMAKE_BUILD_TYPE=Release -DFTC_TESTS=OFF -DFTC_BENCH=ON >/dev/null
+	@cmake --build $(BUILD)-bench -j $(JOBS)
+	@bench/run.sh $(BUILD)-bench
+
+format:
+	@git ls-files '*.cpp' '*.h' | xargs clang-format -i
+
+clean:
+	rm -rf $(BUILD) $(TEST_BUILD) $(BUILD)-bench

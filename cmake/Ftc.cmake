@@ -1,0 +1,66 @@
+# Project helpers: one static library per plug-in subsystem, one test binary per test folder.
+
+set(FTC_PLUGIN_MODULES "" CACHE INTERNAL "")
+
+# ftc_plugin_module(name): plugin/<name>/*.cpp as the static library ftc_<name>.
+function(ftc_plugin_module name)
+  file(GLOB sources CONFIGURE_DEPENDS ${CMAKE_CURRENT_SOURCE_DIR}/${name}/*.cpp)
+  if(NOT sources)
+    return()
+  endif()
+  add_library(ftc_${name} STATIC ${sources})
+  target_include_directories(ftc_${name} PUBLIC ${PROJECT_SOURCE_DIR}/plugin)
+  target_link_libraries(ftc_${name} PUBLIC winux ftchost Threads::Threads)
+  set(FTC_PLUGIN_MODULES ${FTC_PLUGIN_MODULES} ftc_${name} CACHE INTERNAL "")
+endfunction()
+
+# The plug-in modules that exist, as one link group (they call each other).
+function(ftc_plugin_link_group out)
+  set(group "")
+  foreach(m ${FTC_PLUGIN_MODULES})
+    if(TARGET ${m})
+      if(group)
+        set(group "${group},${m}")
+      else()
+        set(group "${m}")
+      endif()
+    endif()
+  endforeach()
+  if(group)
+    set(${out} "$<LINK_GROUP:RESCAN,${group}>" PARENT_SCOPE)
+  else()
+    set(${out} "" PARENT_SCOPE)
+  endif()
+endfunction()
+
+# ftc_test_dir(dir [MODULES m...]): tests/<dir>/*.cpp as the test binary test_<dir with / as _>,
+# linked with the named plug-in modules (all of them when none are named), the host libraries and
+# the test support library.
+function(ftc_test_dir dir)
+  cmake_parse_arguments(arg "" "" "MODULES" ${ARGN})
+  file(GLOB sources CONFIGURE_DEPENDS ${CMAKE_CURRENT_SOURCE_DIR}/${dir}/*.cpp)
+  if(NOT sources)
+    return()
+  endif()
+  string(REPLACE "/" "_" name "test_${dir}")
+  add_executable(${name} ${sources})
+  if(arg_MODULES)
+    set(modules "")
+    foreach(m ${arg_MODULES})
+      if(TARGET ftc_${m})
+        list(APPEND modules ftc_${m})
+      endif()
+    endforeach()
+    list(JOIN modules "," joined)
+    set(group "")
+    if(joined)
+      set(group "$<LINK_GROUP:RESCAN,${joined}>")
+    endif()
+  else()
+    ftc_plugin_link_group(group)
+  endif()
+  target_link_libraries(${name} PRIVATE ftc_test_support ${group} winux ftchost
+                        GTest::gtest GTest::gmock GTest::gtest_main Threads::Threads)
+  gtest_discover_tests(${name} DISCOVERY_TIMEOUT 60
+                       PROPERTIES ENVIRONMENT "FTC_BUILD_DIR=${CMAKE_BINARY_DIR}" TIMEOUT 300)
+endfunction()
