@@ -67,9 +67,9 @@ class WINUX_API SocketIO {
 
   // The socket handle, 0 on failure (a valid handle is never 0).
   int CreateUdpSocket();
-  void SetDestPort(WORD port);
+  void SetUdpPort(WORD port);
   // 1 when the text is a dotted IPv4 address, 0 otherwise (the address is then unchanged).
-  int SetDestAddress(const char* dotted);
+  int SetIpAddress(const char* dotted);
   int GetSocket() const;
   const WinuxSockAddr* GetDestAddr() const;
   void Close();
