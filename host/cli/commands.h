@@ -1,0 +1,29 @@
+// The commands of ftc-host.
+#pragma once
+
+#include <string>
+#include <vector>
+
+namespace ftchost {
+
+constexpr int kExitOk = 0;
+constexpr int kExitFailed = 1;
+constexpr int kExitUsage = 2;
+
+struct Options {
+  std::vector<std::string> args;  // after the command name
+  std::string root;               // absolute; WINUX_ROOT is set to it
+  std::string plugin;
+  std::string queue;
+  double timeScale = 1.0;
+  bool follow = false;
+  bool dword = false;
+};
+
+int RunJob(const Options& opt);
+int RegistryCommand(const Options& opt);
+int IdentityCommand(const Options& opt);
+int LogCommand(const Options& opt);
+int EventsCommand(const Options& opt);
+
+}  // namespace ftchost

@@ -1,0 +1,105 @@
+// ftc-host: the host process. Loads the plug-in, replays a job file, shows the upgrade, and
+// gives operators a look at the device's registry, identity, log and reports.
+#include <unistd.h>
+
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <filesystem>
+#include <string>
+#include <vector>
+
+#include "commands.h"
+
+namespace fs = std::filesystem;
+
+namespace {
+
+void Usage(FILE* out) {
+  fprintf(out,
+          "usage: ftc-host run JOB.xml [--root DIR] [--plugin PATH] [--time-scale X]\n"
+          "       ftc-host reg get KEY VALUE [--root DIR]\n"
+          "       ftc-host reg set KEY VALUE DATA [--dword] [--root DIR]\n"
+          "       ftc-host identity [--root DIR]\n"
+          "       ftc-host log [--root DIR]\n"
+          "       ftc-host events [--queue Q] [--follow] [--root DIR]\n"
+          "KEY is a full key path such as HKEY_LOCAL_MACHINE\\SOFTWARE\\Tervalon\\XQueue.\n"
+          "The device root defaults to $XDG_STATE_HOME/ftc/device (~/.local/state/ftc/device).\n");
+}
+
+std::string DefaultRoot() {
+  const char* state = getenv("XDG_STATE_HOME");
+  if (state && *state) return std::string(state) + "/ftc/device";
+  const char* home = getenv("HOME");
+  return std::string(home && *home ? home : ".") + "/.local/state/ftc/device";
+}
+
+int Bad(const std::string& message) {
+  fprintf(stderr, "ftc-host: %s\n", message.c_str());
+  Usage(stderr);
+  return ftchost::kExitUsage;
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  ftchost::Options opt;
+  std::string root;
+  std::string scale;
+  for (int i = 1; i < argc; ++i) {
+    std::string a = argv[i];
+    auto next = [&](std::string* out) {
+      if (i + 1 >= argc) return false;
+      *out = argv[++i];
+      return true;
+    };
+    if (a == "--root") {
+      if (!next(&root)) return Bad("--root needs a folder");
+    } else if (a == "--plugin") {
+      if (!next(&opt.plugin)) return Bad("--plugin needs a path");
+    } else if (a == "--time-scale") {
+      if (!next(&scale)) return Bad("--time-scale needs a number");
+    } else if (a == "--queue") {
+      if (!next(&opt.queue)) return Bad("--queue needs a name");
+    } else if (a == "--follow") {
+      opt.follow = true;
+    } else if (a == "--dword") {
+      opt.dword = true;
+    } else if (a == "-h" || a == "--help") {
+      Usage(stdout);
+      return 0;
+    } else if (a.size() > 1 && a[0] == '-' && a[1] == '-') {
+      return Bad("unknown option " + a);
+    } else {
+      opt.args.push_back(a);
+    }
+  }
+  if (opt.args.empty()) return Bad("no command");
+
+  if (!scale.empty()) {
+    char* end = nullptr;
+    double v = strtod(scale.c_str(), &end);
+    if (!end || *end || !(v > 0) || v > 1000) return Bad("--time-scale takes a number above 0");
+    opt.timeScale = v;
+    setenv("WINUX_TIME_SCALE", scale.c_str(), 1);
+  }
+  if (root.empty()) root = DefaultRoot();
+  std::error_code ec;
+  fs::create_directories(root, ec);
+  if (ec || !fs::is_directory(root)) return Bad("cannot use " + root + " as the device root");
+  opt.root = fs::absolute(root).lexically_normal().string();
+  while (opt.root.size() > 1 && opt.root.back() == '/') opt.root.pop_back();
+  setenv("WINUX_ROOT", opt.root.c_str(), 1);
+
+  std::string cmd = opt.args[0];
+  opt.args.erase(opt.args.begin());
+  if (cmd == "run") {
+    if (opt.args.size() != 1) return Bad("run takes one job file");
+    return ftchost::RunJob(opt);
+  }
+  if (cmd == "reg") return ftchost::RegistryCommand(opt);
+  if (cmd == "identity") return ftchost::IdentityCommand(opt);
+  if (cmd == "log") return ftchost::LogCommand(opt);
+  if (cmd == "events") return ftchost::EventsCommand(opt);
+  return Bad("unknown command " + cmd);
+}
