@@ -1,0 +1,641 @@
+#include "server.h"
+
+#include <arpa/inet.h>
+#include <fcntl.h>
+#include <linux/openat2.h>
+#include <netdb.h>
+#include <netinet/in.h>
+#include <netinet/tcp.h>
+#include <sys/epoll.h>
+#include <sys/eventfd.h>
+#include <sys/sendfile.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <sys/syscall.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <climits>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <ctime>
+#include <unordered_map>
+
+#include "common/http.h"
+
+namespace ftcserver {
+namespace {
+
+// Request bodies are not expected; a small one is read and dropped so the connection survives.
+constexpr unsigned long long kMaxDiscardedBody = 1 << 20;
+// How much one connection may send per wake-up before others get a turn.
+constexpr size_t kSendBudget = 8 << 20;
+// Input buffered ahead of the request being answered.
+constexpr size_t kMaxBufferedInput = 256 << 10;
+// Regular-file attribute reported to devices (archive); 0x1 is added for read-only files.
+constexpr unsigned kAttrArchive = 0x20;
+
+char gListenTag;
+char gStopTag;
+
+int64_t NowSec() {
+  timespec ts{};
+  clock_gettime(CLOCK_MONOTONIC_COARSE, &ts);
+  return ts.tv_sec;
+}
+
+std::string IsoNow() {
+  timespec ts{};
+  clock_gettime(CLOCK_REALTIME, &ts);
+  std::tm tm{};
+  gmtime_r(&ts.tv_sec, &tm);
+  char buf[96];
+  std::snprintf(buf, sizeof buf, "%04d-%02d-%02dT%02d:%02d:%02d.%03ldZ", tm.tm_year + 1900,
+                tm.tm_mon + 1, tm.tm_mday, tm.tm_hour, tm.tm_min, tm.tm_sec, ts.tv_nsec / 1000000);
+  return buf;
+}
+
+std::string Errno(const char* what) {
+  return std::string(what) + ": " + std::strerror(errno);
+}
+
+// A device number field: kept as a JSON number when it reads as one, else as text.
+std::string JsonNumberOrText(const std::string* v) {
+  if (!v) return "null";
+  std::string_view s = *v;
+  std::string_view digits = !s.empty() && s[0] == '-' ? s.substr(1) : s;
+  if (ParseDecimal(digits)) return std::string(s);
+  return JsonString(s);
+}
+
+const char* Reason(int status) {
+  switch (status) {
+    case 200:
+      return "OK";
+    case 206:
+      return "Partial Content";
+    case 400:
+      return "Bad Request";
+    case 403:
+      return "Forbidden";
+    case 404:
+      return "Not Found";
+    case 405:
+      return "Method Not Allowed";
+    case 413:
+      return "Payload Too Large";
+    case 416:
+      return "Range Not Satisfiable";
+    case 500:
+      return "Internal Server Error";
+    case 501:
+      return "Not Implemented";
+    default:
+      return "Error";
+  }
+}
+
+struct Range {
+  bool present = false;
+  bool satisfiable = true;
+  off_t first = 0;
+  off_t last = 0;
+};
+
+// One "bytes=a-b" range; anything fancier is ignored and the whole file served.
+Range ParseRange(const std::string* header, off_t size) {
+  Range r;
+  if (!header) return r;
+  std::string_view h = *header;
+  if (h.substr(0, 6) != "bytes=" || h.find(',') != std::string_view::npos) return r;
+  h.remove_prefix(6);
+  size_t dash = h.find('-');
+  if (dash == std::string_view::npos) return r;
+  auto a = ParseDecimal(h.substr(0, dash));
+  auto b = ParseDecimal(h.substr(dash + 1));
+  if (!a && !b) return r;
+  r.present = true;
+  if (!a) {  // suffix: the last b bytes
+    if (*b == 0 || size == 0) return r.satisfiable = false, r;
+    unsigned long long n = std::min<unsigned long long>(*b, size);
+    r.first = size - static_cast<off_t>(n);
+    r.last = size - 1;
+    return r;
+  }
+  if (*a >= static_cast<unsigned long long>(size)) return r.satisfiable = false, r;
+  r.first = static_cast<off_t>(*a);
+  r.last = size - 1;
+  if (b) {
+    if (*b < *a) return r.present = false, r;
+    r.last = static_cast<off_t>(std::min<unsigned long long>(*b, size - 1));
+  }
+  return r;
+}
+
+}  // namespace
+
+// ---------------------------------------------------------------------------------------------
+
+ReportLog::~ReportLog() {
+  if (m_fd > 1) close(m_fd);
+}
+
+std::string ReportLog::Open(const std::string& path) {
+  if (path.empty()) {
+    m_fd = STDOUT_FILENO;
+    return {};
+  }
+  m_fd = open(path.c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0644);
+  if (m_fd < 0) return Errno(("cannot open reports file " + path).c_str());
+  m_sync = true;
+  return {};
+}
+
+bool ReportLog::Append(const std::string& line) {
+  std::lock_guard<std::mutex> lock(m_mutex);
+  std::string data = line + "\n";
+  size_t done = 0;
+  while (done < data.size()) {
+    ssize_t n = write(m_fd, data.data() + done, data.size() - done);
+    if (n < 0 && errno == EINTR) continue;
+    if (n <= 0) return false;
+    done += static_cast<size_t>(n);
+  }
+  return !m_sync || fdatasync(m_fd) == 0;
+}
+
+// ---------------------------------------------------------------------------------------------
+
+class Worker {
+ public:
+  explicit Worker(Server& server) : m_server(server) {}
+  ~Worker() {
+    for (auto& [fd, c] : m_conns) Release(*c);
+    if (m_ep >= 0) close(m_ep);
+  }
+
+  std::string Init() {
+    m_ep = epoll_create1(EPOLL_CLOEXEC);
+    if (m_ep < 0) return Errno("epoll_create1");
+    epoll_event ev{};
+    ev.events = EPOLLIN | EPOLLEXCLUSIVE;
+    ev.data.ptr = &gListenTag;
+    if (epoll_ctl(m_ep, EPOLL_CTL_ADD, m_server.listenFd(), &ev) != 0) return Errno("epoll_ctl");
+    ev.events = EPOLLIN;
+    ev.data.ptr = &gStopTag;
+    if (epoll_ctl(m_ep, EPOLL_CTL_ADD, m_server.stopFd(), &ev) != 0) return Errno("epoll_ctl");
+    m_reserveFd = open("/dev/null", O_RDONLY | O_CLOEXEC);
+    return {};
+  }
+
+  void Loop() {
+    epoll_event events[256];
+    int64_t lastSweep = NowSec();
+    bool running = true;
+    while (running) {
+      int n = epoll_wait(m_ep, events, 256, 1000);
+      if (n < 0 && errno != EINTR) break;
+      m_now = NowSec();
+      for (int i = 0; i < n; ++i) {
+        void* tag = events[i].data.ptr;
+        if (tag == &gStopTag) {
+          running = false;
+        } else if (tag == &gListenTag) {
+          Accept();
+        } else {
+          OnEvent(*static_cast<Conn*>(tag), events[i].events);
+        }
+      }
+      if (m_now - lastSweep >= 1) {
+        lastSweep = m_now;
+        SweepIdle();
+      }
+    }
+    for (auto& [fd, c] : m_conns) Release(*c);
+    m_conns.clear();
+    if (m_reserveFd >= 0) close(m_reserveFd);
+    m_reserveFd = -1;
+  }
+
+ private:
+  struct Conn {
+    int fd = -1;
+    std::string peer;
+    std::string in;
+    unsigned long long discard = 0;
+    std::string out;
+    size_t outOff = 0;
+    int fileFd = -1;
+    off_t fileOff = 0;
+    unsigned long long fileLeft = 0;
+    bool closeAfter = false;
+    bool peerClosed = false;
+    bool wantWrite = false;
+    int64_t lastActive = 0;
+  };
+  enum class Flushed { kDone, kBlocked, kError };
+
+  void Accept() {
+    for (int i = 0; i < 64; ++i) {
+      sockaddr_storage ss{};
+      socklen_t len = sizeof ss;
+      int fd = accept4(m_server.listenFd(), reinterpret_cast<sockaddr*>(&ss), &len,
+                       SOCK_NONBLOCK | SOCK_CLOEXEC);
+      if (fd < 0) {
+        if (errno == EINTR || errno == ECONNABORTED) continue;
+        if ((errno == EMFILE || errno == ENFILE) && m_reserveFd >= 0) {
+          // Out of descriptors: take the pending connection and drop it rather than spin on it.
+          close(m_reserveFd);
+          int drop = accept(m_server.listenFd(), nullptr, nullptr);
+          if (drop >= 0) close(drop);
+          m_reserveFd = open("/dev/null", O_RDONLY | O_CLOEXEC);
+        }
+        return;
+      }
+      int one = 1;
+      setsockopt(fd, IPPROTO_TCP, TCP_NODELAY, &one, sizeof one);
+      auto c = std::make_unique<Conn>();
+      c->fd = fd;
+      c->lastActive = m_now;
+      char host[INET6_ADDRSTRLEN] = "?";
+      if (ss.ss_family == AF_INET)
+        inet_ntop(AF_INET, &reinterpret_cast<sockaddr_in*>(&ss)->sin_addr, host, sizeof host);
+      else if (ss.ss_family == AF_INET6)
+        inet_ntop(AF_INET6, &reinterpret_cast<sockaddr_in6*>(&ss)->sin6_addr, host, sizeof host);
+      c->peer = host;
+      epoll_event ev{};
+      ev.events = EPOLLIN | EPOLLRDHUP;
+      ev.data.ptr = c.get();
+      if (epoll_ctl(m_ep, EPOLL_CTL_ADD, fd, &ev) != 0) {
+        close(fd);
+        continue;
+      }
+      m_conns.emplace(fd, std::move(c));
+    }
+  }
+
+  void OnEvent(Conn& c, uint32_t events) {
+    c.lastActive = m_now;
+    if (events & EPOLLERR) return Close(c);
+    if (Pending(c)) {
+      Flushed f = Flush(c);
+      if (f == Flushed::kError) return Close(c);
+      if (f == Flushed::kBlocked) return SetInterest(c, true);
+      if (c.closeAfter) return Close(c);
+    }
+    if (events & (EPOLLIN | EPOLLHUP | EPOLLRDHUP)) {
+      if (!ReadInput(c)) c.peerClosed = true;
+    }
+    Process(c);
+  }
+
+  // false once the peer has closed its side or the socket failed.
+  bool ReadInput(Conn& c) {
+    char buf[65536];
+    while (c.in.size() < kMaxBufferedInput) {
+      ssize_t n = recv(c.fd, buf, sizeof buf, 0);
+      if (n > 0) {
+        c.in.append(buf, static_cast<size_t>(n));
+        continue;
+      }
+      if (n < 0 && errno == EINTR) continue;
+      if (n < 0 && (errno == EAGAIN || errno == EWOULDBLOCK)) return true;
+      return false;
+    }
+    return true;
+  }
+
+  void Process(Conn& c) {
+    for (;;) {
+      if (c.discard) {
+        size_t take = static_cast<size_t>(std::min<unsigned long long>(c.discard, c.in.size()));
+        c.in.erase(0, take);
+        c.discard -= take;
+        if (c.discard) break;
+      }
+      Request r;
+      ParseResult pr = ParseRequest(c.in, &r);
+      if (pr.status == ParseStatus::kIncomplete) break;
+      if (pr.status == ParseStatus::kBad) {
+        if (m_server.options().verbose)
+          std::fprintf(stderr, "%s bad request: %s\n", c.peer.c_str(), pr.error.c_str());
+        c.in.clear();
+        Respond(c, 400, "", true);
+      } else {
+        c.in.erase(0, pr.headLength);
+        Handle(c, r);
+      }
+      Flushed f = Flush(c);
+      if (f == Flushed::kError) return Close(c);
+      if (f == Flushed::kBlocked) return SetInterest(c, true);
+      if (c.closeAfter) return Close(c);
+    }
+    if (c.peerClosed) return Close(c);
+    SetInterest(c, false);
+  }
+
+  void Handle(Conn& c, const Request& r) {
+    c.closeAfter = !r.KeepAlive();
+    if (r.Header("Transfer-Encoding")) return Respond(c, 501, r.target, true);
+    if (const std::string* cl = r.Header("Content-Length")) {
+      auto n = ParseDecimal(*cl);
+      if (!n) return Respond(c, 400, r.target, true);
+      if (*n > kMaxDiscardedBody) return Respond(c, 413, r.target, true);
+      c.discard = *n;
+    }
+    if (r.IsCompletionReport()) return Report(c, r);
+    if (r.target.empty()) return Respond(c, 400, r.target, true);
+    if (r.method != "GET" && r.method != "HEAD") return Respond(c, 405, r.target, false);
+    ServeFile(c, r);
+  }
+
+  void Report(Conn& c, const Request& r) {
+    const std::string* core = r.Header("Core-name");
+    const std::string* error = r.Header("Error");
+    std::string line = "{\"time\":" + JsonString(IsoNow()) + ",\"peer\":" + JsonString(c.peer) +
+                       ",\"Core-name\":" + (core ? JsonString(*core) : "null") +
+                       ",\"Bundle-rx\":" + JsonNumberOrText(r.Header("Bundle-rx")) +
+                       ",\"HTTP-fallback\":" + JsonNumberOrText(r.Header("HTTP-fallback")) +
+                       ",\"Error\":" + (error ? JsonString(*error) : "null") + "}";
+    // Durable before the device hears back, and before its next request is read.
+    if (!m_server.reports().Append(line)) {
+      std::fprintf(stderr, "ftc-server: cannot record completion report: %s\n",
+                   std::strerror(errno));
+      return Respond(c, 500, "", false);
+    }
+    Respond(c, 200, "", false);
+  }
+
+  void ServeFile(Conn& c, const Request& r) {
+    ResolvedTarget t = ResolveTarget(r.target);
+    if (t.status == TargetStatus::kBadRequest) return Respond(c, 400, r.target, false);
+    if (t.status == TargetStatus::kForbidden) return Respond(c, 403, r.target, false);
+    if (t.path.empty()) return Respond(c, 404, r.target, false);
+    int err = 0;
+    int fd = OpenBeneath(t.path, &err);
+    if (fd < 0) return Respond(c, err == EXDEV || err == ELOOP ? 403 : 404, r.target, false);
+    struct stat st {};
+    if (fstat(fd, &st) != 0 || !S_ISREG(st.st_mode)) {
+      close(fd);
+      return Respond(c, 404, r.target, false);
+    }
+    std::optional<uint32_t> crc = m_server.crcCache().Get(fd, st);
+    if (!crc) {
+      close(fd);
+      return Respond(c, 500, r.target, false);
+    }
+    Range range = ParseRange(r.Header("Range"), st.st_size);
+    if (range.present && !range.satisfiable) {
+      close(fd);
+      char extra[64];
+      std::snprintf(extra, sizeof extra, "Content-Range: bytes */%lld\r\n",
+                    static_cast<long long>(st.st_size));
+      return Respond(c, 416, r.target, false, extra);
+    }
+    off_t first = range.present ? range.first : 0;
+    unsigned long long length = range.present
+                                    ? static_cast<unsigned long long>(range.last - range.first + 1)
+                                    : static_cast<unsigned long long>(st.st_size);
+    unsigned attributes = kAttrArchive | ((st.st_mode & S_IWUSR) ? 0 : 1);
+    char head[512];
+    int n = std::snprintf(
+        head, sizeof head,
+        "HTTP/1.1 %s\r\nServer: ftc-server\r\nContent-Length: %llu\r\nContent-CRC32: %u\r\n"
+        "Content-Attributes: %u\r\nContent-timestamp: %s\r\n"
+        "Content-Type: application/octet-stream\r\nAccept-Ranges: bytes\r\n",
+        range.present ? "206 Partial Content" : "200 OK", length, *crc, attributes,
+        FormatDeviceTimestamp(st.st_mtim.tv_sec).c_str());
+    c.out.assign(head, static_cast<size_t>(n));
+    if (range.present) {
+      n = std::snprintf(head, sizeof head, "Content-Range: bytes %lld-%lld/%lld\r\n",
+                        static_cast<long long>(range.first), static_cast<long long>(range.last),
+                        static_cast<long long>(st.st_size));
+      c.out.append(head, static_cast<size_t>(n));
+    }
+    c.out += c.closeAfter ? "Connection: close\r\n\r\n" : "Connection: Keep-Alive\r\n\r\n";
+    c.outOff = 0;
+    if (m_server.options().verbose)
+      std::fprintf(stderr, "%s %s %s %d %llu\n", c.peer.c_str(), r.method.c_str(), r.target.c_str(),
+                   range.present ? 206 : 200, length);
+    if (r.method == "HEAD" || length == 0) {
+      close(fd);
+      return;
+    }
+    c.fileFd = fd;
+    c.fileOff = first;
+    c.fileLeft = length;
+  }
+
+  int OpenBeneath(const std::string& rel, int* err) {
+    constexpr int kFlags = O_RDONLY | O_CLOEXEC | O_NOCTTY | O_NONBLOCK;
+    static std::atomic<bool> noOpenat2{false};
+    if (!noOpenat2.load(std::memory_order_relaxed)) {
+      open_how how{};
+      how.flags = kFlags;
+      how.resolve = RESOLVE_BENEATH | RESOLVE_NO_MAGICLINKS;
+      int fd =
+          static_cast<int>(syscall(SYS_openat2, m_server.rootFd(), rel.c_str(), &how, sizeof how));
+      if (fd >= 0) return fd;
+      if (errno != ENOSYS && errno != EPERM) return *err = errno, -1;
+      noOpenat2.store(true);
+    }
+    // Kernels without openat2: resolve the whole path and check it is still under the root.
+    std::string full = m_server.options().root + "/" + rel;
+    char resolved[PATH_MAX];
+    if (!realpath(full.c_str(), resolved)) return *err = errno, -1;
+    const std::string& root = m_server.options().root;
+    if (std::strncmp(resolved, root.c_str(), root.size()) != 0 ||
+        (resolved[root.size()] != '/' && resolved[root.size()] != '\0'))
+      return *err = EXDEV, -1;
+    int fd = open(resolved, kFlags);
+    if (fd < 0) *err = errno;
+    return fd;
+  }
+
+  void Respond(Conn& c, int status, const std::string& target, bool close,
+               const char* extraHeaders = "") {
+    if (close) c.closeAfter = true;
+    std::string body = status == 200 ? "" : std::string(Reason(status)) + "\n";
+    char head[256];
+    int n = std::snprintf(
+        head, sizeof head,
+        "HTTP/1.1 %d %s\r\nServer: ftc-server\r\nContent-Length: %zu\r\n"
+        "Content-Type: text/plain\r\n%s%s",
+        status, Reason(status), body.size(), extraHeaders,
+        c.closeAfter ? "Connection: close\r\n\r\n" : "Connection: Keep-Alive\r\n\r\n");
+    c.out.assign(head, static_cast<size_t>(std::min<int>(n, sizeof head - 1)));
+    c.out += body;
+    c.outOff = 0;
+    if (m_server.options().verbose && status != 200)
+      std::fprintf(stderr, "%s %d %s\n", c.peer.c_str(), status, target.c_str());
+  }
+
+  static bool Pending(const Conn& c) { return c.outOff < c.out.size() || c.fileLeft > 0; }
+
+  Flushed Flush(Conn& c) {
+    size_t budget = kSendBudget;
+    while (c.outOff < c.out.size()) {
+      // MSG_MORE lets the head share a segment with the first body bytes.
+      int flags = MSG_NOSIGNAL | (c.fileLeft ? MSG_MORE : 0);
+      ssize_t n = send(c.fd, c.out.data() + c.outOff, c.out.size() - c.outOff, flags);
+      if (n < 0 && errno == EINTR) continue;
+      if (n < 0 && (errno == EAGAIN || errno == EWOULDBLOCK)) return Flushed::kBlocked;
+      if (n <= 0) return Flushed::kError;
+      c.outOff += static_cast<size_t>(n);
+    }
+    c.out.clear();
+    c.outOff = 0;
+    while (c.fileLeft > 0) {
+      if (budget == 0) return Flushed::kBlocked;
+      size_t chunk = static_cast<size_t>(std::min<unsigned long long>(c.fileLeft, budget));
+      ssize_t n = sendfile(c.fd, c.fileFd, &c.fileOff, chunk);
+      if (n < 0 && errno == EINTR) continue;
+      if (n < 0 && (errno == EAGAIN || errno == EWOULDBLOCK)) return Flushed::kBlocked;
+      // 0: the file shrank under us; the promised length can no longer be met.
+      if (n <= 0) return Flushed::kError;
+      c.fileLeft -= static_cast<unsigned long long>(n);
+      budget -= static_cast<size_t>(n);
+    }
+    if (c.fileFd >= 0) close(c.fileFd);
+    c.fileFd = -1;
+    return Flushed::kDone;
+  }
+
+  void SetInterest(Conn& c, bool wantWrite) {
+    // A send budget running out leaves the socket writable: EPOLLOUT fires again at once.
+    if (c.wantWrite == wantWrite) return;
+    epoll_event ev{};
+    ev.events = wantWrite ? EPOLLOUT : (EPOLLIN | EPOLLRDHUP);
+    ev.data.ptr = &c;
+    if (epoll_ctl(m_ep, EPOLL_CTL_MOD, c.fd, &ev) == 0) c.wantWrite = wantWrite;
+  }
+
+  static void Release(Conn& c) {
+    if (c.fileFd >= 0) close(c.fileFd);
+    if (c.fd >= 0) close(c.fd);
+    c.fileFd = c.fd = -1;
+  }
+
+  void Close(Conn& c) {
+    int fd = c.fd;
+    Release(c);
+    m_conns.erase(fd);  // frees c
+  }
+
+  void SweepIdle() {
+    unsigned limit = m_server.options().idleTimeoutSec;
+    if (limit == 0) return;
+    std::vector<int> idle;
+    for (auto& [fd, c] : m_conns)
+      if (m_now - c->lastActive >= static_cast<int64_t>(limit)) idle.push_back(fd);
+    for (int fd : idle) {
+      auto it = m_conns.find(fd);
+      if (it != m_conns.end()) Close(*it->second);
+    }
+  }
+
+  Server& m_server;
+  int m_ep = -1;
+  int m_reserveFd = -1;
+  int64_t m_now = 0;
+  std::unordered_map<int, std::unique_ptr<Conn>> m_conns;
+};
+
+// ---------------------------------------------------------------------------------------------
+
+Server::Server(Options options) : m_options(std::move(options)) {}
+
+Server::~Server() {
+  Stop();
+  Wait();
+  m_workers.clear();
+  if (m_listenFd >= 0) close(m_listenFd);
+  if (m_stopFd >= 0) close(m_stopFd);
+  if (m_rootFd >= 0) close(m_rootFd);
+}
+
+std::string Server::Start() {
+  char resolved[PATH_MAX];
+  if (!realpath(m_options.root.c_str(), resolved))
+    return Errno(("cannot resolve root " + m_options.root).c_str());
+  m_options.root = resolved;
+  m_rootFd = open(resolved, O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+  if (m_rootFd < 0) return Errno(("cannot open root " + m_options.root).c_str());
+  if (std::string e = m_reports.Open(m_options.reports); !e.empty()) return e;
+  m_stopFd = eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
+  if (m_stopFd < 0) return Errno("eventfd");
+
+  addrinfo hints{};
+  hints.ai_family = AF_UNSPEC;
+  hints.ai_socktype = SOCK_STREAM;
+  hints.ai_flags = AI_PASSIVE | AI_NUMERICSERV;
+  addrinfo* res = nullptr;
+  std::string port = std::to_string(m_options.port);
+  int gai = getaddrinfo(m_options.bind.c_str(), port.c_str(), &hints, &res);
+  if (gai != 0) return "cannot resolve " + m_options.bind + ": " + gai_strerror(gai);
+  std::string error = "no address to bind";
+  for (addrinfo* a = res; a; a = a->ai_next) {
+    int fd = socket(a->ai_family, a->ai_socktype | SOCK_NONBLOCK | SOCK_CLOEXEC, a->ai_protocol);
+    if (fd < 0) {
+      error = Errno("socket");
+      continue;
+    }
+    int one = 1;
+    setsockopt(fd, SOL_SOCKET, SO_REUSEADDR, &one, sizeof one);
+    if (bind(fd, a->ai_addr, a->ai_addrlen) != 0 || listen(fd, SOMAXCONN) != 0) {
+      error = Errno(("cannot listen on " + m_options.bind + ":" + port).c_str());
+      close(fd);
+      continue;
+    }
+    m_listenFd = fd;
+    break;
+  }
+  freeaddrinfo(res);
+  if (m_listenFd < 0) return error;
+
+  sockaddr_storage ss{};
+  socklen_t len = sizeof ss;
+  getsockname(m_listenFd, reinterpret_cast<sockaddr*>(&ss), &len);
+  char host[INET6_ADDRSTRLEN] = "";
+  uint16_t bound = 0;
+  if (ss.ss_family == AF_INET6) {
+    auto* s6 = reinterpret_cast<sockaddr_in6*>(&ss);
+    inet_ntop(AF_INET6, &s6->sin6_addr, host, sizeof host);
+    bound = ntohs(s6->sin6_port);
+    m_listenAddress = "[" + std::string(host) + "]:" + std::to_string(bound);
+  } else {
+    auto* s4 = reinterpret_cast<sockaddr_in*>(&ss);
+    inet_ntop(AF_INET, &s4->sin_addr, host, sizeof host);
+    bound = ntohs(s4->sin_port);
+    m_listenAddress = std::string(host) + ":" + std::to_string(bound);
+  }
+
+  unsigned threads = m_options.threads;
+  if (threads == 0) threads = std::max(1u, std::min(8u, std::thread::hardware_concurrency()));
+  for (unsigned i = 0; i < threads; ++i) {
+    auto w = std::make_unique<Worker>(*this);
+    if (std::string e = w->Init(); !e.empty()) return e;
+    m_workers.push_back(std::move(w));
+  }
+  return {};
+}
+
+void Server::Run() {
+  for (auto& w : m_workers) m_threads.emplace_back([&w] { w->Loop(); });
+}
+
+void Server::Stop() {
+  if (m_stopFd < 0) return;
+  uint64_t one = 1;
+  // The counter stays non-zero, so every worker's epoll keeps reporting it.
+  [[maybe_unused]] ssize_t n = write(m_stopFd, &one, sizeof one);
+}
+
+void Server::Wait() {
+  for (auto& t : m_threads)
+    if (t.joinable()) t.join();
+  m_threads.clear();
+}
+
+}  // namespace ftcserver

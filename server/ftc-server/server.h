@@ -1,0 +1,79 @@
+// The upgrade server: an epoll event loop per worker thread over one listening socket.
+#pragma once
+
+#include <atomic>
+#include <cstdint>
+#include <memory>
+#include <mutex>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "common/crc_cache.h"
+
+namespace ftcserver {
+
+struct Options {
+  std::string root;
+  std::string bind = "127.0.0.1";
+  uint16_t port = 8080;
+  std::string reports;   // empty: completion reports go to stdout
+  unsigned threads = 0;  // 0: one per core
+  unsigned idleTimeoutSec = 120;
+  bool verbose = false;
+};
+
+// Appends completion reports, one JSON object per line, each on disk before Append returns.
+class ReportLog {
+ public:
+  ~ReportLog();
+  // Empty path: standard output. Returns an error text, empty on success.
+  std::string Open(const std::string& path);
+  bool Append(const std::string& line);
+
+ private:
+  std::mutex m_mutex;
+  int m_fd = -1;
+  bool m_sync = false;
+};
+
+class Worker;
+
+class Server {
+ public:
+  explicit Server(Options options);
+  ~Server();
+  Server(const Server&) = delete;
+  Server& operator=(const Server&) = delete;
+
+  // Opens the root, the reports file and the listening socket. Returns an error text, empty on
+  // success.
+  std::string Start();
+  // "HOST:PORT" actually bound.
+  std::string ListenAddress() const { return m_listenAddress; }
+  // Starts the workers; returns at once.
+  void Run();
+  // Safe from any thread; Wait() then returns once every connection is closed.
+  void Stop();
+  void Wait();
+
+  const Options& options() const { return m_options; }
+  int rootFd() const { return m_rootFd; }
+  int listenFd() const { return m_listenFd; }
+  int stopFd() const { return m_stopFd; }
+  CrcCache& crcCache() { return m_crcCache; }
+  ReportLog& reports() { return m_reports; }
+
+ private:
+  Options m_options;
+  int m_rootFd = -1;
+  int m_listenFd = -1;
+  int m_stopFd = -1;
+  std::string m_listenAddress;
+  CrcCache m_crcCache;
+  ReportLog m_reports;
+  std::vector<std::unique_ptr<Worker>> m_workers;
+  std::vector<std::thread> m_threads;
+};
+
+}  // namespace ftcserver
