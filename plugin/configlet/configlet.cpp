@@ -1,0 +1,79 @@
+// The exported entry points around the group/field protocol, and the send-up path.
+#include "configlet/configlet.h"
+
+#include <cstdlib>
+
+#include "configlet/protocol_state.h"
+#include "configlet/send_up.h"
+
+HANDLE g_hInst = nullptr;
+std::atomic<uint32_t> gCallBackHandle{0};
+std::atomic<void* const*> gCallbacks{nullptr};
+char* gCurrentGroup = nullptr;
+
+extern "C" {
+
+BOOL DllMain(HANDLE module, DWORD reason, void* /*reserved*/) {
+  if (reason == ICFG_PROCESS_ATTACH) g_hInst = module;
+  return TRUE;
+}
+
+uint32_t IcfgGetInterfaceVersion(void) {
+  return 2;
+}
+
+uint32_t IcfgGetSchemaVersion(uint32_t /*unused*/, uint32_t* major, uint32_t* minor) {
+  if (major) *major = 1;
+  if (minor) *minor = 0;
+  return 0;
+}
+
+uint32_t IcfgInitialize(void) {
+  // A second call starts with a fresh, empty group name; the old buffer is released rather than
+  // leaked.
+  char* previous = gCurrentGroup;
+  gCurrentGroup = static_cast<char*>(calloc(1, kCurrentGroupSize));
+  free(previous);
+  // Version records for the device monitor (AddVersionForDevMon) and the provisioning display
+  // hook (CheckStartProvisioningGUI) are called here once reporting provides them.
+  return 0;
+}
+
+// The current-group buffer stays: a host may still close groups after this.
+uint32_t IcfgUninitialize(void) {
+  return 0;
+}
+
+uint32_t IcfgSetCallbacks(uint32_t context, void* const* table) {
+  gCallBackHandle = context;
+  gCallbacks = table;
+  return 0;
+}
+
+uint32_t IcfgGetFirstInstance(const char* /*group*/, char* instance) {
+  if (instance) instance[0] = '\0';
+  return 0;
+}
+
+uint32_t IcfgGetNextInstance(const char* /*group*/, char* /*instance*/) {
+  return 1;
+}
+
+}  // extern "C"
+
+uint32_t IcfgGetFirstRangeSet(const char*, const char*, int32_t*, int32_t*, int32_t*, char*,
+                              char*) {
+  return 0;
+}
+
+uint32_t IcfgGetNextRangeSet(const char*, const char*, int32_t*, int32_t*, int32_t*, char*, char*) {
+  return 0;
+}
+
+uint32_t SendUpMessage(const char* message, uint32_t length) {
+  void* const* table = gCallbacks.load();
+  if (!table) return 0;
+  auto sendUp = reinterpret_cast<IcfgSendUp>(table[ICFG_SENDUP_SLOT]);
+  if (sendUp) sendUp(gCallBackHandle.load(), message, length);
+  return 1;
+}

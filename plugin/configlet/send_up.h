@@ -1,0 +1,10 @@
+// The one path from the plug-in up to its host: slot 4 of the host's callback table.
+#pragma once
+
+#include <cstdint>
+
+// Sends a NUL-terminated message (length in bytes including the NUL) to the host. Returns 1 when
+// a callback table was set (whatever the host's function answered), 0 when there is none and
+// nothing was sent; callers then use their own transport. Safe from any thread once the host
+// has set its callbacks.
+uint32_t SendUpMessage(const char* message, uint32_t length);
