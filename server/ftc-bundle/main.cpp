@@ -1,0 +1,332 @@
+// ftc-bundle: prepares a bundle folder for devices.
+//   ftc-bundle list BUNDLE_DIR --dest PREFIX [--mask MASK] [--out NAME]
+//   ftc-bundle job BUNDLE_DIR --server http://HOST:PORT[/BASE] --dest PREFIX [--bundle NAME]
+//                  [--mask MASK] [--out JOB.xml] [--version V] [--reboot] [--list NAME]
+//                  [--list-dest DEVICE_PATH]
+#include <dirent.h>
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
+#include <map>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "common/crc32.h"
+#include "common/crc_cache.h"
+#include "common/http.h"
+
+namespace {
+
+constexpr const char* kDefaultListName = "filelist.txt";
+// Device records hold source and destination in 256-byte NUL-terminated fields.
+constexpr size_t kMaxDevicePath = 255;
+
+struct BundleFile {
+  std::string rel;  // '/'-separated, relative to the bundle folder
+  unsigned long long size = 0;
+  uint32_t crc = 0;
+};
+
+int Fail(const std::string& message) {
+  std::fprintf(stderr, "ftc-bundle: %s\n", message.c_str());
+  return 1;
+}
+
+int Usage(const char* error) {
+  if (error) std::fprintf(stderr, "ftc-bundle: %s\n", error);
+  std::fprintf(
+      stderr,
+      "usage: ftc-bundle list BUNDLE_DIR --dest PREFIX [--mask MASK] [--out NAME]\n"
+      "       ftc-bundle job BUNDLE_DIR --server http://HOST:PORT[/BASE] --dest PREFIX\n"
+      "                  [--bundle NAME] [--mask MASK] [--out JOB.xml] [--version V] [--reboot]\n"
+      "                  [--list NAME] [--list-dest DEVICE_PATH]\n");
+  return 2;
+}
+
+std::optional<uint32_t> CrcOfFile(const std::string& path) {
+  int fd = open(path.c_str(), O_RDONLY | O_CLOEXEC);
+  if (fd < 0) return std::nullopt;
+  auto crc = ftcserver::FileCrc32(fd);
+  close(fd);
+  return crc;
+}
+
+// Regular files below `dir`, sorted by relative path. Symbolic links are left out: the server
+// refuses those that lead outside the folder, and a listing must not promise what it won't serve.
+bool Scan(const std::string& dir, const std::string& rel, std::vector<BundleFile>* out,
+          std::string* error) {
+  std::string here = rel.empty() ? dir : dir + "/" + rel;
+  DIR* d = opendir(here.c_str());
+  if (!d) return *error = "cannot read " + here + ": " + std::strerror(errno), false;
+  std::vector<std::string> names;
+  while (dirent* e = readdir(d)) {
+    std::string n = e->d_name;
+    if (n != "." && n != "..") names.push_back(n);
+  }
+  closedir(d);
+  std::sort(names.begin(), names.end());
+  for (const std::string& n : names) {
+    std::string childRel = rel.empty() ? n : rel + "/" + n;
+    std::string full = dir + "/" + childRel;
+    struct stat st {};
+    if (lstat(full.c_str(), &st) != 0) continue;
+    if (S_ISDIR(st.st_mode)) {
+      if (!Scan(dir, childRel, out, error)) return false;
+    } else if (S_ISREG(st.st_mode)) {
+      auto crc = CrcOfFile(full);
+      if (!crc) return *error = "cannot read " + full + ": " + std::strerror(errno), false;
+      out->push_back({childRel, static_cast<unsigned long long>(st.st_size), *crc});
+    }
+  }
+  return true;
+}
+
+// Source as the device will put it in its request line: the server decodes it again.
+std::string UrlPath(const std::string& rel) {
+  static const char* kHex = "0123456789ABCDEF";
+  std::string out;
+  for (unsigned char c : rel) {
+    if (std::isalnum(c) || std::strchr("/-._~!$&'()*+=@", c)) {
+      out.push_back(static_cast<char>(c));
+    } else {
+      out.push_back('%');
+      out.push_back(kHex[c >> 4]);
+      out.push_back(kHex[c & 15]);
+    }
+  }
+  return out;
+}
+
+std::string DevicePath(const std::string& prefix, const std::string& rel) {
+  std::string out = prefix;
+  if (!out.empty() && out.back() != '\\') out.push_back('\\');
+  for (char c : rel) out.push_back(c == '/' ? '\\' : c);
+  return out;
+}
+
+std::string XmlEscape(const std::string& s) {
+  std::string out;
+  for (char c : s) {
+    switch (c) {
+      case '&':
+        out += "&amp;";
+        break;
+      case '<':
+        out += "&lt;";
+        break;
+      case '>':
+        out += "&gt;";
+        break;
+      case '"':
+        out += "&quot;";
+        break;
+      case '\'':
+        out += "&apos;";
+        break;
+      default:
+        out.push_back(c);
+    }
+  }
+  return out;
+}
+
+bool WriteAtomically(const std::string& path, const std::string& data, std::string* error) {
+  std::string tmp = path + ".tmp";
+  int fd = open(tmp.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
+  if (fd < 0) return *error = "cannot write " + tmp + ": " + std::strerror(errno), false;
+  size_t done = 0;
+  while (done < data.size()) {
+    ssize_t n = write(fd, data.data() + done, data.size() - done);
+    if (n < 0 && errno == EINTR) continue;
+    if (n <= 0) {
+      *error = "cannot write " + tmp + ": " + std::strerror(errno);
+      close(fd);
+      unlink(tmp.c_str());
+      return false;
+    }
+    done += static_cast<size_t>(n);
+  }
+  if (fsync(fd) != 0 || close(fd) != 0 || rename(tmp.c_str(), path.c_str()) != 0) {
+    *error = "cannot write " + path + ": " + std::strerror(errno);
+    unlink(tmp.c_str());
+    return false;
+  }
+  return true;
+}
+
+// A name the list file or a device record cannot carry is an error, not a silent truncation.
+std::string CheckRepresentable(const BundleFile& f, const std::string& dest, bool forList) {
+  if (f.rel.find_first_of(forList ? ",\r\n" : "\r\n") != std::string::npos)
+    return f.rel + ": name contains a character the list file uses as a separator";
+  if (UrlPath(f.rel).size() > kMaxDevicePath)
+    return f.rel + ": source longer than the device's 255 characters";
+  if (dest.size() > kMaxDevicePath)
+    return dest + ": destination longer than the device's 255 characters";
+  return {};
+}
+
+void WarnIfUnchecked(const BundleFile& f) {
+  if (f.crc == 0)
+    std::fprintf(stderr,
+                 "ftc-bundle: warning: %s has CRC 0 (%s); devices neither check nor fetch such "
+                 "a file\n",
+                 f.rel.c_str(), f.size == 0 ? "empty" : "by chance");
+}
+
+struct Args {
+  std::string command, dir, dest, mask = "*", out, server, bundle, version, list, listDest;
+  bool reboot = false;
+};
+
+int List(const Args& a) {
+  std::string name = a.out.empty() ? kDefaultListName : a.out;
+  if (name.find('/') != std::string::npos) return Fail("--out names a file inside BUNDLE_DIR");
+  std::vector<BundleFile> files;
+  std::string error;
+  if (!Scan(a.dir, "", &files, &error)) return Fail(error);
+  std::string text;
+  size_t count = 0;
+  for (const BundleFile& f : files) {
+    if (f.rel == name || f.rel == name + ".tmp") continue;
+    std::string dest = DevicePath(a.dest, f.rel);
+    if (std::string e = CheckRepresentable(f, dest, true); !e.empty()) return Fail(e);
+    WarnIfUnchecked(f);
+    text += UrlPath(f.rel) + "," + dest + "," + a.mask + "," + std::to_string(f.crc) + "," +
+            std::to_string(f.size) + "\r\n";
+    ++count;
+  }
+  std::string path = a.dir + "/" + name;
+  if (!WriteAtomically(path, text, &error)) return Fail(error);
+  std::printf("%s: %zu files, CRC %u, %zu bytes\n", path.c_str(), count,
+              ftcserver::Crc32(text.data(), text.size()), text.size());
+  return 0;
+}
+
+struct ServerUrl {
+  std::string host;
+  unsigned port = 0;
+  std::string base;  // "http://host:port[/path]" without a trailing slash
+};
+
+std::optional<ServerUrl> ParseServer(const std::string& url) {
+  if (url.size() < 8 || !ftcserver::EqualsIgnoreCase(url.substr(0, 7), "http://"))
+    return std::nullopt;
+  std::string rest = url.substr(7);
+  size_t slash = rest.find('/');
+  std::string authority = rest.substr(0, slash);
+  std::string path = slash == std::string::npos ? "" : rest.substr(slash);
+  while (!path.empty() && path.back() == '/') path.pop_back();
+  size_t colon = authority.rfind(':');
+  if (colon == std::string::npos || colon == 0) return std::nullopt;
+  auto port = ftcserver::ParseDecimal(authority.substr(colon + 1));
+  if (!port || *port == 0 || *port > 65535) return std::nullopt;
+  ServerUrl s;
+  s.host = authority.substr(0, colon);
+  s.port = static_cast<unsigned>(*port);
+  s.base = "http://" + authority + path;
+  return s;
+}
+
+int Job(const Args& a) {
+  auto server = ParseServer(a.server);
+  if (!server) return Usage("--server must be http://HOST:PORT with an explicit port");
+  std::string listName = a.list.empty() ? kDefaultListName : a.list;
+  std::vector<BundleFile> files;
+  std::string error;
+  if (!Scan(a.dir, "", &files, &error)) return Fail(error);
+
+  std::string bundle = a.bundle;
+  if (bundle.empty()) {
+    std::string d = a.dir;
+    while (d.size() > 1 && d.back() == '/') d.pop_back();
+    bundle = d.substr(d.rfind('/') == std::string::npos ? 0 : d.rfind('/') + 1);
+  }
+
+  std::string x = "<DevInfo Action=\"Set\">\n  <Subsystem Name=\"FileTransferConfiglet\">\n";
+  auto field = [&x](const char* indent, const char* name, const std::string& value) {
+    x += std::string(indent) + "<Field Name=\"" + name + "\">" + XmlEscape(value) + "</Field>\n";
+  };
+  x += "    <Group Name=\"HTTPServer\">\n";
+  field("      ", "IPAddress", server->host);
+  field("      ", "HTTPPort", std::to_string(server->port));
+  field("      ", "BaseURL", server->base);
+  x += "    </Group>\n";
+  if (!a.list.empty()) {
+    auto it = std::find_if(files.begin(), files.end(),
+                           [&](const BundleFile& f) { return f.rel == listName; });
+    if (it == files.end()) return Fail(listName + " not found in " + a.dir + " (run list first)");
+    std::string dest = a.listDest.empty() ? DevicePath(a.dest, listName) : a.listDest;
+    if (std::string e = CheckRepresentable(*it, dest, false); !e.empty()) return Fail(e);
+    x += "    <Group Name=\"FileList\">\n";
+    field("      ", "Source", UrlPath(it->rel));
+    field("      ", "Dest", dest);
+    field("      ", "CRC", std::to_string(it->crc));
+    x += "    </Group>\n";
+  }
+  // With a list file the device takes its downloads from the list; naming them here as well
+  // would validate every file twice.
+  if (a.list.empty()) x += "    <Group Name=\"Download\">\n";
+  for (const BundleFile& f : files) {
+    if (f.rel == listName || !a.list.empty()) continue;
+    std::string dest = DevicePath(a.dest, f.rel);
+    if (std::string e = CheckRepresentable(f, dest, false); !e.empty()) return Fail(e);
+    WarnIfUnchecked(f);
+    x += "      <Group Name=\"File\">\n";
+    field("        ", "Source", UrlPath(f.rel));
+    field("        ", "Dest", dest);
+    field("        ", "CRC", std::to_string(f.crc));
+    field("        ", "MCTMask", a.mask);
+    x += "      </Group>\n";
+  }
+  if (a.list.empty()) x += "    </Group>\n";
+  field("    ", "BundleName", bundle);
+  if (!a.version.empty()) field("    ", "Version", a.version);
+  if (a.reboot) field("    ", "Reboot", "True");
+  x += "    <Group Name=\"Upgrade\"/>\n  </Subsystem>\n</DevInfo>\n";
+
+  if (a.out.empty()) {
+    std::fwrite(x.data(), 1, x.size(), stdout);
+    return std::fflush(stdout) == 0 ? 0 : 1;
+  }
+  if (!WriteAtomically(a.out, x, &error)) return Fail(error);
+  return 0;
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  if (argc < 3) return Usage(nullptr);
+  Args a;
+  a.command = argv[1];
+  a.dir = argv[2];
+  std::map<std::string, std::string*> valued = {
+      {"--dest", &a.dest},     {"--mask", &a.mask},         {"--out", &a.out},
+      {"--server", &a.server}, {"--bundle", &a.bundle},     {"--version", &a.version},
+      {"--list", &a.list},     {"--list-dest", &a.listDest}};
+  for (int i = 3; i < argc; ++i) {
+    std::string opt = argv[i];
+    if (opt == "--reboot") {
+      a.reboot = true;
+      continue;
+    }
+    auto it = valued.find(opt);
+    if (it == valued.end()) return Usage(("unknown option " + opt).c_str());
+    if (i + 1 >= argc) return Usage(("missing value for " + opt).c_str());
+    *it->second = argv[++i];
+  }
+  if (a.dest.empty()) return Usage("--dest is required");
+  if (a.mask.empty() || a.mask.find_first_of(",\r\n") != std::string::npos)
+    return Usage("--mask must be non-empty and free of commas and line breaks");
+  if (a.command == "list") return List(a);
+  if (a.command == "job") {
+    if (a.server.empty()) return Usage("--server is required");
+    return Job(a);
+  }
+  return Usage(("unknown command " + a.command).c_str());
+}
