@@ -1,0 +1,426 @@
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <sys/statvfs.h>
+#include <sys/time.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdio>
+#include <string>
+
+#include "internal.h"
+#include "platform/winux.h"
+#include "winux_host.h"
+
+namespace winux {
+
+struct FileObject : Object {
+  FileObject() : Object(Kind::File) {}
+  ~FileObject() override {
+    if (fd >= 0) close(fd);
+  }
+  int fd = -1;
+};
+
+namespace {
+
+bool ReadOnlyMode(mode_t mode) {
+  return (mode & S_IWUSR) == 0;
+}
+
+// Full write; loops on EINTR and short counts.
+bool WriteAll(int fd, const char* data, size_t size) {
+  while (size > 0) {
+    ssize_t n = write(fd, data, size);
+    if (n < 0) {
+      if (errno == EINTR) continue;
+      return false;
+    }
+    data += n;
+    size -= static_cast<size_t>(n);
+  }
+  return true;
+}
+
+// Reads up to size bytes; stops early only at the end of the file.
+ssize_t ReadAll(int fd, char* data, size_t size) {
+  size_t total = 0;
+  while (total < size) {
+    ssize_t n = read(fd, data + total, size - total);
+    if (n < 0) {
+      if (errno == EINTR) continue;
+      return -1;
+    }
+    if (n == 0) break;
+    total += static_cast<size_t>(n);
+  }
+  return static_cast<ssize_t>(total);
+}
+
+MappedPath MapWide(LPCWSTR path) {
+  if (!path || !*path) {
+    SetLastError(path ? ERROR_PATH_NOT_FOUND : ERROR_INVALID_PARAMETER);
+    return MappedPath{};
+  }
+  return MapDevicePath(ToUtf8(path));
+}
+
+// Copies a regular file through a temporary beside the target, so a reader never sees half of it.
+bool CopyHostFile(const std::string& from, const std::string& to) {
+  int in = open(from.c_str(), O_RDONLY | O_CLOEXEC);
+  if (in < 0) {
+    WinuxSetLastErrorFromErrno(errno);
+    return false;
+  }
+  struct stat st;
+  if (fstat(in, &st) != 0 || S_ISDIR(st.st_mode)) {
+    int err = errno;
+    close(in);
+    if (S_ISDIR(st.st_mode))
+      SetLastError(ERROR_ACCESS_DENIED);
+    else
+      WinuxSetLastErrorFromErrno(err);
+    return false;
+  }
+  std::string temp = to + ".winux-copy-" + std::to_string(getpid());
+  int out = open(temp.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600);
+  if (out < 0) {
+    WinuxSetLastErrorFromErrno(errno);
+    close(in);
+    return false;
+  }
+  char buffer[65536];
+  bool ok = true;
+  for (;;) {
+    ssize_t n = ReadAll(in, buffer, sizeof buffer);
+    if (n < 0 || !WriteAll(out, buffer, static_cast<size_t>(n))) {
+      ok = false;
+      break;
+    }
+    if (static_cast<size_t>(n) < sizeof buffer) break;
+  }
+  int err = errno;
+  close(in);
+  if (ok) {
+    // Like the device, the copy keeps the source's write time and read-only state.
+    struct timespec times[2] = {st.st_atim, st.st_mtim};
+    futimens(out, times);
+    fchmod(out, st.st_mode & 07777);
+  }
+  if (close(out) != 0 && ok) {
+    ok = false;
+    err = errno;
+  }
+  if (ok && rename(temp.c_str(), to.c_str()) != 0) {
+    ok = false;
+    err = errno;
+  }
+  if (!ok) {
+    unlink(temp.c_str());
+    WinuxSetLastErrorFromErrno(err);
+  }
+  return ok;
+}
+
+}  // namespace
+}  // namespace winux
+
+using namespace winux;
+
+extern "C" HANDLE CreateFile(LPCWSTR path, DWORD access, DWORD, LPSECURITY_ATTRIBUTES,
+                             DWORD disposition, DWORD flagsAndAttributes, HANDLE) {
+  MappedPath mapped = MapWide(path);
+  if (mapped.host.empty()) return INVALID_HANDLE_VALUE;
+  int flags = O_CLOEXEC;
+  const bool wantWrite = (access & GENERIC_WRITE) != 0;
+  if (wantWrite && (access & GENERIC_READ))
+    flags |= O_RDWR;
+  else if (wantWrite)
+    flags |= O_WRONLY;
+  else
+    flags |= O_RDONLY;
+  switch (disposition) {
+    case CREATE_NEW:
+      flags |= O_CREAT | O_EXCL;
+      break;
+    case CREATE_ALWAYS:
+      flags |= O_CREAT | O_TRUNC;
+      break;
+    case OPEN_EXISTING:
+      break;
+    case OPEN_ALWAYS:
+      flags |= O_CREAT;
+      break;
+    case TRUNCATE_EXISTING:
+      flags |= O_TRUNC;
+      break;
+    default:
+      SetLastError(ERROR_INVALID_PARAMETER);
+      return INVALID_HANDLE_VALUE;
+  }
+  struct stat st;
+  const bool exists = stat(mapped.host.c_str(), &st) == 0;
+  if (exists && S_ISDIR(st.st_mode)) {
+    SetLastError(ERROR_ACCESS_DENIED);
+    return INVALID_HANDLE_VALUE;
+  }
+  if (exists && disposition == CREATE_NEW) {
+    SetLastError(ERROR_FILE_EXISTS);
+    return INVALID_HANDLE_VALUE;
+  }
+  // The read-only attribute binds even where the host user could write anyway.
+  if (exists && (wantWrite || (flags & O_TRUNC)) && ReadOnlyMode(st.st_mode)) {
+    SetLastError(ERROR_ACCESS_DENIED);
+    return INVALID_HANDLE_VALUE;
+  }
+  if ((flags & O_TRUNC) && !wantWrite) flags = (flags & ~O_RDONLY) | O_RDWR;
+  mode_t mode = (flagsAndAttributes & FILE_ATTRIBUTE_READONLY) ? 0444 : 0666;
+  int fd = open(mapped.host.c_str(), flags, mode);
+  if (fd < 0) {
+    SetErrorForPath(errno, mapped);
+    return INVALID_HANDLE_VALUE;
+  }
+  auto object = std::make_shared<FileObject>();
+  object->fd = fd;
+  // Opening an existing file with a creating disposition reports that it was there.
+  SetLastError(exists && (disposition == CREATE_ALWAYS || disposition == OPEN_ALWAYS)
+                   ? ERROR_ALREADY_EXISTS
+                   : ERROR_SUCCESS);
+  return AddHandle(object);
+}
+
+extern "C" BOOL ReadFile(HANDLE file, LPVOID buffer, DWORD toRead, LPDWORD read, LPVOID) {
+  if (read) *read = 0;
+  auto f = Lookup<FileObject>(file, Kind::File);
+  if (!f) return FALSE;
+  if (!buffer && toRead) {
+    SetLastError(ERROR_INVALID_PARAMETER);
+    return FALSE;
+  }
+  ssize_t n = ReadAll(f->fd, static_cast<char*>(buffer), toRead);
+  if (n < 0) {
+    WinuxSetLastErrorFromErrno(errno);
+    return FALSE;
+  }
+  if (read) *read = static_cast<DWORD>(n);
+  return TRUE;
+}
+
+extern "C" BOOL WriteFile(HANDLE file, LPCVOID buffer, DWORD toWrite, LPDWORD written, LPVOID) {
+  if (written) *written = 0;
+  auto f = Lookup<FileObject>(file, Kind::File);
+  if (!f) return FALSE;
+  if (!buffer && toWrite) {
+    SetLastError(ERROR_INVALID_PARAMETER);
+    return FALSE;
+  }
+  if (!WriteAll(f->fd, static_cast<const char*>(buffer), toWrite)) {
+    WinuxSetLastErrorFromErrno(errno);
+    return FALSE;
+  }
+  if (written) *written = toWrite;
+  return TRUE;
+}
+
+extern "C" DWORD GetFileSize(HANDLE file, LPDWORD sizeHigh) {
+  auto f = Lookup<FileObject>(file, Kind::File);
+  struct stat st;
+  if (!f) return 0xFFFFFFFFu;
+  if (fstat(f->fd, &st) != 0) {
+    WinuxSetLastErrorFromErrno(errno);
+    return 0xFFFFFFFFu;
+  }
+  uint64_t size = static_cast<uint64_t>(st.st_size);
+  if (sizeHigh) *sizeHigh = static_cast<DWORD>(size >> 32);
+  SetLastError(ERROR_SUCCESS);
+  return static_cast<DWORD>(size);
+}
+
+extern "C" DWORD SetFilePointer(HANDLE file, LONG distance, LPLONG distanceHigh, DWORD method) {
+  auto f = Lookup<FileObject>(file, Kind::File);
+  if (!f) return 0xFFFFFFFFu;
+  int64_t offset =
+      distanceHigh ? (static_cast<int64_t>(*distanceHigh) << 32) | static_cast<uint32_t>(distance)
+                   : static_cast<int64_t>(distance);
+  int whence = method == 0 ? SEEK_SET : method == 1 ? SEEK_CUR : method == 2 ? SEEK_END : -1;
+  if (whence < 0) {
+    SetLastError(ERROR_INVALID_PARAMETER);
+    return 0xFFFFFFFFu;
+  }
+  off_t at = lseek(f->fd, static_cast<off_t>(offset), whence);
+  if (at < 0) {
+    WinuxSetLastErrorFromErrno(errno);
+    return 0xFFFFFFFFu;
+  }
+  if (distanceHigh) *distanceHigh = static_cast<LONG>(static_cast<uint64_t>(at) >> 32);
+  SetLastError(ERROR_SUCCESS);
+  return static_cast<DWORD>(at);
+}
+
+extern "C" FILE* WinuxFopen(const char* path, const char* mode) {
+  if (!path || !mode || !*path) {
+    SetLastError(ERROR_INVALID_PARAMETER);
+    return nullptr;
+  }
+  MappedPath mapped = MapDevicePath(path);
+  if (mapped.host.empty()) return nullptr;
+  FILE* f = fopen(mapped.host.c_str(), mode);
+  if (!f) SetErrorForPath(errno, mapped);
+  return f;
+}
+
+extern "C" FILE* _wfopen(LPCWSTR path, LPCWSTR mode) {
+  if (!path || !mode) {
+    SetLastError(ERROR_INVALID_PARAMETER);
+    return nullptr;
+  }
+  return WinuxFopen(ToUtf8(path).c_str(), ToUtf8(mode).c_str());
+}
+
+extern "C" BOOL CreateDirectory(LPCWSTR path, LPSECURITY_ATTRIBUTES) {
+  MappedPath mapped = MapWide(path);
+  if (mapped.host.empty()) return FALSE;
+  if (mkdir(mapped.host.c_str(), 0777) != 0) {
+    SetErrorForPath(errno, mapped);
+    return FALSE;
+  }
+  return TRUE;
+}
+
+extern "C" BOOL RemoveDirectory(LPCWSTR path) {
+  MappedPath mapped = MapWide(path);
+  if (mapped.host.empty()) return FALSE;
+  if (mapped.isStoreRoot) {
+    SetLastError(ERROR_ACCESS_DENIED);
+    return FALSE;
+  }
+  if (rmdir(mapped.host.c_str()) != 0) {
+    SetErrorForPath(errno == EEXIST ? ENOTEMPTY : errno, mapped);
+    return FALSE;
+  }
+  return TRUE;
+}
+
+extern "C" BOOL DeleteFile(LPCWSTR path) {
+  MappedPath mapped = MapWide(path);
+  if (mapped.host.empty()) return FALSE;
+  struct stat st;
+  if (lstat(mapped.host.c_str(), &st) != 0) {
+    SetErrorForPath(errno, mapped);
+    return FALSE;
+  }
+  if (S_ISDIR(st.st_mode) || (!S_ISLNK(st.st_mode) && ReadOnlyMode(st.st_mode))) {
+    SetLastError(ERROR_ACCESS_DENIED);
+    return FALSE;
+  }
+  if (unlink(mapped.host.c_str()) != 0) {
+    SetErrorForPath(errno, mapped);
+    return FALSE;
+  }
+  return TRUE;
+}
+
+extern "C" BOOL CopyFile(LPCWSTR existing, LPCWSTR target, BOOL failIfExists) {
+  MappedPath from = MapWide(existing);
+  if (from.host.empty()) return FALSE;
+  MappedPath to = MapWide(target);
+  if (to.host.empty()) return FALSE;
+  struct stat st;
+  if (stat(from.host.c_str(), &st) != 0) {
+    SetErrorForPath(errno, from);
+    return FALSE;
+  }
+  if (stat(to.host.c_str(), &st) == 0) {
+    if (failIfExists) {
+      SetLastError(ERROR_FILE_EXISTS);
+      return FALSE;
+    }
+    if (S_ISDIR(st.st_mode) || ReadOnlyMode(st.st_mode)) {
+      SetLastError(ERROR_ACCESS_DENIED);
+      return FALSE;
+    }
+  } else if (to.parentMissing) {
+    SetLastError(ERROR_PATH_NOT_FOUND);
+    return FALSE;
+  }
+  return CopyHostFile(from.host, to.host) ? TRUE : FALSE;
+}
+
+extern "C" BOOL MoveFile(LPCWSTR existing, LPCWSTR target) {
+  MappedPath from = MapWide(existing);
+  if (from.host.empty()) return FALSE;
+  MappedPath to = MapWide(target);
+  if (to.host.empty()) return FALSE;
+  struct stat st;
+  if (lstat(from.host.c_str(), &st) != 0) {
+    SetErrorForPath(errno, from);
+    return FALSE;
+  }
+  // A target that differs only in case is the same file on the device: a rename in place.
+  if (lstat(to.host.c_str(), &st) == 0 && to.host != from.host) {
+    SetLastError(ERROR_ALREADY_EXISTS);
+    return FALSE;
+  }
+  if (rename(from.host.c_str(), to.host.c_str()) == 0) return TRUE;
+  if (errno != EXDEV) {
+    SetErrorForPath(errno, to.parentMissing ? to : from);
+    return FALSE;
+  }
+  // Between the memory area and the root: copy, then remove the original.
+  if (!CopyHostFile(from.host, to.host)) return FALSE;
+  unlink(from.host.c_str());
+  return TRUE;
+}
+
+extern "C" DWORD GetFileAttributes(LPCWSTR path) {
+  MappedPath mapped = MapWide(path);
+  if (mapped.host.empty()) return INVALID_FILE_ATTRIBUTES;
+  struct stat st;
+  if (stat(mapped.host.c_str(), &st) != 0) {
+    SetErrorForPath(errno, mapped);
+    return INVALID_FILE_ATTRIBUTES;
+  }
+  DWORD attributes = 0;
+  if (S_ISDIR(st.st_mode)) {
+    attributes |= FILE_ATTRIBUTE_DIRECTORY;
+    if (IsMountedStore(mapped.host)) attributes |= FILE_ATTRIBUTE_MOUNTED_STORE;
+  }
+  if (ReadOnlyMode(st.st_mode)) attributes |= FILE_ATTRIBUTE_READONLY;
+  return attributes ? attributes : FILE_ATTRIBUTE_NORMAL;
+}
+
+extern "C" BOOL SetFileAttributes(LPCWSTR path, DWORD attributes) {
+  MappedPath mapped = MapWide(path);
+  if (mapped.host.empty()) return FALSE;
+  struct stat st;
+  if (stat(mapped.host.c_str(), &st) != 0) {
+    SetErrorForPath(errno, mapped);
+    return FALSE;
+  }
+  mode_t mode = st.st_mode & 07777;
+  if (attributes & FILE_ATTRIBUTE_READONLY)
+    mode &= ~static_cast<mode_t>(S_IWUSR | S_IWGRP | S_IWOTH);
+  else
+    mode |= S_IWUSR;
+  if (mode != (st.st_mode & 07777) && chmod(mapped.host.c_str(), mode) != 0) {
+    WinuxSetLastErrorFromErrno(errno);
+    return FALSE;
+  }
+  return TRUE;
+}
+
+extern "C" BOOL GetDiskFreeSpaceEx(LPCWSTR path, PULARGE_INTEGER freeToCaller,
+                                   PULARGE_INTEGER total, PULARGE_INTEGER totalFree) {
+  MappedPath mapped = path ? MapWide(path) : MapDevicePath("\\");
+  if (mapped.host.empty()) return FALSE;
+  struct statvfs vfs;
+  if (statvfs(mapped.host.c_str(), &vfs) != 0) {
+    SetErrorForPath(errno, mapped);
+    return FALSE;
+  }
+  const uint64_t unit = vfs.f_frsize ? vfs.f_frsize : vfs.f_bsize;
+  if (freeToCaller) freeToCaller->QuadPart = static_cast<uint64_t>(vfs.f_bavail) * unit;
+  if (total) total->QuadPart = static_cast<uint64_t>(vfs.f_blocks) * unit;
+  if (totalFree) totalFree->QuadPart = static_cast<uint64_t>(vfs.f_bfree) * unit;
+  return TRUE;
+}

@@ -1,0 +1,355 @@
+#include <algorithm>
+#include <cstdarg>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <cwchar>
+#include <string>
+
+#include "internal.h"
+#include "platform/winux.h"
+
+namespace winux {
+
+namespace {
+bool ValidCodePoint(uint32_t cp) {
+  return cp <= 0x10FFFF && (cp < 0xD800 || cp > 0xDFFF);
+}
+
+void AppendUtf8(std::string& out, uint32_t cp) {
+  if (cp < 0x80) {
+    out += static_cast<char>(cp);
+  } else if (cp < 0x800) {
+    out += static_cast<char>(0xC0 | (cp >> 6));
+    out += static_cast<char>(0x80 | (cp & 0x3F));
+  } else if (cp < 0x10000) {
+    out += static_cast<char>(0xE0 | (cp >> 12));
+    out += static_cast<char>(0x80 | ((cp >> 6) & 0x3F));
+    out += static_cast<char>(0x80 | (cp & 0x3F));
+  } else {
+    out += static_cast<char>(0xF0 | (cp >> 18));
+    out += static_cast<char>(0x80 | ((cp >> 12) & 0x3F));
+    out += static_cast<char>(0x80 | ((cp >> 6) & 0x3F));
+    out += static_cast<char>(0x80 | (cp & 0x3F));
+  }
+}
+
+// Encodes n wide characters; invalid ones become replacement (counted in *replaced).
+std::string Encode(const wchar_t* text, size_t n, char replacement, bool* replaced) {
+  std::string out;
+  out.reserve(n);
+  for (size_t i = 0; i < n; ++i) {
+    uint32_t cp = static_cast<uint32_t>(text[i]);
+    if (ValidCodePoint(cp)) {
+      AppendUtf8(out, cp);
+    } else {
+      out += replacement;
+      if (replaced) *replaced = true;
+    }
+  }
+  return out;
+}
+
+// Decodes n bytes; a byte that does not start a valid sequence stands for itself.
+std::wstring Decode(const char* text, size_t n) {
+  std::wstring out;
+  out.reserve(n);
+  const unsigned char* s = reinterpret_cast<const unsigned char*>(text);
+  size_t i = 0;
+  while (i < n) {
+    unsigned char c = s[i];
+    size_t len = c < 0x80           ? 1
+                 : (c >> 5) == 0x6  ? 2
+                 : (c >> 4) == 0xE  ? 3
+                 : (c >> 3) == 0x1E ? 4
+                                    : 0;
+    uint32_t cp = len == 1 ? c : len == 2 ? (c & 0x1F) : len == 3 ? (c & 0x0F) : (c & 0x07);
+    bool ok = len != 0 && i + len <= n;
+    for (size_t k = 1; ok && k < len; ++k) {
+      if ((s[i + k] & 0xC0) != 0x80) ok = false;
+      cp = (cp << 6) | (s[i + k] & 0x3F);
+    }
+    static const uint32_t kMin[] = {0, 0, 0x80, 0x800, 0x10000};
+    if (ok && (cp < kMin[len] || !ValidCodePoint(cp))) ok = false;
+    if (!ok) {
+      out += static_cast<wchar_t>(c);
+      ++i;
+      continue;
+    }
+    out += static_cast<wchar_t>(cp);
+    i += len;
+  }
+  return out;
+}
+}  // namespace
+
+std::string ToUtf8(const wchar_t* text) {
+  return text ? Encode(text, wcslen(text), '?', nullptr) : std::string();
+}
+std::string ToUtf8(const std::wstring& text) {
+  return Encode(text.data(), text.size(), '?', nullptr);
+}
+std::wstring FromUtf8(const char* text) {
+  return text ? Decode(text, strlen(text)) : L"";
+}
+std::wstring FromUtf8(const std::string& text) {
+  return Decode(text.data(), text.size());
+}
+
+bool EqualsNoCase(const std::string& a, const std::string& b) {
+  if (a.size() != b.size()) return false;
+  for (size_t i = 0; i < a.size(); ++i) {
+    unsigned char x = static_cast<unsigned char>(a[i]), y = static_cast<unsigned char>(b[i]);
+    if (x >= 'A' && x <= 'Z') x = static_cast<unsigned char>(x - 'A' + 'a');
+    if (y >= 'A' && y <= 'Z') y = static_cast<unsigned char>(y - 'A' + 'a');
+    if (x != y) return false;
+  }
+  return true;
+}
+
+void CopyWide(wchar_t* out, size_t capacity, const std::wstring& text) {
+  if (!out || capacity == 0) return;
+  size_t n = text.size() < capacity - 1 ? text.size() : capacity - 1;
+  wmemcpy(out, text.data(), n);
+  out[n] = L'\0';
+}
+
+namespace {
+
+constexpr size_t kWsprintfLimit = 1024;  // characters, terminator included
+constexpr int kMaxField = 1100;          // anything wider is cut by the limit anyway
+
+struct Spec {
+  std::wstring flags;
+  int width = -1;
+  int precision = -1;
+  std::string length;
+};
+
+void Pad(std::wstring& out, const std::wstring& body, const Spec& spec) {
+  bool left = spec.flags.find(L'-') != std::wstring::npos;
+  size_t width = spec.width > 0 ? static_cast<size_t>(spec.width) : 0;
+  size_t fill = body.size() < width ? width - body.size() : 0;
+  if (!left) out.append(fill, L' ');
+  out += body;
+  if (left) out.append(fill, L' ');
+}
+
+std::wstring NumberFormat(const Spec& spec, const char* length, wchar_t conv) {
+  std::wstring f = L"%" + spec.flags;
+  if (spec.width >= 0) f += std::to_wstring(spec.width);
+  if (spec.precision >= 0) f += L"." + std::to_wstring(spec.precision);
+  for (const char* p = length; *p; ++p) f += static_cast<wchar_t>(*p);
+  f += conv;
+  return f;
+}
+
+template <typename T>
+void AppendNumber(std::wstring& out, const Spec& spec, const char* length, wchar_t conv, T value) {
+  wchar_t buffer[kMaxField * 2 + 64];
+  std::wstring f = NumberFormat(spec, length, conv);
+  int n = swprintf(buffer, sizeof buffer / sizeof buffer[0], f.c_str(), value);
+  if (n > 0) out.append(buffer, static_cast<size_t>(n));
+}
+
+bool IsWideString(wchar_t conv, const std::string& length) {
+  bool narrowMark = length == "h" || length == "hh";
+  bool wideMark = length == "l" || length == "w";
+  return conv == L's' || conv == L'c' ? !narrowMark : wideMark;
+}
+
+std::wstring Format(const wchar_t* format, va_list args) {
+  std::wstring out;
+  for (const wchar_t* p = format; *p && out.size() < kWsprintfLimit; ++p) {
+    if (*p != L'%') {
+      out += *p;
+      continue;
+    }
+    const wchar_t* start = p++;
+    if (*p == L'%') {
+      out += L'%';
+      continue;
+    }
+    Spec spec;
+    while (*p && wcschr(L"-+ #0", *p)) spec.flags += *p++;
+    if (*p == L'*') {
+      spec.width = va_arg(args, int);
+      if (spec.width < 0) {
+        spec.flags += L'-';
+        spec.width = -spec.width;
+      }
+      ++p;
+    } else {
+      while (*p >= L'0' && *p <= L'9') {
+        int digit = *p++ - L'0';
+        spec.width = spec.width < 0 ? digit : std::min(spec.width * 10 + digit, kMaxField + 1);
+      }
+    }
+    if (*p == L'.') {
+      ++p;
+      spec.precision = 0;
+      if (*p == L'*') {
+        spec.precision = va_arg(args, int);
+        ++p;
+      } else {
+        while (*p >= L'0' && *p <= L'9') {
+          int digit = *p++ - L'0';
+          spec.precision = std::min(spec.precision * 10 + digit, kMaxField + 1);
+        }
+      }
+    }
+    if (spec.width > kMaxField) spec.width = kMaxField;
+    if (spec.precision > kMaxField) spec.precision = kMaxField;
+    if (p[0] == L'I' && p[1] == L'6' && p[2] == L'4') {
+      spec.length = "ll";
+      p += 3;
+    } else {
+      while (*p && wcschr(L"hlLwzjt", *p)) spec.length += static_cast<char>(*p++);
+    }
+    const wchar_t conv = *p;
+    const bool wide64 = spec.length == "ll" || spec.length == "j" || spec.length == "z" ||
+                        spec.length == "t" || spec.length == "L";
+    switch (conv) {
+      case L'd':
+      case L'i': {
+        // The device's long is 32-bit: %ld reads a 32-bit value, not a 64-bit one.
+        long long v = wide64 ? va_arg(args, long long) : va_arg(args, int);
+        if (spec.length == "h") v = static_cast<short>(v);
+        if (spec.length == "hh") v = static_cast<signed char>(v);
+        AppendNumber(out, spec, "ll", conv, v);
+        break;
+      }
+      case L'u':
+      case L'x':
+      case L'X':
+      case L'o': {
+        unsigned long long v = wide64 ? va_arg(args, unsigned long long) : va_arg(args, unsigned);
+        if (spec.length == "h") v = static_cast<unsigned short>(v);
+        if (spec.length == "hh") v = static_cast<unsigned char>(v);
+        AppendNumber(out, spec, "ll", conv, v);
+        break;
+      }
+      case L'f':
+      case L'F':
+      case L'e':
+      case L'E':
+      case L'g':
+      case L'G':
+      case L'a':
+      case L'A':
+        if (spec.length == "L")
+          AppendNumber(out, spec, "L", conv, va_arg(args, long double));
+        else
+          AppendNumber(out, spec, "", conv, va_arg(args, double));
+        break;
+      case L'p':
+        AppendNumber(out, spec, "", conv, va_arg(args, void*));
+        break;
+      case L'c':
+      case L'C': {
+        int v = va_arg(args, int);
+        wchar_t ch = IsWideString(conv, spec.length)
+                         ? static_cast<wchar_t>(v)
+                         : static_cast<wchar_t>(static_cast<unsigned char>(v));
+        Pad(out, std::wstring(1, ch), spec);
+        break;
+      }
+      case L's':
+      case L'S': {
+        std::wstring text;
+        if (IsWideString(conv, spec.length)) {
+          const wchar_t* w = va_arg(args, const wchar_t*);
+          text = w ? w : L"(null)";
+        } else {
+          const char* n = va_arg(args, const char*);
+          text = n ? FromUtf8(n) : L"(null)";
+        }
+        if (spec.precision >= 0 && text.size() > static_cast<size_t>(spec.precision))
+          text.resize(static_cast<size_t>(spec.precision));
+        Pad(out, text, spec);
+        break;
+      }
+      case L'n':
+        (void)va_arg(args, void*);  // never written through: formats may come from outside
+        break;
+      default:
+        // Unknown conversion: shown as written.
+        out.append(start, static_cast<size_t>((conv ? p + 1 : p) - start));
+        break;
+    }
+    if (!conv) break;
+  }
+  return out;
+}
+
+}  // namespace
+}  // namespace winux
+
+extern "C" int wsprintf(LPWSTR out, LPCWSTR format, ...) {
+  if (!out) return 0;
+  if (!format) {
+    out[0] = L'\0';
+    return 0;
+  }
+  va_list args;
+  va_start(args, format);
+  std::wstring text = winux::Format(format, args);
+  va_end(args);
+  winux::CopyWide(out, winux::kWsprintfLimit, text);
+  return static_cast<int>(wcslen(out));
+}
+
+extern "C" int WideCharToMultiByte(UINT codePage, DWORD flags, LPCWSTR wide, int wideChars,
+                                   LPSTR out, int outBytes, LPCSTR defaultChar, BOOL* usedDefault) {
+  (void)codePage;  // every code page is UTF-8 on this host
+  (void)flags;
+  if (!wide || wideChars == 0 || wideChars < -1 || outBytes < 0 || (outBytes > 0 && !out)) {
+    SetLastError(ERROR_INVALID_PARAMETER);
+    return 0;
+  }
+  size_t n = wideChars == -1 ? wcslen(wide) + 1 : static_cast<size_t>(wideChars);
+  bool replaced = false;
+  std::string text =
+      winux::Encode(wide, n, defaultChar && *defaultChar ? *defaultChar : '?', &replaced);
+  if (usedDefault) *usedDefault = replaced ? TRUE : FALSE;
+  if (text.size() > 0x7FFFFFFFu) {
+    SetLastError(ERROR_INVALID_PARAMETER);
+    return 0;
+  }
+  if (outBytes == 0) return static_cast<int>(text.size());
+  if (text.size() > static_cast<size_t>(outBytes)) {
+    SetLastError(ERROR_INSUFFICIENT_BUFFER);
+    return 0;
+  }
+  memcpy(out, text.data(), text.size());
+  return static_cast<int>(text.size());
+}
+
+extern "C" int MultiByteToWideChar(UINT codePage, DWORD flags, LPCSTR text, int bytes, LPWSTR out,
+                                   int outChars) {
+  (void)codePage;
+  (void)flags;
+  if (!text || bytes == 0 || bytes < -1 || outChars < 0 || (outChars > 0 && !out)) {
+    SetLastError(ERROR_INVALID_PARAMETER);
+    return 0;
+  }
+  size_t n = bytes == -1 ? strlen(text) + 1 : static_cast<size_t>(bytes);
+  std::wstring wide = winux::Decode(text, n);
+  if (wide.size() > 0x7FFFFFFFu) {
+    SetLastError(ERROR_INVALID_PARAMETER);
+    return 0;
+  }
+  if (outChars == 0) return static_cast<int>(wide.size());
+  if (wide.size() > static_cast<size_t>(outChars)) {
+    SetLastError(ERROR_INSUFFICIENT_BUFFER);
+    return 0;
+  }
+  wmemcpy(out, wide.data(), wide.size());
+  return static_cast<int>(wide.size());
+}
+
+extern "C" void OutputDebugString(LPCWSTR text) {
+  if (!text || !getenv("WINUX_DEBUG")) return;
+  std::string narrow = winux::ToUtf8(text);
+  fputs(narrow.c_str(), stderr);
+}
