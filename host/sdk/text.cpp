@@ -2,8 +2,10 @@
 
 #include <cstring>
 #include <cwchar>
+#include <string>
 
 #include "platform/helpers.h"
+#include "sdk_internal.h"
 
 namespace {
 
@@ -221,4 +223,20 @@ void TVLFileSplitPathA(const char* path, char* drive, int driveSize, char* dir, 
 void TVLFileSplitPathW(const wchar_t* path, wchar_t* drive, int driveSize, wchar_t* dir,
                        int dirSize, wchar_t* name, int nameSize, wchar_t* ext, int extSize) {
   SplitPath(path, drive, driveSize, dir, dirSize, name, nameSize, ext, extSize);
+}
+
+std::wstring SdkWiden(const char* text) {
+  if (!text) return std::wstring();
+  std::wstring out(std::strlen(text) + 1, L'\0');
+  QVToTStrW(text, &out[0], static_cast<int>(out.size()));
+  out.resize(std::wcslen(out.c_str()));
+  return out;
+}
+
+std::string SdkNarrow(const wchar_t* text) {
+  if (!text) return std::string();
+  std::string out(std::wcslen(text) * 4 + 1, '\0');
+  QVToASCIIStringW(text, &out[0], static_cast<int>(out.size()));
+  out.resize(std::strlen(out.c_str()));
+  return out;
 }
