@@ -1,0 +1,616 @@
+#include "transfer/CHTTPClient.h"
+
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <cwchar>
+#include <cwctype>
+#include <memory>
+#include <new>
+#include <string_view>
+
+#include "engine/display.h"
+#include "log/LogMsg.h"
+#include "platform/hostclasses.h"
+#include "platform/winux.h"
+#include "transfer/FTCCCRC32.h"
+
+std::atomic<DWORD> CHTTPClient::m_BundleRxBytes{0};
+std::atomic<DWORD> CHTTPClient::m_dwFallBackMode{0};
+
+namespace {
+
+const DWORD kUrlChars = 256;
+const size_t kRequestScratch = 65536;
+const size_t kPathBytes = 256;
+const size_t kTimestampBytes = 256;
+// Body reads take this much at a time whatever the configured transfer buffer size: fewer
+// system calls per megabyte, and memory stays flat.
+const DWORD kBodyReadSize = 256 * 1024;
+
+const char* Text(const char* s) {
+  return s ? s : "(null)";
+}
+
+// Searches the response head only: body bytes may hold anything, NULs included.
+const char* Find(std::string_view head, const char* name) {
+  size_t at = head.find(name);
+  return at == std::string_view::npos ? nullptr : head.data() + at + std::strlen(name);
+}
+
+// "%lu" after a header name: blanks, then decimal digits. False without digits; values past
+// 32 bits set overflow and saturate.
+bool ReadNumber(const char* p, const char* end, DWORD& value, bool& overflow) {
+  while (p < end && (*p == ' ' || *p == '\t')) ++p;
+  uint64_t v = 0;
+  bool digits = false;
+  overflow = false;
+  for (; p < end && *p >= '0' && *p <= '9'; ++p) {
+    digits = true;
+    v = v * 10 + static_cast<uint64_t>(*p - '0');
+    if (v > 0xFFFFFFFFull) {
+      overflow = true;
+      v = 0xFFFFFFFFull;
+    }
+  }
+  value = static_cast<DWORD>(v);
+  return digits;
+}
+
+// The head ends at the first blank line; bodyStart is set past it.
+bool FindHeadEnd(const char* buffer, size_t length, size_t& bodyStart) {
+  std::string_view all(buffer, length);
+  size_t at = all.find("\r\n\r\n");
+  if (at != std::string_view::npos) {
+    bodyStart = at + 4;
+    return true;
+  }
+  at = all.find("\n\n");
+  if (at != std::string_view::npos) {
+    bodyStart = at + 2;
+    return true;
+  }
+  return false;
+}
+
+// Wide to narrow (UTF-8) into out[capacity]; false when it does not fit.
+bool Narrow(const wchar_t* text, char* out, size_t capacity) {
+  if (capacity == 0) return false;
+  out[0] = 0;
+  size_t chars = std::wcslen(text);
+  if (chars * 4 + 1 <= capacity) {
+    WideCharToMultiByte(CP_ACP, 0, text, -1, out, static_cast<int>(capacity), nullptr, nullptr);
+    out[capacity - 1] = 0;
+    return true;
+  }
+  std::unique_ptr<char[]> wide(new (std::nothrow) char[chars * 4 + 1]);
+  if (!wide) return false;
+  WideCharToMultiByte(CP_ACP, 0, text, -1, wide.get(), static_cast<int>(chars * 4 + 1), nullptr,
+                      nullptr);
+  wide[chars * 4] = 0;
+  size_t len = std::strlen(wide.get());
+  if (len >= capacity) return false;
+  std::memcpy(out, wide.get(), len + 1);
+  return true;
+}
+
+void Debug(const wchar_t* text) {
+  OutputDebugString(text);
+}
+
+}  // namespace
+
+thread_local std::unique_ptr<char[]> pW2ABuff;
+
+char* ToASCII(const wchar_t* text) {
+  if (!text) text = L"";
+  size_t size = std::wcslen(text) + 1;
+  pW2ABuff.reset(new (std::nothrow) char[size]);
+  if (!pW2ABuff) return const_cast<char*>("");
+  std::memset(pW2ABuff.get(), 0, size);
+  // One byte per character, as the log's converter: wider characters are cut.
+  WideCharToMultiByte(CP_ACP, 0, text, -1, pW2ABuff.get(), static_cast<int>(size), nullptr,
+                      nullptr);
+  pW2ABuff[size - 1] = 0;
+  return pW2ABuff.get();
+}
+
+int GetFileDateTimeFromHeader(char* text, SYSTEMTIME* time) {
+  if (!text || !text[0] || !time) return 0;
+  std::memset(time, 0, sizeof *time);
+  const char separators[] = {'-', '-', ' ', ':', ':'};
+  WORD* fields[] = {&time->wMonth, &time->wDay,    &time->wYear,
+                    &time->wHour,  &time->wMinute, &time->wSecond};
+  char* p = text;
+  for (size_t i = 0; i < sizeof separators; ++i) {
+    char* sep = std::strchr(p, separators[i]);
+    if (!sep) {
+      *fields[i] = static_cast<WORD>(std::atoi(p));
+      return 0;
+    }
+    *sep = 0;
+    *fields[i] = static_cast<WORD>(std::atoi(p));
+    p = sep + 1;
+  }
+  time->wSecond = static_cast<WORD>(std::atoi(p));
+  return 1;
+}
+
+CHTTPClient::CHTTPClient()
+    : m_dwConnectedPort(0),
+      m_dwConnectedAddr(0xFFFFFFFFu),
+      m_hWorkingSemaphore(nullptr),
+      m_dwTimeout(10000),
+      m_dwXferBufferSize(16384),
+      m_pXferBuffer(nullptr),
+      m_dwXferCapacity(0),
+      m_pszType(nullptr),
+      m_pszFamily(nullptr),
+      m_pszModel(nullptr),
+      m_pszSerialNum(nullptr),
+      m_bPerformChecksum(1),
+      m_pFile(new (std::nothrow) FileIO()),
+      m_bLastCRCGood(1),
+      m_pszCoreName(nullptr),
+      m_pStatusFunction(nullptr) {
+  SetDrainTimeout(m_dwTimeout);
+}
+
+CHTTPClient::~CHTTPClient() {
+  Disconnect();
+  if (m_socket != -1) Close();
+  CSocketIO::Shutdown();
+  if (m_pFile) {
+    m_pFile->Close();
+    delete m_pFile;
+  }
+  delete[] m_pXferBuffer;
+  delete[] m_pszType;
+  delete[] m_pszFamily;
+  delete[] m_pszModel;
+  delete[] m_pszSerialNum;
+  delete[] m_pszCoreName;
+}
+
+void CHTTPClient::SetText(char*& member, const char* text) {
+  if (!text) return;
+  delete[] member;
+  size_t len = std::strlen(text);
+  member = new (std::nothrow) char[len + 1];
+  if (member) std::memcpy(member, text, len + 1);
+}
+
+int CHTTPClient::Init() {
+  return Startup() ? 1 : 0;
+}
+
+int CHTTPClient::EnsureXferBuffer() {
+  DWORD want = m_dwXferBufferSize > kBodyReadSize ? m_dwXferBufferSize : kBodyReadSize;
+  if (!m_pXferBuffer || m_dwXferCapacity < want) {
+    delete[] m_pXferBuffer;
+    m_pXferBuffer = new (std::nothrow) char[want];
+    m_dwXferCapacity = m_pXferBuffer ? want : 0;
+    if (!m_pXferBuffer) return 0;
+  }
+  std::memset(m_pXferBuffer, 0, m_dwXferCapacity);
+  return 1;
+}
+
+int CHTTPClient::ParseURL(const wchar_t* url, wchar_t* host, wchar_t* path, WORD* port) {
+  *port = 0;
+  if (!url || std::wcslen(url) >= kUrlChars) return 0;
+  wchar_t work[kUrlChars] = {};
+  std::wcscpy(work, url);
+  if (wcsncasecmp(work, L"http:\\", 7) != 0 && wcsncasecmp(work, L"http://", 7) != 0) return 0;
+
+  size_t portStart = 0, pathStart = 0;
+  for (size_t i = 7; i < kUrlChars && work[i]; ++i) {
+    if (work[i] == L':') portStart = i + 1;
+    if (work[i] == L'\\' || work[i] == L'/') {
+      pathStart = i + 1;
+      break;
+    }
+  }
+  size_t hostEnd = std::wcslen(work);
+  if (pathStart) {
+    std::wcscpy(path, work + pathStart);
+    hostEnd = pathStart;
+  }
+  if (portStart) {
+    DWORD value = 0;
+    size_t portEnd = pathStart ? pathStart : hostEnd;
+    for (size_t i = portStart; i < portEnd && iswdigit(work[i]); ++i)
+      value = value * 10 + static_cast<DWORD>(work[i] - L'0');
+    *port = static_cast<WORD>(value);
+    hostEnd = portStart - 1;
+  }
+  // Without a port the host keeps the separator: such URLs never resolve, so servers are
+  // always named with an explicit port.
+  size_t hostLen = hostEnd > 7 ? hostEnd - 7 : 0;
+  std::wmemcpy(host, work + 7, hostLen);
+  host[hostLen] = 0;
+  return 1;
+}
+
+int CHTTPClient::OpenURL(const wchar_t* url, wchar_t* path) {
+  if (!url) return 0;
+  LogMsg("FileTransferConfiglet - CHTTPClient::OpenURL - entering !%s!\r\n", ToASCII(url));
+  wchar_t host[kUrlChars] = {};
+  WORD port = 0;
+  if (!ParseURL(url, host, path, &port)) {
+    LogMsg("FileTransferConfiglet - CHTTPClient::OpenURL ParseURL error\r\n");
+    return 0;
+  }
+  DWORD address = GetHostIpAddress(host);
+
+  if (IsConnected()) {
+    // A kept-alive connection is reused only while the peer has neither closed it nor left
+    // stray bytes on it; either would spoil the next response.
+    bool healthy = SocketWriteable(1) && !ReadableNow();
+    if (healthy && port == m_dwConnectedPort && address == m_dwConnectedAddr) return 1;
+    Disconnect();
+    Close();
+  }
+  if (!CreateTcpSocket()) {
+    LogMsg("FileTransferConfiglet - OpenURL - could not create socket\r\n");
+    return 0;
+  }
+  SetMode(0);
+  if (Connect(address, port, m_dwTimeout)) {
+    m_dwConnectedPort = port;
+    m_dwConnectedAddr = address;
+    return 1;
+  }
+  LogMsg("FileTransferConfiglet - OpenURL - could not connect\r\n");
+  if (m_socket != -1) Close();
+  return 0;
+}
+
+int CHTTPClient::CloseURL() {
+  Disconnect();
+  return Close();
+}
+
+void CHTTPClient::CloseFile() {
+  if (m_pFile) m_pFile->Close();
+}
+
+void CHTTPClient::UpdateStatus(DWORD done, DWORD total) {
+  if (m_pStatusFunction) m_pStatusFunction(done, total);
+  if (m_hWorkingSemaphore) {
+    LONG previous = 0;
+    WinuxReleaseSemaphore(m_hWorkingSemaphore, 1, &previous);
+  }
+}
+
+int CHTTPClient::FormatRequest(char* out, size_t capacity, const wchar_t* path) {
+  std::unique_ptr<char[]> narrowPath(new (std::nothrow) char[std::wcslen(path) * 4 + 1]);
+  if (!narrowPath) return -1;
+  if (!Narrow(path, narrowPath.get(), std::wcslen(path) * 4 + 1)) return -1;
+  char dotted[INET_ADDRSTRLEN] = {};
+  const char* hostText = IPToString(ntohl(m_dwConnectedAddr), dotted);
+  int n = std::snprintf(out, capacity,
+                        "GET %s HTTP/1.1\r\nHost: %s\r\nUser-Agent: UpgradeClient\r\nAccept: "
+                        "*/*\r\nConnection: Keep-Alive\r\nType: %s\r\nFamily: %s\r\nModel: "
+                        "%s\r\nSerialNum: %s\r\nCore-name: %s\r\nBundle-rx: %d\r\nHTTP-fallback: "
+                        "%d\r\nCache-Control: no-cache\r\n\r\n",
+                        narrowPath.get(), Text(hostText), Text(m_pszType), Text(m_pszFamily),
+                        Text(m_pszModel), Text(m_pszSerialNum), Text(m_pszCoreName),
+                        static_cast<int>(m_BundleRxBytes.load()),
+                        static_cast<int>(m_dwFallBackMode.load()));
+  if (n < 0 || static_cast<size_t>(n) >= capacity) return -1;
+  return n;
+}
+
+int CHTTPClient::Get(const wchar_t* path, const wchar_t* localFile) {
+  if (path && !path[0]) {
+    LogMsg("FileXferConfiglet - CHttpClient:Get - bad ret 1\r\n");
+    return 0;
+  }
+  for (;;) {
+    DWORD writeOffset = 0;
+    if (!EnsureXferBuffer()) {
+      LogMsg("FileTransferConfiglet - CHTTPClinent::Get - bad alloc\r\n");
+      return 0;
+    }
+    if (!path || !localFile) {
+      LogMsg("FileTransferConfiglet - CHttpClient:Get - bad ret 1.1\r\n");
+      return 0;
+    }
+    DWORD received = 0;
+    char* buffer = m_pXferBuffer;
+    const DWORD headRoom = m_dwXferBufferSize;
+
+    {
+      std::unique_ptr<char[]> request(new (std::nothrow) char[kRequestScratch]);
+      if (!request) {
+        LogMsg("FileTransferConfiglet - CHTTPClinent::Get - bad alloc\r\n");
+        return 0;
+      }
+      int length = FormatRequest(request.get(), kRequestScratch, path);
+      if (length >= 0) {
+        LogMsg("\r\n");
+        LogMsg("%s", request.get());
+        LogMsg("\r\n\r\n");
+      }
+      if (length < 0 || SendData(request.get(), DWORD(length)) < DWORD(length)) {
+        CloseURL();
+        LogMsg("FileTransferConfiglet - CHttpClient:Get - bad ret 2\r\n");
+        return 0;
+      }
+    }
+
+    if (!SocketReadable(m_dwTimeout)) {
+      CloseURL();
+      LogMsg("FileTransferConfiglet - CHttpClient:Get - bad ret 3\r\n");
+      return 0;
+    }
+    int got = 0;
+    if (!ReadData(buffer, static_cast<int>(headRoom), got)) {
+      CloseURL();
+      LogMsg("FileTransferConfiglet - CHttpClient:Get - bad ret 4\r\n");
+      return 0;
+    }
+    // A head split over several segments is gathered, but never past the transfer buffer size.
+    size_t bodyStart = 0;
+    bool headComplete = FindHeadEnd(buffer, size_t(got), bodyStart);
+    while (!headComplete && DWORD(got) < headRoom && SocketReadable(m_dwTimeout)) {
+      int more = 0;
+      if (!ReadData(buffer + got, static_cast<int>(headRoom - DWORD(got)), more)) break;
+      got += more;
+      headComplete = FindHeadEnd(buffer, size_t(got), bodyStart);
+    }
+    std::string_view head(buffer, headComplete ? bodyStart : size_t(got));
+    const char* headEnd = head.data() + head.size();
+
+    if (!Find(head, "200 OK")) {
+      Debug(L"get - no 200 ok\r\n");
+      CloseURL();
+      LogMsg("FileTransferConfiglet - CHttpClient:Get - bad ret 5\r\n");
+      return 0;
+    }
+    DWORD contentLength = 0;
+    bool overflow = false;
+    const char* value = Find(head, "Content-Length:");
+    if (!value || !ReadNumber(value, headEnd, contentLength, overflow) || overflow) {
+      Debug(L"get - no length\r\n");
+      CloseURL();
+      LogMsg("FileTransferConfiglet - CHttpClient:Get - bad ret 6\r\n");
+      return 0;
+    }
+
+    DWORD attributes = 0;
+    value = Find(head, "Content-Attributes:");
+    if (value)
+      ReadNumber(value, headEnd, attributes, overflow);
+    else
+      LogMsg("FileTransferConfiglet - CHttpClient:Get - No Content-Attributes\r\n");
+    value = Find(head, "Content-timestamp:");
+    if (value) {
+      char timestamp[kTimestampBytes] = {};
+      size_t n = 0;
+      while (value + n < headEnd && n < sizeof timestamp - 1 && value[n] != '\r' &&
+             value[n] != '\n')
+        ++n;
+      std::memcpy(timestamp, value, n);
+      LogMsg("FileTransferConfiglet - Content-timestamp: %s\r\n", timestamp);
+    } else {
+      LogMsg("FileTransferConfiglet - CHttpClient:Get - No Content-timestamp\r\n");
+    }
+
+    DWORD expectedCRC = 0;
+    if (m_bPerformChecksum) {
+      value = Find(head, "Content-CRC32:");
+      if (!value || !ReadNumber(value, headEnd, expectedCRC, overflow) || overflow) {
+        Debug(L"get - no CRC32\r\n");
+        CloseURL();
+        LogMsg("FileTransferConfiglet - CHttpClient:Get - bad ret 7\r\n");
+        return 0;
+      }
+    }
+
+    // The server's check-point framing is accepted, but the body is read as plain data.
+    value = Find(head, "CheckPoint-BlockSize:");
+    if (value) {
+      DWORD blockSize = 0;
+      ReadNumber(value, headEnd, blockSize, overflow);
+      if (blockSize > m_dwXferBufferSize) {
+        Debug(L"get - Chk Pnt Blk size error\r\n");
+        CloseURL();
+        LogMsg("FileTransferConfiglet - CHttpClient:Get - bad ret 8\r\n");
+        return 0;
+      }
+      LogMsg("FileTransferConfiglet - check pointing is true\r\n");
+      received = 0;
+    }
+
+    if (!headComplete) {
+      CloseURL();
+      LogMsg("FileTransferConfiglet - CHttpClient:Get - no end of header\r\n");
+      return 0;
+    }
+
+    // Bytes past the content length belong to no file; they are dropped and the connection
+    // is not kept, since whatever follows on it cannot be trusted.
+    DWORD inBuffer = DWORD(got) - DWORD(bodyStart);
+    bool surplus = false;
+    if (inBuffer > contentLength) {
+      inBuffer = contentLength;
+      surplus = true;
+    }
+    std::memmove(buffer, buffer + bodyStart, inBuffer);
+
+    char narrowPath[kPathBytes] = {};
+    bool pathFits = Narrow(localFile, narrowPath, sizeof narrowPath);
+    // Reuse the writer rather than leak one per download.
+    if (m_pFile) {
+      m_pFile->Close();
+      delete m_pFile;
+    }
+    m_pFile = new (std::nothrow) FileIO();
+    if (m_pFile && pathFits) {
+      m_pFile->PrepareForWriting(narrowPath);
+      m_pFile->RemoveStale(narrowPath);
+    }
+    if (!m_pFile || !pathFits ||
+        !m_pFile->OpenForWriting(narrowPath, received != 0, contentLength)) {
+      OutputGUIMsgA("%s", narrowPath);
+      OutputGUIMsgA("file open error");
+      LogMsg("FileTransferConfiglet - OpenForWriting - error, %s\r\n", narrowPath);
+      CloseURL();
+      return 0;
+    }
+    LogMsg("FileTransferConfiglet - after OPenForWriting - success, !%s%%\r\n", narrowPath);
+
+    if (contentLength == 0) {
+      OutputGUIMsgA("filesize = 0");
+      LogMsg("FileTransferConfiglet - after OpenForWriting - zero length file, !%s%%\r\n",
+             narrowPath);
+      CloseFile();
+      CloseURL();
+      return 1;
+    }
+
+    m_pFile->Seek(writeOffset);
+    if (inBuffer) {
+      if (!m_pFile->Write(buffer, inBuffer)) {
+        OutputGUIMsgA("fileWrite error - %s\r\n", narrowPath);
+        LogMsg("FileTransferConfiglet - httpClient - first write error\r\n");
+        CloseFile();
+        CloseURL();
+        return 0;
+      }
+      writeOffset += inBuffer;
+      received += inBuffer;
+      if (received == contentLength) {
+        LogMsg("FileTransferConfiglet - httpClient - file complete in first frame\r\n");
+        CloseFile();
+        CloseURL();
+        return 1;
+      }
+    }
+
+    bool complete = false;
+    for (;;) {
+      if (!SocketReadable(m_dwTimeout)) {
+        LogMsg("FileTransferConfiglet - httpclient, server not sending data 3\r\n");
+        break;
+      }
+      // Never read past this body: the next response on the connection starts there.
+      DWORD want = contentLength - received;
+      if (want > m_dwXferCapacity) want = m_dwXferCapacity;
+      int n = 0;
+      if (!ReadData(buffer, static_cast<int>(want), n)) {
+        OutputGUIMsgA("Read data error 2\r\n");
+        LogMsg("FileTransferConfiglet - m_HTTP.ReadData error\r\n");
+        CloseFile();
+        CloseURL();
+        return 0;
+      }
+      m_pFile->Seek(writeOffset);
+      if (!m_pFile->Write(buffer, DWORD(n))) {
+        LogMsg("FileTransferConfiglet - file->Write error, %d\r\n",
+               static_cast<int>(GetLastError()));
+        break;
+      }
+      writeOffset += DWORD(n);
+      received += DWORD(n);
+      UpdateStatus(received, contentLength);
+      if (received == contentLength) {
+        LogMsg("FileTransferConfiglet - http file size match, transfer success\r\n");
+        complete = true;
+        break;
+      }
+    }
+
+    CloseFile();
+    int setResult = m_pFile->SetAttributes(narrowPath, attributes);
+    LogMsg("Setting file attributes, %s, %d, %d\r\n", narrowPath, static_cast<int>(attributes),
+           setResult);
+
+    bool success = false;
+    if (m_bPerformChecksum && complete) {
+      LogMsg("performing CRC check\r\n");
+      DWORD computed = 0;
+      LogMsg("FileTransferConfiglet - FILECRC32\r\n");
+      FTCCCRC32 crc;
+      if (crc.FileCRC32(localFile, computed) != 0) {
+        LogMsg("FileTransferConfiglet - RAMFILECRC32 or FILECRC32 returned error\r\n");
+      } else if (computed == expectedCRC) {
+        LogMsg("FileTransferConfiglet - good CRC\r\n");
+        m_bLastCRCGood = 1;
+        success = true;
+        BumpBundleRxBytes(contentLength);
+      } else {
+        OutputGUIMsgA("CRC failed\r\n");
+        Debug(L"CRC failed\r\n");
+        LogMsg("FileTransferConfiglet - CRC error, %s, %d, %d\r\n", narrowPath,
+               static_cast<int>(expectedCRC), static_cast<int>(computed));
+        m_bLastCRCGood = 0;
+      }
+    } else if (!m_bPerformChecksum) {
+      success = complete;
+      if (complete) BumpBundleRxBytes(contentLength);
+    }
+
+    if (complete && !surplus && BytesPending() > 0) surplus = true;
+    if (surplus) {
+      LogMsg("FileTransferConfiglet - httpClient - data past content length, closing\r\n");
+      CloseURL();
+    }
+
+    Sleep(50);
+    if (success) return 1;
+    if (surplus) return 0;
+  }
+}
+
+void CHTTPClient::SendUpgradeComplete(const char* error) {
+  if (!m_pXferBuffer && !EnsureXferBuffer()) return;
+  char* out = m_pXferBuffer;
+  size_t capacity = m_dwXferCapacity;
+  // Bounded pieces: the head always ends with its blank line, however long the texts.
+  int n = std::snprintf(out, capacity,
+                        "GET HTTP/1.1\r\nCore-name: %.1024s\r\nBundle-rx: %d\r\nHTTP-fallback: "
+                        "%d\r\nBundle-transfer: COMPLETE\r\n",
+                        Text(m_pszCoreName), static_cast<int>(m_BundleRxBytes.load()),
+                        static_cast<int>(m_dwFallBackMode.load()));
+  size_t used = n > 0 ? size_t(n) : 0;
+  if (error && error[0]) {
+    int room = static_cast<int>(capacity - used - 16);
+    int m = std::snprintf(out + used, capacity - used, "Error: %.*s\r\n", room, error);
+    if (m > 0) used += size_t(m);
+  }
+  std::snprintf(out + used, capacity - used, "\r\n");
+  used += 2;
+  LogMsg("%s", out);
+  SendData(out, DWORD(used));
+  LogMsg("FileTransferConfiglet - CHTTPClient::SendUpgradeComplete - Exiting\r\n");
+}
+
+int CHTTPClient::GetChkPntBlk(char* buffer, DWORD& count, DWORD capacity) {
+  DWORD held = count;
+  if (!buffer || capacity < 8 || held > capacity) return 0;
+  auto fill = [&](DWORD target) {
+    while (held < target) {
+      if (!SocketReadable(m_dwTimeout)) return false;
+      if (BytesPending() == 0) Sleep(20);
+      int n = 0;
+      if (!ReadData(buffer + held, static_cast<int>(target - held), n)) return false;
+      held += DWORD(n);
+    }
+    return true;
+  };
+  if (!fill(8)) return 0;
+  const unsigned char* h = reinterpret_cast<const unsigned char*>(buffer);
+  DWORD length = DWORD(h[0]) << 24 | DWORD(h[1]) << 16 | DWORD(h[2]) << 8 | h[3];
+  DWORD crc = DWORD(h[4]) << 24 | DWORD(h[5]) << 16 | DWORD(h[6]) << 8 | h[7];
+  std::memmove(buffer, buffer + 8, held - 8);
+  held -= 8;
+  if (length > capacity) return 0;
+  if (!fill(length)) return 0;
+  FTCCCRC32 check;
+  if (check.CalcBufferCRC(buffer, length) != crc) return 0;
+  count = held;
+  return 1;
+}

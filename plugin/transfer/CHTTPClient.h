@@ -1,0 +1,93 @@
+// The plug-in's HTTP/1.1 client for the upgrade server: one kept-alive connection across files,
+// the device's identity in every request, downloads written through the host's FileIO and
+// checked against the server's CRC-32, and the end-of-bundle completion request.
+// One object is used by one thread at a time; the class-wide counters may be touched by several.
+#pragma once
+
+#include <atomic>
+
+#include "platform/wintypes.h"
+#include "transfer/CSocketIO.h"
+
+class FileIO;
+
+typedef void (*HTTPStatusFunction)(DWORD done, DWORD total);
+
+class CHTTPClient : public CSocketIO {
+ public:
+  CHTTPClient();
+  ~CHTTPClient();
+
+  int Init();
+  // REQUIRES: host and path hold 256 wide characters. URLs longer than 255 characters are
+  // refused. Without a separator the path is left untouched.
+  int ParseURL(const wchar_t* url, wchar_t* host, wchar_t* path, WORD* port);
+  // Connects (or keeps the healthy connection to the same server); the request path goes to
+  // path, which must hold 256 wide characters.
+  int OpenURL(const wchar_t* url, wchar_t* path);
+  // Downloads path over the open connection into localFile; 1 when complete (and, with
+  // checksums on, its CRC matched). A damaged file is requested again on the same connection.
+  int Get(const wchar_t* path, const wchar_t* localFile);
+  int CloseURL();
+  void CloseFile();
+  void SendUpgradeComplete(const char* error);
+  void UpdateStatus(DWORD done, DWORD total);
+  // Reads one check-point block (4-byte big-endian length, 4-byte big-endian CRC-32, data).
+  // count: in, bytes already at buffer; out, data bytes held (may exceed the block's length).
+  int GetChkPntBlk(char* buffer, DWORD& count, DWORD capacity);
+
+  // Texts are copied; null changes nothing.
+  void SetType(const char* text) { SetText(m_pszType, text); }
+  void SetFamily(const char* text) { SetText(m_pszFamily, text); }
+  void SetModel(const char* text) { SetText(m_pszModel, text); }
+  void SetSerialNum(const char* text) { SetText(m_pszSerialNum, text); }
+  void SetCoreName(const char* text) { SetText(m_pszCoreName, text); }
+  void SetXferBufferSize(DWORD size) { m_dwXferBufferSize = size; }
+  void SetPerformChecksum(int on) { m_bPerformChecksum = on; }
+  void SetWorkingSemaphore(HANDLE semaphore) { m_hWorkingSemaphore = semaphore; }
+  // Connect, read and wait time-out; also bounds the drain of a closing connection.
+  void SetTimeout(DWORD timeoutMs) {
+    m_dwTimeout = timeoutMs;
+    SetDrainTimeout(timeoutMs);
+  }
+  void SetStatusFunction(HTTPStatusFunction function) { m_pStatusFunction = function; }
+  int GetLastCRCGood() const { return m_bLastCRCGood; }
+
+  static void SetBundleRxBytes(DWORD bytes) { m_BundleRxBytes = bytes; }
+  static void BumpBundleRxBytes(DWORD bytes) { m_BundleRxBytes += bytes; }
+  static DWORD GetBundleRxBytes() { return m_BundleRxBytes; }
+  static void SetFallBackMode(DWORD mode) { m_dwFallBackMode = mode; }
+  static DWORD GetFallBackMode() { return m_dwFallBackMode; }
+
+ private:
+  static void SetText(char*& member, const char* text);
+  int EnsureXferBuffer();
+  // Writes the file request into out[capacity]; its length, or -1 when it does not fit.
+  int FormatRequest(char* out, size_t capacity, const wchar_t* path);
+
+  DWORD m_dwConnectedPort;
+  DWORD m_dwConnectedAddr;  // network order
+  HANDLE m_hWorkingSemaphore;
+  DWORD m_dwTimeout;
+  DWORD m_dwXferBufferSize;
+  char* m_pXferBuffer;
+  DWORD m_dwXferCapacity;  // at least m_dwXferBufferSize; body reads use all of it
+  char* m_pszType;
+  char* m_pszFamily;
+  char* m_pszModel;
+  char* m_pszSerialNum;
+  int m_bPerformChecksum;
+  FileIO* m_pFile;
+  int m_bLastCRCGood;
+  char* m_pszCoreName;
+  HTTPStatusFunction m_pStatusFunction;
+
+  static std::atomic<DWORD> m_BundleRxBytes;
+  static std::atomic<DWORD> m_dwFallBackMode;
+};
+
+// Reads "MM-DD-YYYY hh:mm:ss" in place (separators become zero bytes). 1 when every field was
+// present.
+int GetFileDateTimeFromHeader(char* text, SYSTEMTIME* time);
+// Wide to narrow into a buffer of the calling thread, valid until its next call.
+char* ToASCII(const wchar_t* text);
