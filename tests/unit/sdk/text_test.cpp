@@ -28,8 +28,8 @@ TEST(Conversion, NarrowToWideIsBoundedTerminatedAndTolerant) {
   };
   for (const Case& c : cases) {
     SCOPED_TRACE(c.in ? c.in : "(null)");
-    wchar_t out[64];
-    std::wmemset(out, L'#', 64);
+    wchar_t out[65];
+    std::wmemset(out, L'#', 65);
     EXPECT_EQ(QVToTStrW(c.in, out, c.outChars), out);
     EXPECT_EQ(std::wstring(out), c.expected);
     EXPECT_EQ(out[c.outChars], L'#');  // nothing past the bound

@@ -1,0 +1,187 @@
+// The download writer, the registry by full paths, the UDP sender and the file helpers.
+
+#include <arpa/inet.h>
+#include <gtest/gtest.h>
+#include <netinet/in.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <string>
+
+#include "device_root.h"
+#include "platform/helpers.h"
+#include "platform/hostclasses.h"
+#include "platform/winux.h"
+
+namespace {
+
+std::string ReadAll(const char* path) {
+  FileIO f;
+  if (f.Open(path, 1) != 1) return "<not opened>";
+  std::string s(f.Size(), '\0');
+  s.resize(f.ReadAll(&s[0], static_cast<DWORD>(s.size())));
+  return s;
+}
+
+TEST(FileIO, WriteSeekAppendReadRoundTrip) {
+  ftctest::DeviceRoot root;
+  root.WriteFile("\\Flash File Store\\keep.txt", "");
+  const char* path = "\\Flash File Store\\app.bin";
+  FileIO f;
+  ASSERT_EQ(f.OpenForWriting(path, 0, 11), 1);
+  ASSERT_EQ(f.Write("hello world", 11), 1);
+  ASSERT_EQ(f.Seek(6), 1);
+  ASSERT_EQ(f.Write("WORLD", 5), 1);
+  EXPECT_EQ(f.Size(), 11u);
+  f.Close();
+  EXPECT_EQ(f.IsOpen(), 0);
+
+  ASSERT_EQ(f.OpenForWriting(path, 1, 0), 1);  // append keeps what is there
+  ASSERT_EQ(f.Write("!", 1), 1);
+  f.Close();
+  EXPECT_EQ(root.ReadFile(path), "hello WORLD!");
+  EXPECT_EQ(ReadAll("\\FLASH FILE STORE\\APP.BIN"), "hello WORLD!");
+
+  ASSERT_EQ(f.Open(path, 1), 1);
+  char part[6] = {};
+  EXPECT_EQ(f.Read(part, 5), 5u);
+  EXPECT_STREQ(part, "hello");
+  ASSERT_EQ(f.Seek(11), 1);
+  EXPECT_EQ(f.Read(part, 5), 1u);
+  EXPECT_EQ(f.Read(part, 5), 0u);
+  EXPECT_EQ(f.Write("x", 1), 0);  // opened for reading
+  f.Close();
+
+  ASSERT_EQ(f.OpenForWriting(path, 0, 0), 1);  // without append the old bytes go
+  f.Close();
+  EXPECT_EQ(root.ReadFile(path), "");
+
+  EXPECT_EQ(f.OpenForWriting("\\No Such Folder\\a.bin", 0, 0), 0);
+  EXPECT_EQ(f.Open("\\Flash File Store\\missing.bin", 1), 0);
+  EXPECT_EQ(f.Size(), 0u);
+}
+
+TEST(FileIO, StaleReadOnlyFileIsPreparedRemovedAndDeleted) {
+  ftctest::DeviceRoot root;
+  const char* path = "\\Flash File Store\\old.bin";
+  root.WriteFile(path, "stale");
+  FileIO f;
+  ASSERT_EQ(f.SetAttributes(path, FILE_ATTRIBUTE_READONLY), 1);
+  if (geteuid() != 0) {
+    EXPECT_EQ(f.OpenForWriting(path, 0, 0), 0);
+  }
+  EXPECT_EQ(f.PrepareForWriting(path), 1);
+  ASSERT_EQ(f.OpenForWriting(path, 0, 0), 1);
+  f.Close();
+
+  EXPECT_EQ(f.RemoveStale(path), 1);
+  EXPECT_FALSE(root.Exists(path));
+  EXPECT_EQ(f.RemoveStale(path), 1);  // nothing stale is fine
+  EXPECT_EQ(f.PrepareForWriting(path), 1);
+
+  root.WriteFile(path, "x");
+  EXPECT_EQ(FileIO::Delete(path), 1);
+  EXPECT_EQ(FileIO::Delete(path), 0);
+  EXPECT_EQ(FileIO::Delete("\\Flash File Store"), 0);  // folders are not files
+}
+
+TEST(Registry, FullPathWritesAreVisibleThroughTheSystemRegistry) {
+  ftctest::DeviceRoot root;
+  Registry reg;
+  EXPECT_EQ(reg.CreateKey("HKEY_LOCAL_MACHINE\\System\\ImageUpdate\\UpdateApp"), 1);
+  EXPECT_EQ(reg.SetNumber("HKEY_LOCAL_MACHINE\\Init\\Launch130", 130), 1);
+  EXPECT_EQ(reg.SetString("HKLM\\Init\\Launch130Name", "\\windows\\app.exe"), 1);
+  EXPECT_EQ(reg.SetString("hkcu\\Software\\Caf\xC3\xA9\\Sign", "\xE2\x82\xAC"), 1);
+  EXPECT_EQ(reg.CreateKey("HKEY_NOWHERE\\x"), 0);
+  EXPECT_EQ(reg.SetNumber("HKEY_LOCAL_MACHINE", 1), 0);  // no value name
+  EXPECT_EQ(reg.SetNumber(nullptr, 1), 0);
+
+  HKEY key = nullptr;
+  ASSERT_EQ(RegOpenKeyEx(HKEY_LOCAL_MACHINE, L"System\\ImageUpdate\\UpdateApp", 0, KEY_READ, &key),
+            0);
+  RegCloseKey(key);
+  ASSERT_EQ(RegOpenKeyEx(HKEY_LOCAL_MACHINE, L"init", 0, KEY_READ, &key), 0);
+  DWORD type = 0, number = 0, size = sizeof number;
+  ASSERT_EQ(
+      RegQueryValueEx(key, L"Launch130", nullptr, &type, reinterpret_cast<BYTE*>(&number), &size),
+      0);
+  EXPECT_EQ(type, REG_DWORD);
+  EXPECT_EQ(number, 130u);
+  wchar_t text[64] = {};
+  size = sizeof text;
+  ASSERT_EQ(
+      RegQueryValueEx(key, L"Launch130Name", nullptr, &type, reinterpret_cast<BYTE*>(text), &size),
+      0);
+  EXPECT_EQ(type, REG_SZ);
+  EXPECT_EQ(std::wstring(text), L"\\windows\\app.exe");
+  RegCloseKey(key);
+  ASSERT_EQ(RegOpenKeyEx(HKEY_CURRENT_USER, L"Software\\Caf\u00E9", 0, KEY_READ, &key), 0);
+  size = sizeof text;
+  ASSERT_EQ(RegQueryValueEx(key, L"Sign", nullptr, &type, reinterpret_cast<BYTE*>(text), &size), 0);
+  EXPECT_EQ(std::wstring(text), L"\u20AC");
+  RegCloseKey(key);
+}
+
+TEST(Network, SendsADatagramToTheDottedDestination) {
+  int receiver = socket(AF_INET, SOCK_DGRAM, 0);
+  ASSERT_GE(receiver, 0);
+  sockaddr_in addr{};
+  addr.sin_family = AF_INET;
+  addr.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+  ASSERT_EQ(bind(receiver, reinterpret_cast<sockaddr*>(&addr), sizeof addr), 0);
+  socklen_t len = sizeof addr;
+  getsockname(receiver, reinterpret_cast<sockaddr*>(&addr), &len);
+
+  SocketIO io;
+  int s = io.CreateUdpSocket();
+  ASSERT_GT(s, 0);
+  EXPECT_EQ(io.GetSocket(), s);
+  io.SetUdpPort(ntohs(addr.sin_port));
+  ASSERT_EQ(io.SetIpAddress("127.0.0.1"), 1);
+  EXPECT_EQ(io.SetIpAddress("localhost"), 0);  // dotted only; the address stays
+  EXPECT_EQ(io.SetIpAddress("256.1.1.1"), 0);
+  Network net;
+  EXPECT_EQ(net.SendTo(io.GetSocket(), io.GetDestAddr(), "<14>hello", 9), 9);
+  char buf[32] = {};
+  EXPECT_EQ(recv(receiver, buf, sizeof buf, 0), 9);
+  EXPECT_STREQ(buf, "<14>hello");
+  io.Close();
+  EXPECT_EQ(io.GetSocket(), 0);
+  EXPECT_EQ(net.SendTo(0, io.GetDestAddr(), "x", 1), -1);
+  close(receiver);
+}
+
+TEST(FileHelpers, ExistOpenSizeRenameAndCopy) {
+  ftctest::DeviceRoot root;
+  root.WriteFile("\\temp\\a.bin", "12345");
+  root.WriteFile("\\other\\b.bin", "old");
+  EXPECT_TRUE(QVFileExists("\\TEMP\\A.BIN"));
+  EXPECT_TRUE(QVFileExists(L"\\temp"));
+  EXPECT_FALSE(QVFileExists("\\temp\\none"));
+
+  HANDLE h = QVOpenFile("\\temp\\a.bin", 0);
+  ASSERT_NE(h, INVALID_HANDLE_VALUE);
+  EXPECT_EQ(QVGetFileSize(h), 5u);
+  EXPECT_TRUE(QVCloseFile(h));
+  EXPECT_EQ(QVOpenFile(L"\\temp\\none", 0), INVALID_HANDLE_VALUE);
+
+  // Copy replaces a read-only target; rename replaces across folders.
+  ASSERT_EQ(chmod(root.HostPath("\\other\\b.bin").c_str(), 0444), 0);
+  EXPECT_TRUE(TVLCopyFileW(L"\\temp\\a.bin", L"\\other\\b.bin"));
+  EXPECT_EQ(root.ReadFile("\\other\\b.bin"), "12345");
+  root.WriteFile("\\temp\\c.bin", "renamed");
+  EXPECT_TRUE(TVLRenameFileW(L"\\temp\\c.bin", L"\\other\\b.bin"));
+  EXPECT_EQ(root.ReadFile("\\other\\b.bin"), "renamed");
+  EXPECT_FALSE(root.Exists("\\temp\\c.bin"));
+  EXPECT_FALSE(TVLRenameFileW(L"\\temp\\none", L"\\other\\x.bin"));
+  EXPECT_FALSE(TVLRenameFileW(L"\\temp\\a.bin", L"\\other"));
+  EXPECT_TRUE(root.Exists("\\temp\\a.bin"));
+
+  // Into the memory-backed area, which may be another file system.
+  EXPECT_TRUE(TVLRenameFileW(L"\\temp\\a.bin", L"RAM:a.bin"));
+  EXPECT_FALSE(root.Exists("\\temp\\a.bin"));
+  EXPECT_EQ(ReadAll("RAM:a.bin"), "12345");
+}
+
+}  // namespace
