@@ -1,0 +1,130 @@
+// The device root: confinement, case-insensitive lookup, the memory area, path vs file errors.
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <filesystem>
+#include <string>
+
+#include "platform/winux.h"
+#include "support/device_root.h"
+#include "winux/winux_host.h"
+
+namespace fs = std::filesystem;
+
+namespace {
+
+std::string Real(const std::string& p) {
+  return fs::weakly_canonical(p).string();
+}
+
+TEST(WinuxPaths, DotDotNeverClimbsAboveTheRoot) {
+  ftctest::DeviceRoot root;
+  const std::string base = Real(root.path());
+  struct Case {
+    const char* device;
+    const char* expected;  // relative to the root
+  } cases[] = {
+      {"\\..\\..\\etc\\passwd", "/etc/passwd"},
+      {"..\\x", "/x"},
+      {"\\a\\..\\..\\..\\b", "/b"},
+      {"\\a\\.\\b\\..\\c", "/a/c"},
+      {"/tmp/FileXfer.txt", "/tmp/FileXfer.txt"},
+      {"\\", ""},
+  };
+  for (const Case& c : cases) EXPECT_EQ(WinuxMapPath(c.device), base + c.expected) << c.device;
+}
+
+TEST(WinuxPaths, SymlinksLeavingTheRootAreRefused) {
+  ftctest::DeviceRoot root;
+  std::string outside = root.path() + "-outside";
+  fs::create_directories(outside);
+  ftctest::WriteHostFile(outside + "/secret", "x");
+  fs::create_directories(root.path() + "/in");
+  ftctest::WriteHostFile(root.path() + "/in/f.txt", "inside");
+  fs::create_directory_symlink(outside, root.path() + "/out");
+  fs::create_symlink("/etc/passwd", root.path() + "/passwd");
+  fs::create_directory_symlink("../in", root.path() + "/in/self");  // stays inside
+
+  SetLastError(0);
+  EXPECT_EQ(WinuxMapPath("\\out\\secret"), "");
+  EXPECT_EQ(GetLastError(), ERROR_ACCESS_DENIED);
+  EXPECT_EQ(WinuxMapPath("\\passwd"), "");
+  EXPECT_EQ(GetFileAttributes(L"\\out\\secret"), INVALID_FILE_ATTRIBUTES);
+  EXPECT_EQ(WinuxFopen("\\OUT\\secret", "r"), nullptr);
+  EXPECT_EQ(WinuxMapPath("\\in\\self\\f.txt"), Real(root.path()) + "/in/f.txt");
+  fs::remove_all(outside);
+}
+
+TEST(WinuxPaths, ExistingComponentsMatchAnyCaseNewOnesKeepTheirSpelling) {
+  ftctest::DeviceRoot root;
+  root.WriteFile("Flash File Store/Data/App.BIN", "1");
+  const std::string base = Real(root.path());
+  EXPECT_EQ(WinuxMapPath("\\FLASH FILE STORE\\data\\app.bin"),
+            base + "/Flash File Store/Data/App.BIN");
+  EXPECT_EQ(WinuxMapPath("\\flash file store\\NewDir\\New.Txt"),
+            base + "/Flash File Store/NewDir/New.Txt");
+
+  ASSERT_TRUE(CreateDirectory(L"\\flash file store\\Logs", nullptr));
+  EXPECT_TRUE(fs::is_directory(base + "/Flash File Store/Logs"));
+  FILE* f = WinuxFopen("\\FLASH FILE STORE\\LOGS\\a.txt", "w");
+  ASSERT_NE(f, nullptr);
+  fclose(f);
+  EXPECT_TRUE(fs::exists(base + "/Flash File Store/Logs/a.txt"));
+}
+
+TEST(WinuxPaths, MissingFolderIsAPathErrorMissingFileIsAFileError) {
+  ftctest::DeviceRoot root;
+  root.WriteFile("dir/present.txt", "x");
+  struct Case {
+    const wchar_t* path;
+    DWORD error;
+  } cases[] = {
+      {L"\\dir\\absent.txt", ERROR_FILE_NOT_FOUND},
+      {L"\\nodir\\absent.txt", ERROR_PATH_NOT_FOUND},
+      {L"\\dir\\present.txt\\under.txt", ERROR_PATH_NOT_FOUND},
+  };
+  for (size_t i = 0; i < sizeof cases / sizeof cases[0]; ++i) {
+    const Case& c = cases[i];
+    HANDLE h = CreateFile(c.path, GENERIC_READ, 0, nullptr, OPEN_EXISTING, 0, nullptr);
+    EXPECT_EQ(h, INVALID_HANDLE_VALUE);
+    EXPECT_EQ(GetLastError(), c.error) << "case " << i;
+    EXPECT_EQ(GetFileAttributes(c.path), INVALID_FILE_ATTRIBUTES);
+    EXPECT_EQ(GetLastError(), c.error) << "case " << i;
+  }
+  EXPECT_FALSE(CreateDirectory(L"\\nodir\\sub", nullptr));
+  EXPECT_EQ(GetLastError(), ERROR_PATH_NOT_FOUND);
+}
+
+TEST(WinuxPaths, RamPathsLiveOutsideTheRootAndApartPerRoot) {
+  std::string first;
+  {
+    ftctest::DeviceRoot root;
+    first = WinuxMapPath("RAM:\\os.bin");
+    ASSERT_FALSE(first.empty());
+    EXPECT_EQ(first.find(Real(root.path())), std::string::npos);
+    EXPECT_EQ(WinuxMapPath("ram:os.bin"), first);
+    FILE* f = WinuxFopen("RAM:\\os.bin", "w");
+    ASSERT_NE(f, nullptr);
+    fputs("image", f);
+    fclose(f);
+    EXPECT_EQ(ftctest::ReadHostFile(first), "image");
+    unlink(first.c_str());
+  }
+  ftctest::DeviceRoot other;
+  EXPECT_NE(WinuxMapPath("RAM:\\os.bin"), first);
+}
+
+TEST(WinuxPaths, IdentityAndTimeScaleFromTheEnvironment) {
+  ftctest::DeviceRoot root(0.001);
+  root.WriteIdentity("serial=S123\r\n flash_bytes = 1048576\nbroken line\n");
+  EXPECT_EQ(WinuxIdentityValue("serial"), "S123");
+  EXPECT_EQ(WinuxIdentityValue("flash_bytes"), "1048576");
+  EXPECT_EQ(WinuxIdentityValue("hwcfg"), "");
+  EXPECT_EQ(WinuxScaleMs(10000), 10u);
+  EXPECT_EQ(WinuxScaleMs(INFINITE), INFINITE);
+  setenv("WINUX_TIME_SCALE", "junk", 1);
+  EXPECT_EQ(WinuxScaleMs(250), 250u);
+}
+
+}  // namespace
