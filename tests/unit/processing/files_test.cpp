@@ -1,0 +1,132 @@
+// File operations on a device root.
+#include <gtest/gtest.h>
+
+#include <cstdlib>
+#include <cstring>
+#include <filesystem>
+#include <string>
+
+#include "platform/winux.h"
+#include "processing/QVProcessingHandler.h"
+#include "support/device_root.h"
+#include "test_log.h"
+
+namespace {
+
+char* HeapCopy(const char* text) {
+  char* copy = static_cast<char*>(malloc(strlen(text) + 1));
+  strcpy(copy, text);
+  return copy;
+}
+
+void MakeReadOnly(const wchar_t* path) {
+  ASSERT_TRUE(SetFileAttributes(path, FILE_ATTRIBUTE_READONLY)) << GetLastError();
+}
+
+}  // namespace
+
+TEST(FileOperations, AJobsFileListLeavesExactlyTheExpectedTree) {
+  ftctest::DeviceRoot root;
+  proctest::MakeLogFolder(root);
+  root.WriteFile("\\Data\\a.txt", "a");
+  root.WriteFile("\\Data\\Keep.TXT", "keep");
+  root.WriteFile("\\Data\\ro.txt", "ro");
+  root.WriteFile("\\Data\\sub\\deep.txt", "deep");
+  root.WriteFile("\\Data\\sub\\Inner\\x.bin", "x");
+  root.WriteFile("\\Data\\sub\\Inner\\saved.bin", "saved");
+  root.WriteFile("\\v1.0\\inside.txt", "dotted folder");
+  root.WriteFile("\\Single\\doomed.txt", "doomed");
+  root.WriteFile("\\Single\\locked.txt", "locked");
+  root.WriteFile("\\old.txt", "old");
+  root.WriteFile("\\src.bin", "src");
+  root.WriteFile("\\Tree\\one.txt", "new one");
+  root.WriteFile("\\Tree\\Nested\\two.txt", "two");
+  root.WriteFile("\\TreeCopy\\one.txt", "stale one");
+  std::filesystem::create_directories(root.HostPath("\\Tree\\Empty"));
+  MakeReadOnly(L"\\Data\\ro.txt");
+  MakeReadOnly(L"\\Single\\locked.txt");
+
+  CQVProcessingHandler handler;
+  CQVFileHandler* files = handler.GetFileHandler();
+  files->AddSaveEntry(HeapCopy("\\data\\keep.txt"));
+  files->AddSaveEntry(HeapCopy("\\Data\\sub\\Inner\\saved.bin"));
+  files->AddSaveEntry(HeapCopy("\\Single\\doomed.txt"));
+  files->AddEntry(new CQVFileEntry("Delete", "\\Data", ""));
+  files->AddEntry(new CQVFileEntry("Delete", "\\v1.0", ""));
+  files->AddEntry(new CQVFileEntry("Delete", "\\Single\\doomed.txt", ""));
+  files->AddEntry(new CQVFileEntry("Delete", "\\Single\\locked.txt", ""));
+  files->AddEntry(new CQVFileEntry("Delete", "", ""));
+  files->AddEntry(new CQVFileEntry("Rename", "\\old.txt", "\\New\\Deeper\\new.txt"));
+  files->AddEntry(new CQVFileEntry("Copy", "\\src.bin", "\\Copies\\src.bin"));
+  files->AddEntry(new CQVFileEntry("CopyDir", "\\Tree", "\\TreeCopy"));
+  files->AddEntry(new CQVFileEntry("rename", "\\src.bin", "\\lower.bin"));
+  handler.DoFiles();
+
+  struct Expect {
+    const char* path;
+    const char* content;  // null: must be gone
+  } expected[] = {
+      {"\\Data\\a.txt", nullptr},
+      {"\\Data\\Keep.TXT", "keep"},  // saved, named in another case
+      {"\\Data\\ro.txt", "ro"},      // read-only inside a folder: kept
+      {"\\Data\\sub\\deep.txt", nullptr},
+      {"\\Data\\sub\\Inner\\x.bin", nullptr},
+      {"\\Data\\sub\\Inner\\saved.bin", "saved"},  // and so its folders stay
+      {"\\v1.0\\inside.txt", "dotted folder"},     // a dotted path names a single file
+      {"\\Single\\doomed.txt", nullptr},           // named directly: saving does not apply
+      {"\\Single\\locked.txt", nullptr},           // named directly: read-only is cleared
+      {"\\old.txt", nullptr},
+      {"\\New\\Deeper\\new.txt", "old"},
+      {"\\src.bin", "src"},
+      {"\\Copies\\src.bin", "src"},
+      {"\\TreeCopy\\one.txt", "new one"},
+      {"\\TreeCopy\\Nested\\two.txt", "two"},
+      {"\\lower.bin", nullptr},
+  };
+  for (const Expect& e : expected) {
+    SCOPED_TRACE(e.path);
+    EXPECT_EQ(e.content != nullptr, root.Exists(e.path));
+    if (e.content) {
+      EXPECT_EQ(e.content, root.ReadFile(e.path));
+    }
+  }
+  EXPECT_TRUE(root.Exists("\\Data"));
+  EXPECT_TRUE(root.Exists("\\TreeCopy\\Empty"));
+  // The empty request touched nothing at the top of the device.
+  EXPECT_TRUE(root.Exists("\\Single"));
+
+  const std::string log = proctest::ReadLog(root);
+  for (const char* line : {
+           "CQVProcessingHandler::DoFiles ()\r\n",
+           "Removing files !\\Data!\r\n",
+           "FileTransferConfiglet - CQVFileHandler::RemoveFiles, \\Data\r\n",
+           "Fiile, a.txt\r\n",
+           "Directory, sub\r\n",
+           "Deleting File 3, \\Data\\a.txt\r\n",
+           "Deleting directory \\Data\\sub\r\n",
+           "Deleting File, \\Single\\doomed.txt\r\n",
+           "Deleting File 2, \\Single\\locked.txt\r\n",
+           "Rename !\\old.txt! to !\\New\\Deeper\\new.txt!\r\n",
+           "Copying !\\src.bin! to !\\Copies\\src.bin!\r\n",
+           "CopyDir !\\Tree! to !\\TreeCopy!\r\n",
+       }) {
+    EXPECT_NE(std::string::npos, log.find(line)) << line;
+  }
+}
+
+TEST(FileOperations, FolderHelpersCreateLevelsAndReportExistence) {
+  ftctest::DeviceRoot root;
+  proctest::MakeLogFolder(root);
+  root.WriteFile("\\One\\marker", "");
+  EXPECT_EQ(1, CQVFileHandler::MakeSureFolderExists(L"\\One\\Two\\Three"));
+  EXPECT_TRUE(root.Exists("\\One\\Two\\Three"));
+  EXPECT_EQ(1, CQVFileHandler::MakeSureFolderExists(L"\\One\\Two\\"));
+  EXPECT_EQ(0, CQVFileHandler::MakeSureFolderExists(L""));
+  EXPECT_EQ(1, CQVFileHandler::Exists(L"\\One\\marker"));
+  EXPECT_EQ(0, CQVFileHandler::Exists(L"\\One\\absent"));
+  EXPECT_EQ(0, CQVFileHandler::Exists(nullptr));
+
+  CQVFileHandler files;
+  EXPECT_EQ(0, files.CopyDirectory(L"\\Missing", L"\\Target"));
+  EXPECT_FALSE(root.Exists("\\Target"));
+}
