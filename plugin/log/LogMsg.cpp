@@ -13,6 +13,7 @@
 namespace {
 
 const char kLogFile[] = "/tmp/FileXfer.txt";
+const wchar_t kLogFolder[] = L"/tmp";
 const wchar_t kLogMutex[] = L"FILELOG_MUTEX";
 const size_t kMessageSize = 1025;
 const size_t kLineSize = 1152;
@@ -45,6 +46,13 @@ class LogLock {
   bool m_taken;
 };
 
+// A fresh device may not have the folder yet.
+FILE* OpenLogFile() {
+  FILE* fp = WinuxFopen(kLogFile, "a");
+  if (!fp && CreateDirectory(kLogFolder, nullptr)) fp = WinuxFopen(kLogFile, "a");
+  return fp;
+}
+
 void SendRemote(const char* message) {
   char line[kLineSize];
   memset(line, 0, sizeof(line));
@@ -68,7 +76,7 @@ void LogMsg(const char* format, ...) {
     LogLock lock;
     if (lock.taken()) {
       // Opened whatever the destination, so a later switch back to the file finds it ready.
-      if (!m_fp) m_fp = WinuxFopen(kLogFile, "a");
+      if (!m_fp) m_fp = OpenLogFile();
       va_list args;
       va_start(args, format);
       if (m_wRemoteDebugPort.load() != 0) {
