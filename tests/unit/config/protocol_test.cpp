@@ -1,0 +1,476 @@
+// The group/field protocol against the modules themselves, so the job it builds can be read
+// back field by field.
+#include <gtest/gtest.h>
+
+#include <cstring>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "configlet/configlet.h"
+#include "configlet/protocol_state.h"
+#include "configlet/send_up.h"
+#include "platform/winux.h"
+#include "processing/QVProcessingHandler.h"
+#include "support/device_root.h"
+
+namespace {
+
+using Fields = std::vector<std::pair<std::string, std::string>>;
+
+class Protocol : public ::testing::Test {
+ protected:
+  void SetUp() override { IcfgInitialize(); }
+
+  uint32_t Begin(const char* group, uint32_t instance = 0) {
+    return IcfgBeginGroup(group, 0, instance);
+  }
+  uint32_t Set(const char* field, const char* value) {
+    return IcfgSetField(field, "", value, 0, 0);
+  }
+  uint32_t End(const char* group) { return IcfgEndGroup(group, 0, 0); }
+  void Group(const char* group, const Fields& fields = {}) {
+    ASSERT_EQ(Begin(group), 0u) << group;
+    for (const auto& f : fields) ASSERT_EQ(Set(f.first.c_str(), f.second.c_str()), 0u) << f.first;
+    ASSERT_EQ(End(group), 0u) << group;
+  }
+  UpgradeConfig& Job() { return *gpUpgCfg; }
+  std::string Log() { return m_root.ReadFile("/tmp/FileXfer.txt"); }
+
+  ftctest::DeviceRoot m_root;
+};
+
+TEST_F(Protocol, ACompleteJobIsBuiltFieldByField) {
+  ASSERT_EQ(Begin("FileTransferConfiglet"), 0u);
+  Group("Syslog", {{"Address", "10.1.2.3"}, {"Port", "514"}});
+  Group("HTTPServer", {{"IPAddress", "192.168.1.10"},
+                       {"HTTPPort", "8080"},
+                       {"BaseURL", "http://192.168.1.10:8080"}});
+  Group("MultiCast", {{"MulticastIP", "239.0.0.1"},
+                      {"EncryptionKey", "s3cret"},
+                      {"UDPPort", "1044"},
+                      {"UDPBlockSize", "8192"}});
+  Group("MulticastClient", {{"Parameters", "-v 2"}});
+  ASSERT_EQ(Begin("Download"), 0u);
+  Group("File", {{"Source", "os/app.bin"},
+                 {"Dest", "\\Flash File Store\\app.bin"},
+                 {"CRC", "3632233996"},
+                 {"MCTMask", "AB??;Z*"}});
+  Group("File",
+        {{"Source", "os/lib.dll"}, {"Dest", "RAM:lib.dll"}, {"CRC", "0"}, {"MCTMask", "*"}});
+  ASSERT_EQ(End("Download"), 0u);
+  Group("FileList", {{"Source", "list.txt"}, {"Dest", "\\temp\\list.txt"}, {"CRC", "77"}});
+  ASSERT_EQ(Begin("StorageRequirements"), 0u);
+  Group("Store", {{"Name", "\\Flash File Store"}, {"RequiredSpace", "1000000"}});
+  ASSERT_EQ(End("StorageRequirements"), 0u);
+  ASSERT_EQ(Begin("Tests"), 0u);
+  Group("Registry", {{"Key", "Software\\Acme"},
+                     {"ValueName", "Ver"},
+                     {"Operator", ">="},
+                     {"Value", "3"},
+                     {"ErrorMsg", "Too old"}});
+  ASSERT_EQ(End("Tests"), 0u);
+  ASSERT_EQ(Begin("DiskCleanup"), 0u);
+  Group("File", {{"Action", "delete"}, {"Name", "\\Temp"}});
+  Group("File", {{"Action", "SAVE"}, {"Name", "\\Temp\\keep.txt"}});
+  Group("File", {{"Action", "Move"}, {"Name", "\\Temp\\ignored.txt"}});
+  Group("File", {{"Action", "Save"}});
+  ASSERT_EQ(End("DiskCleanup"), 0u);
+  Group("StartProcess",
+        {{"Process", "\\Windows\\flash.exe"}, {"Parameters", "-y"}, {"Wait", "false"}});
+  ASSERT_EQ(Begin("StopProcesses"), 0u);
+  Group("StopProcess", {{"Process", "a.exe"}});
+  Group("StopProcess", {{"Process", "b.exe"}});
+  ASSERT_EQ(End("StopProcesses"), 0u);
+
+  ASSERT_EQ(Begin("PreProcessing"), 0u);
+  Group("Executable", {{"Name", "\\Windows\\setup.exe"},
+                       {"CmdLine", "/q"},
+                       {"StartIn", "\\Windows"},
+                       {"Wait", "FALSE"}});
+  ASSERT_EQ(Begin("FileOperations"), 0u);
+  Group("Save", {{"Name", "\\Temp\\spare.txt"}});
+  Group("Delete", {{"Name", "\\Temp\\old"}});
+  Group("Rename", {{"Name", "\\a.txt"}, {"Dest", "\\b.txt"}});
+  ASSERT_EQ(End("FileOperations"), 0u);
+  ASSERT_EQ(Begin("Registry"), 0u);
+  Group("Set", {{"KeyName", "HKEY_LOCAL_MACHINE\\Software\\Acme"},
+                {"ValueName", "Mode"},
+                {"Value", "1"},
+                {"Type", "REG_DWORD"}});
+  ASSERT_EQ(End("Registry"), 0u);
+  ASSERT_EQ(Set("Process", "early.exe"), 0u);
+  ASSERT_EQ(End("PreProcessing"), 0u);
+
+  ASSERT_EQ(Begin("PostProcessing"), 0u);
+  Group("CopyDir", {{"SourceDir", "\\Temp\\a"}, {"DestDir", "\\Temp\\b"}});
+  Group("DeleteKey", {{"KeyName", "HKEY_LOCAL_MACHINE\\Software\\Old"}});
+  Group("Executable", {{"Name", "\\Windows\\after.exe"}});
+  ASSERT_EQ(Set("Process", "late.exe"), 0u);
+  ASSERT_EQ(End("PostProcessing"), 0u);
+
+  for (const auto& f : Fields{{"BundleName", "Demo"},
+                              {"Version", "1.2"},
+                              {"BeginText", "Go"},
+                              {"EndText", "Done"},
+                              {"Reboot", "TRUE"},
+                              {"ShowGUI", "false"}})
+    ASSERT_EQ(Set(f.first.c_str(), f.second.c_str()), 0u);
+
+  UpgradeConfig& job = Job();
+  EXPECT_STREQ(job.GetSysLogIP(), "10.1.2.3");
+  EXPECT_EQ(job.GetSysLogPort(), 514);
+  EXPECT_STREQ(job.GetHTTPIPAddress(), "192.168.1.10");
+  EXPECT_EQ(job.GetHTTPPort(), 8080);
+  EXPECT_STREQ(job.GetBaseURL(), "http://192.168.1.10:8080");
+  EXPECT_STREQ(job.GetMCIp(), "239.0.0.1");
+  EXPECT_STREQ(job.GetMCEncryptionKey(), "s3cret");
+  EXPECT_EQ(job.GetMulticastPort(), 1044);
+  EXPECT_EQ(job.GetMulticastBlockSize(), 8192);
+  EXPECT_STREQ(job.GetMCProcessParms(), "-v 2");
+
+  ASSERT_EQ(job.GetDownloadFiles().size(), 2u);
+  const tagDownloadFile* app = job.GetDownloadFiles()[0];
+  EXPECT_STREQ(app->m_szSourceFile, "os/app.bin");
+  EXPECT_STREQ(app->m_szDestFile, "\\Flash File Store\\app.bin");
+  EXPECT_STREQ(app->m_szCRC, "3632233996");
+  EXPECT_STREQ(app->m_szMCTMask, "AB??;Z*");
+  EXPECT_STREQ(job.GetDownloadFiles()[1]->m_szDestFile, "RAM:lib.dll");
+  ASSERT_NE(job.GetMCFileList(), nullptr);
+  EXPECT_STREQ(job.GetMCFileList()->m_szSourceFile, "list.txt");
+  EXPECT_STREQ(job.GetMCFileList()->m_szCRC, "77");
+
+  ASSERT_EQ(job.GetStorageReqs().size(), 1u);
+  EXPECT_STREQ(job.GetStorageReqs()[0]->m_szName, "\\Flash File Store");
+  EXPECT_STREQ(job.GetStorageReqs()[0]->m_szRequiredSpace, "1000000");
+
+  ASSERT_EQ(job.GetRegistryTests().size(), 1u);
+  const tagRegistryEntry* test = job.GetRegistryTests()[0];
+  EXPECT_STREQ(test->m_szRoot, "HKEY_LOCAL_MACHINE");  // preset
+  EXPECT_STREQ(test->m_szType, "String");              // preset
+  EXPECT_STREQ(test->m_szKey, "Software\\Acme");
+  EXPECT_STREQ(test->m_szValueName, "Ver");
+  EXPECT_STREQ(test->m_szOperator, ">=");
+  EXPECT_STREQ(test->m_szValue, "3");
+  EXPECT_STREQ(test->m_szErrorMsg, "Too old");
+
+  ASSERT_EQ(job.GetFileDeleteList().size(), 1u);
+  EXPECT_STREQ(job.GetFileDeleteList()[0], "\\Temp");
+  ASSERT_EQ(job.GetFileSaveList().size(), 1u);
+  EXPECT_STREQ(job.GetFileSaveList()[0], "\\Temp\\keep.txt");
+
+  EXPECT_STREQ(job.GetProcessName(), "\\Windows\\flash.exe");
+  EXPECT_STREQ(job.GetProcessParms(), "-y");
+  EXPECT_EQ(job.GetProcessWait(), 0);
+  ASSERT_EQ(job.GetStopProcessList().size(), 2u);
+  EXPECT_STREQ(job.GetStopProcessList()[0], "a.exe");
+  EXPECT_STREQ(job.GetStopProcessList()[1], "b.exe");
+
+  CQVProcessingHandler* pre = job.GetPreProcessing();
+  ASSERT_NE(pre, nullptr);
+  ASSERT_EQ(pre->GetExeHandler()->GetEntries().size(), 1u);
+  CQVExeEntry* exe = pre->GetExeHandler()->GetEntries()[0];
+  EXPECT_STREQ(exe->GetFile(), "\\Windows\\setup.exe");
+  EXPECT_STREQ(exe->GetCmdLine(), "/q");
+  EXPECT_STREQ(exe->GetStartIn(), "\\Windows");
+  EXPECT_EQ(exe->GetWait(), 0);
+  ASSERT_EQ(pre->GetFileHandler()->GetSaveEntries().size(), 1u);
+  EXPECT_STREQ(pre->GetFileHandler()->GetSaveEntries()[0], "\\Temp\\spare.txt");
+  ASSERT_EQ(pre->GetFileHandler()->GetEntries().size(), 2u);
+  EXPECT_STREQ(pre->GetFileHandler()->GetEntries()[0]->GetOperation(), "Delete");
+  EXPECT_STREQ(pre->GetFileHandler()->GetEntries()[0]->GetSource(), "\\Temp\\old");
+  EXPECT_STREQ(pre->GetFileHandler()->GetEntries()[1]->GetOperation(), "Rename");
+  EXPECT_STREQ(pre->GetFileHandler()->GetEntries()[1]->GetDest(), "\\b.txt");
+  LLNode* node = pre->GetRegistryHandler()->GetList().first();
+  ASSERT_NE(node, nullptr);
+  auto* set = static_cast<CQVRegistryEntry*>(node->data());
+  EXPECT_STREQ(set->GetOperation(), "Set");
+  EXPECT_STREQ(set->GetKeyName(), "HKEY_LOCAL_MACHINE\\Software\\Acme");
+  EXPECT_STREQ(set->GetValueName(), "Mode");
+  EXPECT_STREQ(set->GetValue(), "1");
+  EXPECT_STREQ(set->GetType(), "REG_DWORD");
+  EXPECT_EQ(node->next(), nullptr);
+  // Processes named under post-processing are stopped before the upgrade as well.
+  ASSERT_EQ(pre->GetProcessNames().size(), 2u);
+  EXPECT_STREQ(pre->GetProcessNames()[0], "early.exe");
+  EXPECT_STREQ(pre->GetProcessNames()[1], "late.exe");
+
+  CQVProcessingHandler* post = job.GetPostProcessing();
+  ASSERT_NE(post, nullptr);
+  EXPECT_TRUE(post->GetProcessNames().empty());
+  ASSERT_EQ(post->GetFileHandler()->GetEntries().size(), 1u);
+  EXPECT_STREQ(post->GetFileHandler()->GetEntries()[0]->GetOperation(), "CopyDir");
+  EXPECT_STREQ(post->GetFileHandler()->GetEntries()[0]->GetSource(), "\\Temp\\a");
+  EXPECT_STREQ(post->GetFileHandler()->GetEntries()[0]->GetDest(), "\\Temp\\b");
+  ASSERT_NE(post->GetRegistryHandler()->GetList().first(), nullptr);
+  EXPECT_STREQ(static_cast<CQVRegistryEntry*>(post->GetRegistryHandler()->GetList().first()->data())
+                   ->GetOperation(),
+               "DeleteKey");
+  ASSERT_EQ(post->GetExeHandler()->GetEntries().size(), 1u);
+  EXPECT_EQ(post->GetExeHandler()->GetEntries()[0]->GetWait(), 1);
+
+  EXPECT_STREQ(job.GetBundleName(), "Demo");
+  EXPECT_STREQ(job.GetVersion(), "1.2");
+  EXPECT_STREQ(job.GetUpgBeginMsg(), "Go");
+  EXPECT_STREQ(job.GetUpgEndMsg(), "Done");
+  EXPECT_EQ(job.GetReboot(), 1);
+  EXPECT_EQ(job.GetShowGUI(), 0);
+
+  std::string log = Log();
+  EXPECT_NE(log.find("Allocating gpUpgCfg\r\n"), std::string::npos);
+  EXPECT_NE(log.find("IcfgSetField - HTTPPort, 8080\r\n"), std::string::npos);
+  EXPECT_NE(log.find("IcfgSetField - Process, late.exe\r\n"), std::string::npos);
+}
+
+TEST_F(Protocol, KeywordsMatchAsPrefixesInTableOrder) {
+  struct Case {
+    const char* group;  // opened (and left open) before the field
+    const char* field;
+    const char* value;
+    uint32_t result;
+  };
+  const Case cases[] = {
+      {"Syslog", "P", "515", 0},                   // Port, ahead of Process and Parameters
+      {"Syslog", "", "10.0.0.9", 0},               // empty name: Address
+      {"Syslog", "ADDR", "10.0.0.7", 0},           // any case
+      {"StartProcess", "Proc", "\\flash.exe", 0},  // Process
+      {"StartProcess", "Param", "-z", 0},          // Parameters
+      {"Registry", "Val", "x", ICFG_E_UNKNOWN},    // ValueName and Value are exact
+      {"Registry", "Valu", "x", ICFG_E_UNKNOWN},
+      {"Registry", "value", "5", 0},
+      {"Syslog", "Portable", "1", ICFG_E_UNKNOWN},  // longer than the keyword
+      {"Syslog", "Versio", "1", ICFG_E_UNKNOWN},    // Version is exact
+      {"Syslog", "Bogus", "1", ICFG_E_UNKNOWN},
+  };
+  ASSERT_EQ(Begin("FileTransferConfiglet"), 0u);
+  for (const Case& c : cases) {
+    ASSERT_EQ(Begin(c.group), 0u);
+    EXPECT_EQ(Set(c.field, c.value), c.result) << c.group << "/" << c.field;
+  }
+  EXPECT_EQ(Job().GetSysLogPort(), 515);
+  EXPECT_STREQ(Job().GetSysLogIP(), "10.0.0.7");
+  EXPECT_STREQ(Job().GetProcessName(), "\\flash.exe");
+  EXPECT_STREQ(Job().GetProcessParms(), "-z");
+  ASSERT_NE(gpRegistryEntry, nullptr);
+  EXPECT_STREQ(gpRegistryEntry->m_szValue, "5");
+  EXPECT_STREQ(gpRegistryEntry->m_szValueName, "");
+}
+
+TEST_F(Protocol, WaitAndShowGUIReadTheirValuesByTheirOwnCaseRules) {
+  struct Case {
+    const char* value;
+    int32_t startProcessWait;  // only "false" exactly means no
+    int32_t executableWait;    // "FALSE" in any case means no
+  };
+  const Case cases[] = {{"false", 0, 0}, {"False", 1, 0}, {"FALSE", 1, 0}, {"no", 1, 1}};
+  for (const Case& c : cases) {
+    ASSERT_EQ(Begin("FileTransferConfiglet"), 0u);
+    Group("StartProcess", {{"Wait", c.value}});
+    EXPECT_EQ(Job().GetProcessWait(), c.startProcessWait) << c.value;
+    ASSERT_EQ(Set("ShowGUI", c.value), 0u);
+    EXPECT_EQ(Job().GetShowGUI(), c.startProcessWait) << c.value;
+    ASSERT_EQ(Begin("PreProcessing"), 0u);
+    Group("Executable", {{"Wait", c.value}});
+    ASSERT_EQ(End("PreProcessing"), 0u);
+    EXPECT_EQ(Job().GetPreProcessing()->GetExeHandler()->GetEntries()[0]->GetWait(),
+              c.executableWait)
+        << c.value;
+  }
+  // Outside StartProcess, Wait changes nothing.
+  ASSERT_EQ(Set("Wait", "false"), 0u);
+  EXPECT_EQ(Job().GetProcessWait(), 1);
+}
+
+TEST_F(Protocol, DownloadFieldsCountOnlyInsideDownloadOrFileList) {
+  ASSERT_EQ(Begin("FileTransferConfiglet"), 0u);
+  for (const char* field : {"Source", "Dest", "CRC", "MCTMask"})
+    EXPECT_EQ(Set(field, "outside"), 0u) << field;
+  EXPECT_TRUE(Job().GetDownloadFiles().empty());
+  EXPECT_EQ(Job().GetMCFileList(), nullptr);
+  // A File group outside Download is a disk clean-up file: no download entry.
+  Group("File", {{"Source", "x.bin"}});
+  EXPECT_TRUE(Job().GetDownloadFiles().empty());
+}
+
+TEST_F(Protocol, GroupsAreCheckedAndTheLastNameIsKept) {
+  struct Case {
+    const char* group;
+    uint32_t result;
+  };
+  const Case cases[] = {
+      {"FileProcessing", ICFG_E_UNKNOWN}, {"Bogus", ICFG_E_UNKNOWN}, {"syslog", 0},
+      {"ALTERNATERTWREASON", 0},          {"", ICFG_E_UNKNOWN},      {"ClearQVBundles", 0}};
+  for (const Case& c : cases) {
+    EXPECT_EQ(Begin(c.group), c.result) << c.group;
+    EXPECT_STREQ(gCurrentGroup, c.group);
+  }
+  EXPECT_EQ(gbFileProcessing, 0);
+  std::string longName(300, 'g');
+  EXPECT_EQ(Begin(longName.c_str()), ICFG_E_UNKNOWN);
+  EXPECT_EQ(std::string(gCurrentGroup), longName.substr(0, 127));
+}
+
+TEST_F(Protocol, OnlyInstanceZeroStartsANewJob) {
+  ASSERT_EQ(Begin("FileTransferConfiglet"), 0u);
+  ASSERT_EQ(Set("BundleName", "First"), 0u);
+  UpgradeConfig* first = gpUpgCfg;
+  ASSERT_EQ(Begin("FileTransferConfiglet", 1), 0u);
+  EXPECT_EQ(gpUpgCfg, first);
+  EXPECT_STREQ(Job().GetBundleName(), "First");
+  ASSERT_EQ(Begin("FileTransferConfiglet", 0), 0u);
+  EXPECT_STREQ(Job().GetBundleName(), "");
+}
+
+TEST_F(Protocol, UnbalancedSequencesLeaveFlagsSetButNeverCrash) {
+  // Fields and closes with no job and nothing open are accepted and kept nowhere.
+  for (const char* field : {"Address", "Port", "BaseURL", "Process", "Name", "RequiredSpace",
+                            "Root", "Value", "SrcUrl", "BundleName", "Reboot"})
+    EXPECT_EQ(Set(field, "v"), 0u) << field;
+  for (const char* group : {"File", "FileList", "Store", "Registry", "Executable", "Save", "Delete",
+                            "Set", "PullFile", "PreProcessing", "Upgrade"})
+    EXPECT_EQ(End(group), 0u) << group;
+  // Groups that need a job do nothing without one.
+  EXPECT_EQ(Begin("PreProcessing"), 0u);
+  EXPECT_EQ(Set("Process", "p.exe"), 0u);
+  EXPECT_EQ(End("PreProcessing"), 0u);
+
+  ASSERT_EQ(Begin("FileTransferConfiglet"), 0u);
+  // Download left open: its flag stays, and a File opened twice keeps only the second entry.
+  ASSERT_EQ(Begin("Download"), 0u);
+  ASSERT_EQ(Begin("File"), 0u);
+  ASSERT_EQ(Set("Source", "dropped.bin"), 0u);
+  Group("File", {{"Source", "kept.bin"}});
+  ASSERT_EQ(Set("Source", "after-close.bin"), 0u);  // no entry open: kept nowhere
+  ASSERT_EQ(Job().GetDownloadFiles().size(), 1u);
+  EXPECT_STREQ(Job().GetDownloadFiles()[0]->m_szSourceFile, "kept.bin");
+  EXPECT_EQ(gbDownload, 1);
+  // StartProcess left open: a later StopProcess's Process still names the flash writer.
+  ASSERT_EQ(Begin("StartProcess"), 0u);
+  Group("StopProcess", {{"Process", "stop.exe"}});
+  EXPECT_STREQ(Job().GetProcessName(), "stop.exe");
+  EXPECT_TRUE(Job().GetStopProcessList().empty());
+  ASSERT_EQ(End("StartProcess"), 0u);
+  Group("StopProcess", {{"Process", "stop.exe"}});
+  EXPECT_EQ(Job().GetStopProcessList().size(), 1u);
+  // Inside pre-processing a Registry group is only a grouping: no test is added.
+  ASSERT_EQ(Begin("PreProcessing"), 0u);
+  ASSERT_EQ(Begin("Registry"), 0u);
+  ASSERT_EQ(End("Registry"), 0u);
+  EXPECT_EQ(Set("Key", "x"), ICFG_E_UNKNOWN);  // pre-processing vocabulary only
+  ASSERT_EQ(End("PreProcessing"), 0u);
+  EXPECT_TRUE(Job().GetRegistryTests().empty());
+}
+
+TEST_F(Protocol, BaseURLTakesTheMessageQueueServerAddress) {
+  struct Case {
+    const wchar_t* serverIp;  // null: no registry value
+    const char* url;
+    const char* expected;
+  };
+  const Case cases[] = {
+      {nullptr, "http://upgrades.example:8080", "http://upgrades.example:8080"},
+      {L"10.9.8.7", "http://upgrades.example:8080/os", "http://10.9.8.7:8080"},
+      {L"10.9.8.7", "http://upgrades.example/os", "http://10.9.8.7:8789"},
+      {L"10.9.8.7", "ftp://upgrades.example:21", "http://10.9.8.7:8789"},
+      {L"127.0.0.1", "http://upgrades.example:8080", "http://upgrades.example:8080"},
+      {L"", "http://upgrades.example:8080", "http://upgrades.example:8080"},
+  };
+  for (const Case& c : cases) {
+    ftctest::DeviceRoot root;
+    if (c.serverIp) {
+      HKEY key = nullptr;
+      ASSERT_EQ(RegCreateKeyEx(HKEY_LOCAL_MACHINE, L"SOFTWARE\\Tervalon\\XQueue", 0, nullptr, 0,
+                               KEY_ALL_ACCESS, nullptr, &key, nullptr),
+                0);
+      RegSetValueEx(key, L"ServerIP", 0, REG_SZ, reinterpret_cast<const BYTE*>(c.serverIp),
+                    static_cast<DWORD>((wcslen(c.serverIp) + 1) * sizeof(wchar_t)));
+      RegCloseKey(key);
+    }
+    ASSERT_EQ(Begin("FileTransferConfiglet"), 0u);
+    ASSERT_EQ(Set("BaseURL", c.url), 0u);
+    EXPECT_STREQ(Job().GetBaseURL(), c.expected) << c.url;
+  }
+}
+
+TEST_F(Protocol, PrePostProcessingFieldsBelongToTheOpenEntry) {
+  ASSERT_EQ(Begin("FileTransferConfiglet"), 0u);
+  ASSERT_EQ(Begin("PostProcessing"), 0u);
+  struct Case {
+    const char* group;
+    const char* field;
+    uint32_t result;
+  };
+  const Case cases[] = {
+      {"Executable", "CmdLine", 0}, {"Executable", "Dest", ICFG_E_UNKNOWN},
+      {"Copy", "SourceDir", 0},     {"Copy", "KeyName", ICFG_E_UNKNOWN},
+      {"DeleteValue", "Type", 0},   {"DeleteValue", "Name", ICFG_E_UNKNOWN},
+  };
+  for (const Case& c : cases) {
+    ASSERT_EQ(Begin(c.group), 0u);
+    EXPECT_EQ(Set(c.field, "v"), c.result) << c.group << "/" << c.field;
+    ASSERT_EQ(End(c.group), 0u);
+  }
+  EXPECT_EQ(Set("Name", "v"), ICFG_E_UNKNOWN);  // no entry open
+  EXPECT_EQ(Set("process", "v"), 0u);
+  ASSERT_EQ(End("PostProcessing"), 0u);
+  // Post-processing alone still gets its processes stopped before the upgrade.
+  ASSERT_NE(Job().GetPreProcessing(), nullptr);
+  EXPECT_EQ(Job().GetPreProcessing()->GetProcessNames().size(), 1u);
+  // Operations closed outside pre/post-processing are dropped.
+  Group("Executable");
+  Group("Rename");
+  Group("Set");
+  EXPECT_EQ(Job().GetPostProcessing()->GetExeHandler()->GetEntries().size(), 2u);
+  EXPECT_EQ(Job().GetPostProcessing()->GetFileHandler()->GetEntries().size(), 2u);
+}
+
+TEST_F(Protocol, PullFileRecordIsFilledFromExactNames) {
+  ASSERT_EQ(Begin("PullFile"), 0u);
+  EXPECT_EQ(Set("SrcUrl", "http://%XQ_SERVERIP%"), 0u);
+  EXPECT_EQ(Set("SrcFile", "a.txt"), 0u);
+  EXPECT_EQ(Set("DestFile", "\\Temp\\a.txt"), 0u);
+  EXPECT_EQ(Set("FileID", "17"), 0u);
+  EXPECT_EQ(Set("SrcUr", "x"), ICFG_E_UNKNOWN);
+  ASSERT_NE(gpPullFileEntry, nullptr);
+  EXPECT_STREQ(gpPullFileEntry->m_szSrcUrl, "http://%XQ_SERVERIP%");
+  EXPECT_STREQ(gpPullFileEntry->m_szSrcFile, "a.txt");
+  EXPECT_STREQ(gpPullFileEntry->m_szDestFile, "\\Temp\\a.txt");
+  EXPECT_STREQ(gpPullFileEntry->m_szFileID, "17");
+}
+
+TEST_F(Protocol, OverlongValuesAreCutAtTheFieldCapacity) {
+  ASSERT_EQ(Begin("FileTransferConfiglet"), 0u);
+  std::string big(5000, 'v');
+  ASSERT_EQ(Begin("Download"), 0u);
+  Group("File", {{"Source", big}, {"MCTMask", big}});
+  ASSERT_EQ(Begin("Registry"), 0u);
+  EXPECT_EQ(Set("Operator", big.c_str()), 0u);
+  EXPECT_EQ(Set("Type", big.c_str()), 0u);
+  EXPECT_EQ(std::string(Job().GetDownloadFiles()[0]->m_szSourceFile), big.substr(0, 255));
+  EXPECT_EQ(std::string(Job().GetDownloadFiles()[0]->m_szMCTMask), big.substr(0, 2047));
+  EXPECT_EQ(std::string(gpRegistryEntry->m_szOperator), big.substr(0, 11));
+  EXPECT_EQ(std::string(gpRegistryEntry->m_szType), big.substr(0, 23));
+}
+
+namespace {
+std::vector<std::string> g_sent;
+uint32_t g_context = 0;
+uint32_t FailingSendUp(uint32_t context, const char* message, uint32_t length) {
+  g_context = context;
+  g_sent.emplace_back(message, length);
+  return 0xFFFFFFFFu;
+}
+}  // namespace
+
+TEST(SendUp, GoesThroughSlotFourOnlyOnceCallbacksAreSet) {
+  EXPECT_EQ(SendUpMessage("early", 6), 0u);
+  void* table[6] = {};
+  table[4] = reinterpret_cast<void*>(&FailingSendUp);
+  EXPECT_EQ(IcfgSetCallbacks(77, table), 0u);
+  EXPECT_EQ(SendUpMessage("hello", 6), 1u);
+  ASSERT_EQ(g_sent.size(), 1u);
+  EXPECT_EQ(g_sent[0], std::string("hello", 6));
+  EXPECT_EQ(g_context, 77u);
+}
+
+}  // namespace
