@@ -9,10 +9,10 @@
 
 #include <string>
 
-#include "device_root.h"
 #include "platform/helpers.h"
 #include "platform/hostclasses.h"
 #include "platform/winux.h"
+#include "support/device_root.h"
 
 namespace {
 

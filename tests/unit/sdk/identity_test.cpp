@@ -6,9 +6,9 @@
 #include <fstream>
 #include <string>
 
-#include "device_root.h"
 #include "platform/helpers.h"
 #include "platform/hwid.h"
+#include "support/device_root.h"
 
 namespace {
 

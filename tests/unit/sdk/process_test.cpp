@@ -8,8 +8,8 @@
 #include <string>
 #include <thread>
 
-#include "device_root.h"
 #include "platform/helpers.h"
+#include "support/device_root.h"
 
 namespace {
 
