@@ -7,26 +7,26 @@
 #include <cstring>
 #include <mutex>
 
+#include "configlet/configlet.h"
+
 namespace ftchost {
 
 namespace {
 
 // The plug-in's exported interface as a host sees it.
-typedef int32_t (*DllMainFn)(void* module, uint32_t reason, void* reserved);
-typedef uint32_t (*VoidFn)();
-typedef uint32_t (*SchemaFn)(uint32_t unused, int32_t* major, int32_t* minor);
-typedef uint32_t (*SetCallbacksFn)(uintptr_t context, void* table);
-typedef uint32_t (*BeginGroupFn)(const char* name, uint32_t unused, uint32_t instance);
-typedef uint32_t (*SetFieldFn)(const char* name, const char* passed, const char* value, uint32_t a,
-                               uint32_t b);
-typedef uint32_t (*EndGroupFn)(const char* name, uint32_t a, uint32_t b);
-typedef uint32_t (*SendUpFn)(uintptr_t context, const char* message, uint32_t length);
+typedef decltype(&DllMain) DllMainFn;
+typedef decltype(&IcfgGetInterfaceVersion) VoidFn;
+typedef decltype(&IcfgGetSchemaVersion) SchemaFn;
+typedef decltype(&IcfgSetCallbacks) SetCallbacksFn;
+typedef decltype(&IcfgBeginGroup) BeginGroupFn;
+typedef decltype(&IcfgSetField) SetFieldFn;
+typedef decltype(&IcfgEndGroup) EndGroupFn;
 
 // The plug-in calls back from its own threads; one receiver per process.
 std::mutex g_sendUpLock;
 PluginSession::SendUp g_sendUp;
 
-uint32_t HostSendUp(uintptr_t, const char* message, uint32_t length) {
+uint32_t HostSendUp(uint32_t, const char* message, uint32_t length) {
   std::lock_guard<std::mutex> lock(g_sendUpLock);
   if (!g_sendUp || !message) return 0;
   std::string text(message, length > 0 ? strnlen(message, length) : 0);
@@ -35,11 +35,11 @@ uint32_t HostSendUp(uintptr_t, const char* message, uint32_t length) {
 }
 
 // Slot 4 is the only one the plug-in calls; the others answer "not supported".
-uint32_t HostUnused(uintptr_t, const char*, uint32_t) {
+uint32_t HostUnused(uint32_t, const char*, uint32_t) {
   return 0;
 }
-SendUpFn g_table[8] = {HostUnused, HostUnused, HostUnused, HostUnused,
-                       HostSendUp, HostUnused, HostUnused, HostUnused};
+IcfgSendUp g_table[8] = {HostUnused, HostUnused, HostUnused, HostUnused,
+                         HostSendUp, HostUnused, HostUnused, HostUnused};
 
 void* Symbol(void* lib, const char* name, std::string* missing) {
   void* p = dlsym(lib, name);
@@ -79,9 +79,9 @@ bool PluginSession::Load(const std::string& path, SendUp sendUp, std::string* er
     return false;
   }
   // The plug-in keeps its module handle on reason 0.
-  dllMain(m_lib, 0, nullptr);
+  dllMain(m_lib, ICFG_PROCESS_ATTACH, nullptr);
   uint32_t iface = version();
-  int32_t major = -1, minor = -1;
+  uint32_t major = 0xFFFFFFFFu, minor = 0xFFFFFFFFu;
   schema(0, &major, &minor);
   if (iface != 2 || major != 1 || minor != 0) {
     *error = "unsupported plug-in: interface " + std::to_string(iface) + ", schema " +
@@ -94,7 +94,7 @@ bool PluginSession::Load(const std::string& path, SendUp sendUp, std::string* er
     std::lock_guard<std::mutex> lock(g_sendUpLock);
     g_sendUp = std::move(sendUp);
   }
-  callbacks(0, g_table);
+  callbacks(0, reinterpret_cast<void* const*>(g_table));
   return true;
 }
 

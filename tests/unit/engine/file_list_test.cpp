@@ -1,0 +1,137 @@
+// The download list: device masks, list-file parsing, destination folders and the URL forms the
+// engine asks the server for.
+#include <gtest/gtest.h>
+
+#include <cstring>
+#include <string>
+#include <vector>
+
+#include "config/UpgradeConfig.h"
+#include "engine/completion.h"
+#include "engine/upgrade.h"
+#include "platform/winux.h"
+#include "support/device_root.h"
+#include "support/scripted_http_peer.h"
+
+namespace {
+
+TEST(DeviceMask, MatchesAsAPrefixPatternBothWays) {
+  struct Case {
+    const char* mask;
+    const char* mct;
+    int match;
+  } cases[] = {
+      {"A?C*", "ABCDEF", 1}, {"ABD", "ABC", 0}, {"ABCD", "AB", 1}, {"AB", "ABXY", 1},
+      {"", "ABC", 0},        {"*", "ABC", 1},   {"ab", "AB", 0},   {"AB\r\nZZ", "AB", 1},
+      {"ABC", "", 0},        {"?X", "AX", 1},   {"?X", "AY", 0},   {nullptr, "AB", 0},
+  };
+  for (const Case& c : cases)
+    EXPECT_EQ(IsMCTMaskMatch(c.mask, c.mct), c.match)
+        << (c.mask ? c.mask : "(null)") << " vs " << c.mct;
+}
+
+TEST(Trim, CutsAtEveryLineControlCharacterFromTheEnd) {
+  struct Case {
+    const char* in;
+    const char* out;
+  } cases[] = {{"AB\r\nCD\n", "AB"},
+               {"plain", "plain"},
+               {"tab\tkept ", "tab\tkept "},
+               {"\x0e\x0f", ""},
+               {"", ""}};
+  for (const Case& c : cases) {
+    char buf[32];
+    strcpy(buf, c.in);
+    trim(buf);
+    EXPECT_STREQ(buf, c.out) << c.in;
+  }
+  trim(nullptr);
+}
+
+struct Entry {
+  std::string source, dest, masks, crc, size;
+};
+
+std::vector<Entry> Parse(const std::string& text) {
+  UpgradeConfig cfg;
+  ParseFileList(&cfg, text.data(), text.size());
+  std::vector<Entry> out;
+  for (const tagDownloadFile* f : cfg.GetDownloadFiles())
+    out.push_back(
+        {f->m_szSourceFile, f->m_szDestFile, f->m_szMCTMask, f->m_szCRC, f->m_szFileSize});
+  return out;
+}
+
+TEST(ListFile, EveryFiveTokensMakeOneEntry) {
+  auto one = Parse("a.bin,\\dest\\a.bin,X*,12345,100\r\n");
+  ASSERT_EQ(one.size(), 1u);
+  EXPECT_EQ(one[0].source, "a.bin");
+  EXPECT_EQ(one[0].dest, "\\dest\\a.bin");
+  EXPECT_EQ(one[0].masks, "X*");
+  EXPECT_EQ(one[0].crc, "12345");
+  EXPECT_EQ(one[0].size, "100");
+
+  EXPECT_EQ(Parse("a,b,c,1,2,x,y").size(), 1u);  // a short last group is dropped
+  EXPECT_EQ(Parse("\r\n\r\na,b,AB CD;EF,1,2\n\n,,,b,c,d,3,4,,\r\n").size(), 2u);
+  EXPECT_EQ(Parse("").size(), 0u);
+  EXPECT_EQ(Parse(",,,\r\n").size(), 0u);
+  // The masks keep their blanks: they are split later.
+  EXPECT_EQ(Parse("a,b,AB CD;EF,1,2")[0].masks, "AB CD;EF");
+  // A NUL ends the list as it ends the device's string.
+  EXPECT_EQ(Parse(std::string("a,b,c,1,2\0d,e,f,3,4", 19)).size(), 1u);
+}
+
+TEST(ListFile, OverlongTokensAreCutToTheirFields) {
+  std::string longSource(1000, 's'), longCrc(100, '7');
+  auto e = Parse(longSource + ",d," + std::string(5000, 'm') + "," + longCrc + ",1");
+  ASSERT_EQ(e.size(), 1u);
+  EXPECT_EQ(e[0].source.size(), 255u);
+  EXPECT_EQ(e[0].masks.size(), 2047u);
+  EXPECT_EQ(e[0].crc.size(), 31u);
+}
+
+TEST(Folders, DestinationFoldersAreCreatedLevelByLevel) {
+  ftctest::DeviceRoot root;
+  wchar_t path[] = L"\\one\\two\\three\\file.bin";
+  EXPECT_EQ(AttemptToCreateDesinationFolder(path), 1);
+  EXPECT_TRUE(root.Exists("\\one\\two\\three"));
+  EXPECT_FALSE(root.Exists("\\one\\two\\three\\file.bin"));
+  EXPECT_EQ(Exists(L"\\one\\two"), 1);
+  EXPECT_EQ(Exists(L"\\one\\nothing"), 0);
+  EXPECT_EQ(Exists(L""), 0);
+  wchar_t bare[] = L"file.bin";
+  EXPECT_EQ(AttemptToCreateDesinationFolder(bare), 0);
+}
+
+// GetFile's request path, as the server sees it, for each base URL form.
+TEST(GetFile, PortAndOrdinalAppearOnlyWhenTheBaseNamesNoPort) {
+  ftctest::DeviceRoot root;
+  const std::string notFound = "HTTP/1.1 404 Not Found\r\nContent-Length: 0\r\n\r\n";
+  ftctest::ScriptedHttpPeer peer({ftctest::Reply::Raw(notFound), ftctest::Reply::Raw(notFound)});
+  UpgradeConfig cfg;
+  m_pUpgCfg = &cfg;
+  m_iXferedFileCount = 2;
+  m_iFileCount = 5;
+  std::string port = std::to_string(peer.Port());
+
+  char bare[] = "http://127.0.0.1";
+  char source[] = "a.bin";
+  char dest[] = "\\Flash File Store\\a.bin";
+  EXPECT_NE(GetFile(bare, source, dest, peer.Port(), 1), 0);
+
+  std::string withPort = "http://127.0.0.1:" + port + "/base/";
+  char sub[] = "os\\b.bin";
+  EXPECT_NE(GetFile(withPort.data(), sub, dest, 80, 1), 0);
+
+  ASSERT_TRUE(peer.WaitForRequests(2));
+  auto requests = peer.Requests();
+  EXPECT_EQ(requests[0].rfind("GET a.bin:2,5 HTTP/1.1\r\n", 0), 0u) << requests[0];
+  EXPECT_EQ(requests[1].rfind("GET base/os\\b.bin HTTP/1.1\r\n", 0), 0u) << requests[1];
+  EXPECT_TRUE(root.Exists("\\Flash File Store"));
+  // One attempt each moves the ordinal on.
+  EXPECT_EQ(GetTransferedFileCnt(), 4);
+  CleanupHTTPClient();
+  m_pUpgCfg = nullptr;
+}
+
+}  // namespace
