@@ -24,7 +24,7 @@ std::string ReadAll(const char* path) {
   return s;
 }
 
-TEST(FileIO, WriteSeekAppendReadRoundTrip) {
+TEST(SdkFileIO, WriteSeekAppendReadRoundTrip) {
   ftctest::DeviceRoot root;
   root.WriteFile("\\Flash File Store\\keep.txt", "");
   const char* path = "\\Flash File Store\\app.bin";
@@ -62,7 +62,7 @@ TEST(FileIO, WriteSeekAppendReadRoundTrip) {
   EXPECT_EQ(f.Size(), 0u);
 }
 
-TEST(FileIO, StaleReadOnlyFileIsPreparedRemovedAndDeleted) {
+TEST(SdkFileIO, StaleReadOnlyFileIsPreparedRemovedAndDeleted) {
   ftctest::DeviceRoot root;
   const char* path = "\\Flash File Store\\old.bin";
   root.WriteFile(path, "stale");
@@ -86,7 +86,7 @@ TEST(FileIO, StaleReadOnlyFileIsPreparedRemovedAndDeleted) {
   EXPECT_EQ(FileIO::Delete("\\Flash File Store"), 0);  // folders are not files
 }
 
-TEST(Registry, FullPathWritesAreVisibleThroughTheSystemRegistry) {
+TEST(SdkRegistry, FullPathWritesAreVisibleThroughTheSystemRegistry) {
   ftctest::DeviceRoot root;
   Registry reg;
   EXPECT_EQ(reg.CreateKey("HKEY_LOCAL_MACHINE\\System\\ImageUpdate\\UpdateApp"), 1);
@@ -123,7 +123,7 @@ TEST(Registry, FullPathWritesAreVisibleThroughTheSystemRegistry) {
   RegCloseKey(key);
 }
 
-TEST(Network, SendsADatagramToTheDottedDestination) {
+TEST(SdkNetwork, SendsADatagramToTheDottedDestination) {
   int receiver = socket(AF_INET, SOCK_DGRAM, 0);
   ASSERT_GE(receiver, 0);
   sockaddr_in addr{};
@@ -152,7 +152,7 @@ TEST(Network, SendsADatagramToTheDottedDestination) {
   close(receiver);
 }
 
-TEST(FileHelpers, ExistOpenSizeRenameAndCopy) {
+TEST(SdkFileHelpers, ExistOpenSizeRenameAndCopy) {
   ftctest::DeviceRoot root;
   root.WriteFile("\\temp\\a.bin", "12345");
   root.WriteFile("\\other\\b.bin", "old");

@@ -32,7 +32,7 @@ Identity Read(DWORD size = 64) {
   return r;
 }
 
-TEST(Identity, ValuesComeFromTheIdentityFile) {
+TEST(SdkIdentity, ValuesComeFromTheIdentityFile) {
   ftctest::DeviceRoot root;
   root.WriteIdentity("serial=SN-0042\r\nhwcfg=AB12XYZ\nuniqueid=dev-7\nprovisioning=1\n");
   Identity id = Read();
@@ -44,7 +44,7 @@ TEST(Identity, ValuesComeFromTheIdentityFile) {
   EXPECT_EQ(IsProvisioning(), 0);
 }
 
-TEST(Identity, DefaultsDescribeAComputerAndFitThePluginsBuffers) {
+TEST(SdkIdentity, DefaultsDescribeAComputerAndFitThePluginsBuffers) {
   ftctest::DeviceRoot root;
   std::string machineId;
   std::ifstream("/etc/machine-id") >> machineId;
@@ -74,7 +74,7 @@ TEST(Identity, DefaultsDescribeAComputerAndFitThePluginsBuffers) {
   EXPECT_EQ(IsProvisioning(), 0);
 }
 
-TEST(Identity, ATooSmallBufferIsLeftAloneAndTheNeededSizeReported) {
+TEST(SdkIdentity, ATooSmallBufferIsLeftAloneAndTheNeededSizeReported) {
   ftctest::DeviceRoot root;
   root.WriteIdentity("serial=123456789\n");
   char buf[16] = "untouched";
@@ -88,7 +88,7 @@ TEST(Identity, ATooSmallBufferIsLeftAloneAndTheNeededSizeReported) {
   EXPECT_NE(TVLHWID::GetUniqueID(buf, nullptr), 0u);
 }
 
-TEST(Reboot, IsRecordedAndHandedToTheConfiguredCommand) {
+TEST(SdkReboot, IsRecordedAndHandedToTheConfiguredCommand) {
   ftctest::DeviceRoot root;
   EXPECT_EQ(TVLHWID::Reboot(1), 0u);
   std::string marker = root.path() + "/marker";

@@ -56,7 +56,7 @@ const char* kBundles =
     "  </Subsystem>\n"
     "</DevInfo>\n";
 
-TEST(PlixTraversal, ReportsStartsAndEndsInDocumentOrder) {
+TEST(SdkPlixTraversal, ReportsStartsAndEndsInDocumentOrder) {
   CPlixDOM dom;
   ASSERT_EQ(dom.ReadDoc(kBundles), 1);
   EXPECT_EQ(WalkDocument(dom),
@@ -65,7 +65,7 @@ TEST(PlixTraversal, ReportsStartsAndEndsInDocumentOrder) {
                                       "-Empty", "-Subsystem", "-DevInfo"}));
 }
 
-TEST(PlixTraversal, BeginningInsideTheDocumentWalksOnlyThatSubtree) {
+TEST(SdkPlixTraversal, BeginningInsideTheDocumentWalksOnlyThatSubtree) {
   CPlixDOM dom;
   ASSERT_EQ(dom.ReadDoc(kBundles), 1);
   CPlixIterator it;
@@ -76,7 +76,7 @@ TEST(PlixTraversal, BeginningInsideTheDocumentWalksOnlyThatSubtree) {
   EXPECT_EQ(it.ContinueTraverse(), 0);
 }
 
-TEST(PlixElement, ReadsAttributesAndOwnText) {
+TEST(SdkPlixElement, ReadsAttributesAndOwnText) {
   CPlixDOM dom;
   ASSERT_EQ(dom.ReadDoc("<R><F Name=\"Version\" Type=\"String\">3.50d</F>"
                         "<M>a<X>inner</X>b<![CDATA[<c>]]></M><E/></R>"),
@@ -94,7 +94,7 @@ TEST(PlixElement, ReadsAttributesAndOwnText) {
   EXPECT_EQ(Find(it, "R"), dom.GetRootElement());
 }
 
-TEST(PlixEdit, EditsSurviveWriteAndReRead) {
+TEST(SdkPlixEdit, EditsSurviveWriteAndReRead) {
   CPlixDOM dom;
   ASSERT_EQ(dom.ReadDoc(kBundles), 1);
   CPlixIterator it;
@@ -137,7 +137,7 @@ TEST(PlixEdit, EditsSurviveWriteAndReRead) {
   EXPECT_EQ(names, (std::vector<std::string>{"Beta", "2.0", "Gamma & <Co>", "3.1"}));
 }
 
-TEST(PlixEdit, DeletingDuringTraversalNeverWalksFreedNodes) {
+TEST(SdkPlixEdit, DeletingDuringTraversalNeverWalksFreedNodes) {
   struct Case {
     const char* what;
     const char* deleteTag;  // deleted when its start is reported
@@ -175,7 +175,7 @@ TEST(PlixEdit, DeletingDuringTraversalNeverWalksFreedNodes) {
   }
 }
 
-TEST(PlixEdit, DeletingAnAncestorOfTheCurrentElementSkipsItsRest) {
+TEST(SdkPlixEdit, DeletingAnAncestorOfTheCurrentElementSkipsItsRest) {
   CPlixDOM dom;
   ASSERT_EQ(dom.ReadDoc("<R><A><X/><Y/></A><B/></R>"), 1);
   CPlixIterator it;
@@ -187,7 +187,7 @@ TEST(PlixEdit, DeletingAnAncestorOfTheCurrentElementSkipsItsRest) {
   EXPECT_EQ(Walk(it), (std::vector<std::string>{"+B", "-B", "-R"}));
 }
 
-TEST(PlixDocument, BrokenOrEmptyInputIsRefusedWithoutHarm) {
+TEST(SdkPlixDocument, BrokenOrEmptyInputIsRefusedWithoutHarm) {
   const char* inputs[] = {
       "",           "   ",           "<",
       "<a><b></a>", "<a x=\"1></a>", "not xml at all",
@@ -212,7 +212,7 @@ TEST(PlixDocument, BrokenOrEmptyInputIsRefusedWithoutHarm) {
   EXPECT_EQ(dom.ReadDoc(nullptr), 0);
 }
 
-TEST(PlixDocument, NewDocumentWithRootAndIteratorOutlivingIt) {
+TEST(SdkPlixDocument, NewDocumentWithRootAndIteratorOutlivingIt) {
   CPlixIterator it;
   {
     CPlixDOM dom("Root");

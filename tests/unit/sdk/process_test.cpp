@@ -37,7 +37,7 @@ int EndAgents() {
   return first;
 }
 
-TEST(StartProcess, RunsAProgramUnderTheRootWithItsParametersAndWaits) {
+TEST(SdkStartProcess, RunsAProgramUnderTheRootWithItsParametersAndWaits) {
   ftctest::DeviceRoot root;
   Install(root, "\\Flash File Store\\tools\\record.exe",
           "#!/bin/sh\nsleep 0.1\nfor a in \"$@\"; do echo \"[$a]\"; done > \"$(dirname "
@@ -64,7 +64,7 @@ TEST(StartProcess, RunsAProgramUnderTheRootWithItsParametersAndWaits) {
   EXPECT_EQ(root.ReadFile("\\Flash File Store\\tools\\args"), "[wide]\n");
 }
 
-TEST(StartProcess, MissingProgramsAreErrors) {
+TEST(SdkStartProcess, MissingProgramsAreErrors) {
   ftctest::DeviceRoot root;
   root.WriteFile("\\Flash File Store\\folder\\f", "");
   EXPECT_NE(QVStartProcessAndWait("\\Flash File Store\\none.exe", "", -1), 0);
@@ -74,7 +74,7 @@ TEST(StartProcess, MissingProgramsAreErrors) {
   EXPECT_NE(QVStartProcessAndWait("", "", 0), 0);
 }
 
-TEST(StartProcess, NoWaitAndBoundedWaitReturnWhileTheProgramRuns) {
+TEST(SdkStartProcess, NoWaitAndBoundedWaitReturnWhileTheProgramRuns) {
   ftctest::DeviceRoot root;  // time scale 0.001: a 60 s bound is 60 ms
   InstallSleeper(root);
   for (int wait : {0, 60000}) {
@@ -89,7 +89,7 @@ TEST(StartProcess, NoWaitAndBoundedWaitReturnWhileTheProgramRuns) {
   EXPECT_EQ(QVTerminateProc("qvtransferagent.exe"), 0);
 }
 
-TEST(StartProcess, BoundedWaitEndsEarlyWhenTheProgramDoes) {
+TEST(SdkStartProcess, BoundedWaitEndsEarlyWhenTheProgramDoes) {
   ftctest::DeviceRoot root(1.0);
   Install(root, "\\bin\\quick.exe", "#!/bin/sh\nexit 3\n");
   auto start = Clock::now();
@@ -97,7 +97,7 @@ TEST(StartProcess, BoundedWaitEndsEarlyWhenTheProgramDoes) {
   EXPECT_LT(Clock::now() - start, std::chrono::seconds(10));
 }
 
-TEST(TerminateProcess, MatchesTheExactImageNameOnly) {
+TEST(SdkTerminateProcess, MatchesTheExactImageNameOnly) {
   ftctest::DeviceRoot root;
   InstallSleeper(root);
   ASSERT_EQ(QVStartProcessAndWait(L"QVTransferAgent.exe", L"30", 0), 0);

@@ -9,7 +9,7 @@
 
 namespace {
 
-TEST(Conversion, NarrowToWideIsBoundedTerminatedAndTolerant) {
+TEST(SdkConversion, NarrowToWideIsBoundedTerminatedAndTolerant) {
   struct Case {
     const char* in;
     int outChars;
@@ -36,7 +36,7 @@ TEST(Conversion, NarrowToWideIsBoundedTerminatedAndTolerant) {
   }
 }
 
-TEST(Conversion, WideToNarrowNeverCutsACharacter) {
+TEST(SdkConversion, WideToNarrowNeverCutsACharacter) {
   struct Case {
     const wchar_t* in;
     int outBytes;
@@ -59,7 +59,7 @@ TEST(Conversion, WideToNarrowNeverCutsACharacter) {
   }
 }
 
-TEST(ParseUrl, FindsHostAndPort) {
+TEST(SdkParseUrl, FindsHostAndPort) {
   struct Case {
     const char* in;
     int result;
@@ -99,7 +99,7 @@ TEST(ParseUrl, FindsHostAndPort) {
   EXPECT_EQ(QVParseURL(nullptr, small, sizeof small, &port), 0);
 }
 
-TEST(SplitPath, SplitsDeviceAndDrivePaths) {
+TEST(SdkSplitPath, SplitsDeviceAndDrivePaths) {
   struct Case {
     const char* path;
     const char* drive;
