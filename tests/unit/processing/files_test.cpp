@@ -1,5 +1,6 @@
 // File operations on a device root.
 #include <gtest/gtest.h>
+#include <unistd.h>
 
 #include <cstdlib>
 #include <cstring>
@@ -129,4 +130,40 @@ TEST(FileOperations, FolderHelpersCreateLevelsAndReportExistence) {
   CQVFileHandler files;
   EXPECT_EQ(0, files.CopyDirectory(L"\\Missing", L"\\Target"));
   EXPECT_FALSE(root.Exists("\\Target"));
+}
+
+TEST(FileOperations, NoOperationReachesOutsideTheDeviceRoot) {
+  ftctest::DeviceRoot root;
+  proctest::MakeLogFolder(root);
+  std::string outside = (std::filesystem::temp_directory_path() / "ftc-outside-XXXXXX").string();
+  ASSERT_NE(nullptr, mkdtemp(outside.data()));
+  ftctest::WriteHostFile(outside + "/victim.txt", "victim");
+  std::filesystem::create_directories(outside + "/folder");
+  ftctest::WriteHostFile(outside + "/folder/inner", "inner");
+  const std::string name = std::filesystem::path(outside).filename().string();
+  const std::string up = "\\..\\..\\" + name;
+
+  CQVFileHandler files;
+  files.AddEntry(new CQVFileEntry("Delete", (up + "\\victim.txt").c_str(), ""));
+  files.AddEntry(new CQVFileEntry("Delete", (up + "\\folder").c_str(), ""));
+  files.AddEntry(new CQVFileEntry("Rename", (up + "\\victim.txt").c_str(), "\\stolen.txt"));
+  files.AddEntry(new CQVFileEntry("CopyDir", (up + "\\folder").c_str(), "\\copied"));
+  root.WriteFile("\\planted.txt", "planted");
+  files.AddEntry(new CQVFileEntry("Copy", "\\planted.txt", (up + "\\planted.txt").c_str()));
+  files.DoIt();
+
+  EXPECT_EQ("victim", ftctest::ReadHostFile(outside + "/victim.txt"));
+  EXPECT_EQ("inner", ftctest::ReadHostFile(outside + "/folder/inner"));
+  EXPECT_FALSE(std::filesystem::exists(outside + "/planted.txt"));
+  EXPECT_FALSE(root.Exists("\\copied\\inner"));
+  std::filesystem::remove_all(outside);
+}
+
+TEST(FileOperations, CopyIntoItsOwnSubfolderEnds) {
+  ftctest::DeviceRoot root;
+  proctest::MakeLogFolder(root);
+  root.WriteFile("\\Loop\\file.txt", "f");
+  CQVFileHandler files;
+  files.CopyDirectory(L"\\Loop", L"\\Loop\\Inner");
+  EXPECT_EQ("f", root.ReadFile("\\Loop\\Inner\\file.txt"));
 }
