@@ -502,6 +502,8 @@ uint32_t IcfgGetField(const char* field, uint32_t /*unused1*/, uint32_t /*unused
                       uint32_t* length) {
   try {
     if (!Begins(OrEmpty(field), "Protocol Version")) return ICFG_E_UNKNOWN;
+    // Without a buffer there is nowhere to put the version.
+    if (!out) return ICFG_E_UNKNOWN;
     return OnProtocolVersion(out, length);
   } catch (...) {
     return ICFG_E_UNKNOWN;

@@ -1,0 +1,137 @@
+// The plug-in as a host meets it: loaded with dlopen, driven through configlet.h alone.
+#include <dlfcn.h>
+#include <gtest/gtest.h>
+
+#include <cstdio>
+#include <cstring>
+#include <set>
+#include <string>
+
+#include "support/device_root.h"
+#include "support/plugin_host.h"
+
+namespace {
+
+using ftctest::ConfigletApi;
+using ftctest::PluginHost;
+
+TEST(Configlet, InterfaceReportsItsVersionsAndOneUnnamedInstance) {
+  ftctest::DeviceRoot root;
+  PluginHost host;
+  const ConfigletApi& api = host.api();
+  EXPECT_EQ(api.GetInterfaceVersion(), 2u);
+  uint32_t major = 99, minor = 99;
+  EXPECT_EQ(api.GetSchemaVersion(0, &major, &minor), 0u);
+  EXPECT_EQ(major, 1u);
+  EXPECT_EQ(minor, 0u);
+
+  char first[4] = {'x', 'x', 'x', 'x'};
+  EXPECT_EQ(api.GetFirstInstance("Download", first), 0u);
+  EXPECT_EQ(first[0], '\0');
+  EXPECT_EQ(first[1], 'x');
+  char next[4] = {'y', 'y', 'y', 'y'};
+  EXPECT_EQ(api.GetNextInstance("Download", next), 1u);  // the end, unlike the first call
+  EXPECT_EQ(std::string(next, 4), "yyyy");
+
+  for (auto rangeSet : {api.GetFirstRangeSet, api.GetNextRangeSet}) {
+    int32_t a = -7, b = -8, c = -9;
+    char t1[4] = "abc", t2[4] = "def";
+    EXPECT_EQ(rangeSet("Download", "Source", &a, &b, &c, t1, t2), 0u);
+    EXPECT_EQ(a, -7);
+    EXPECT_EQ(b, -8);
+    EXPECT_EQ(c, -9);
+    EXPECT_STREQ(t1, "abc");
+    EXPECT_STREQ(t2, "def");
+  }
+  for (DWORD reason : {0u, 1u, 2u, 3u}) EXPECT_EQ(api.DllMain(nullptr, reason, nullptr), 1);
+  EXPECT_EQ(api.Uninitialize(), 0u);
+}
+
+TEST(Configlet, OnlyTheInterfaceIsExported) {
+  std::string command =
+      "nm -D --defined-only " + ftctest::LibDir() + "/libFileTransferConfiglet.so 2>/dev/null";
+  FILE* pipe = popen(command.c_str(), "r");
+  ASSERT_NE(pipe, nullptr);
+  std::set<std::string> names;
+  char line[512];
+  while (fgets(line, sizeof(line), pipe)) {
+    char address[64], type[8], name[400];
+    if (sscanf(line, "%63s %7s %399s", address, type, name) == 3) names.insert(name);
+  }
+  if (pclose(pipe) != 0 && names.empty()) GTEST_SKIP() << "nm is not available";
+  const std::set<std::string> expected = {
+      "DllMain",
+      "IcfgBeginGroup",
+      "IcfgEndGroup",
+      "IcfgGetField",
+      "IcfgGetFirstInstance",
+      "IcfgGetInterfaceVersion",
+      "IcfgGetNextInstance",
+      "IcfgGetSchemaVersion",
+      "IcfgInitialize",
+      "IcfgSetCallbacks",
+      "IcfgSetField",
+      "IcfgUninitialize",
+      "_Z19IcfgGetNextRangeSetPKcS0_PiS1_S1_PcS2_",
+      "_Z20IcfgGetFirstRangeSetPKcS0_PiS1_S1_PcS2_",
+  };
+  EXPECT_EQ(names, expected);
+}
+
+TEST(Configlet, AJobIsBuiltThroughGroupsAndFieldsAndLogged) {
+  ftctest::DeviceRoot root;
+  PluginHost host;
+  ASSERT_EQ(host.BeginGroup("FileTransferConfiglet"), 0u);
+  EXPECT_EQ(host.Group("Syslog", {{"Address", "10.1.2.3"}, {"Port", "514"}}), 0u);
+  EXPECT_EQ(host.Group("HTTPServer", {{"IPAddress", "127.0.0.1"},
+                                      {"HTTPPort", "8080"},
+                                      {"BaseURL", "http://127.0.0.1:8080"}}),
+            0u);
+  ASSERT_EQ(host.BeginGroup("Download"), 0u);
+  EXPECT_EQ(host.Group("File", {{"Source", "os/app.bin"},
+                                {"Dest", "\\Flash File Store\\app.bin"},
+                                {"CRC", "3632233996"},
+                                {"MCTMask", "*"}}),
+            0u);
+  ASSERT_EQ(host.EndGroup("Download"), 0u);
+  EXPECT_EQ(host.SetField("BundleName", "Demo"), 0u);
+
+  EXPECT_EQ(host.BeginGroup("FileProcessing"), ICFG_E_UNKNOWN);
+  EXPECT_EQ(host.SetField("Val", "1"), ICFG_E_UNKNOWN);
+  EXPECT_EQ(host.SetField("NoSuchField", "1"), ICFG_E_UNKNOWN);
+  std::string text;
+  EXPECT_EQ(host.GetField("BundleName", &text), ICFG_E_UNKNOWN);
+  EXPECT_EQ(host.EndGroup("NoSuchGroup"), 0u);
+  ASSERT_EQ(host.EndGroup("FileTransferConfiglet"), 0u);
+
+  std::string log = PluginHost::LogText(root);
+  const char* const inOrder[] = {
+      "Allocating gpUpgCfg\r\n",       "IcfgSetField - Address, 10.1.2.3\r\n",
+      "IcfgSetField - Port, 514\r\n",  "IcfgSetField - BaseURL, http://127.0.0.1:8080\r\n",
+      "IcfgSetField - MCTMask, *\r\n", "IcfgSetField - BundleName, Demo\r\n",
+      "IcfgSetField - Val, 1\r\n",
+  };
+  size_t at = 0;
+  for (const char* line : inOrder) {
+    size_t found = log.find(line, at);
+    ASSERT_NE(found, std::string::npos) << line << "in:\n" << log;
+    at = found + strlen(line);
+  }
+}
+
+TEST(Configlet, MissingArgumentsAreRefusedWithoutACrash) {
+  ftctest::DeviceRoot root;
+  // No IcfgInitialize: the host skipped a step; group calls must still be safe.
+  PluginHost host(false);
+  const ConfigletApi& api = host.api();
+  EXPECT_EQ(api.BeginGroup(nullptr, 0, 0), ICFG_E_UNKNOWN);
+  EXPECT_EQ(api.BeginGroup("FileTransferConfiglet", 0, 0), 0u);
+  EXPECT_EQ(api.SetField(nullptr, nullptr, nullptr, 0, 0), 0u);  // an empty name is Address
+  EXPECT_EQ(api.SetField("BundleName", nullptr, nullptr, 0, 0), 0u);
+  EXPECT_EQ(api.GetField(nullptr, 0, 0, nullptr, nullptr), ICFG_E_UNKNOWN);  // no buffer
+  EXPECT_EQ(api.EndGroup(nullptr, 0, 0), 0u);
+  EXPECT_EQ(api.GetFirstInstance(nullptr, nullptr), 0u);
+  EXPECT_EQ(api.GetSchemaVersion(0, nullptr, nullptr), 0u);
+}
+
+}  // namespace
