@@ -10,7 +10,6 @@
 #include "platform/winux.h"
 #include "processing/QVProcessingHandler.h"
 #include "support/device_root.h"
-#include "test_log.h"
 
 namespace {
 
@@ -28,7 +27,6 @@ void MakeReadOnly(const wchar_t* path) {
 
 TEST(FileOperations, AJobsFileListLeavesExactlyTheExpectedTree) {
   ftctest::DeviceRoot root;
-  proctest::MakeLogFolder(root);
   root.WriteFile("\\Data\\a.txt", "a");
   root.WriteFile("\\Data\\Keep.TXT", "keep");
   root.WriteFile("\\Data\\ro.txt", "ro");
@@ -96,7 +94,7 @@ TEST(FileOperations, AJobsFileListLeavesExactlyTheExpectedTree) {
   // The empty request touched nothing at the top of the device.
   EXPECT_TRUE(root.Exists("\\Single"));
 
-  const std::string log = proctest::ReadLog(root);
+  const std::string log = root.ReadFile("/tmp/FileXfer.txt");
   for (const char* line : {
            "CQVProcessingHandler::DoFiles ()\r\n",
            "Removing files !\\Data!\r\n",
@@ -117,7 +115,6 @@ TEST(FileOperations, AJobsFileListLeavesExactlyTheExpectedTree) {
 
 TEST(FileOperations, FolderHelpersCreateLevelsAndReportExistence) {
   ftctest::DeviceRoot root;
-  proctest::MakeLogFolder(root);
   root.WriteFile("\\One\\marker", "");
   EXPECT_EQ(1, CQVFileHandler::MakeSureFolderExists(L"\\One\\Two\\Three"));
   EXPECT_TRUE(root.Exists("\\One\\Two\\Three"));
@@ -134,7 +131,6 @@ TEST(FileOperations, FolderHelpersCreateLevelsAndReportExistence) {
 
 TEST(FileOperations, NoOperationReachesOutsideTheDeviceRoot) {
   ftctest::DeviceRoot root;
-  proctest::MakeLogFolder(root);
   std::string outside = (std::filesystem::temp_directory_path() / "ftc-outside-XXXXXX").string();
   ASSERT_NE(nullptr, mkdtemp(outside.data()));
   ftctest::WriteHostFile(outside + "/victim.txt", "victim");
@@ -161,7 +157,6 @@ TEST(FileOperations, NoOperationReachesOutsideTheDeviceRoot) {
 
 TEST(FileOperations, CopyIntoItsOwnSubfolderEnds) {
   ftctest::DeviceRoot root;
-  proctest::MakeLogFolder(root);
   root.WriteFile("\\Loop\\file.txt", "f");
   CQVFileHandler files;
   files.CopyDirectory(L"\\Loop", L"\\Loop\\Inner");

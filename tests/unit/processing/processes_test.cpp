@@ -11,7 +11,6 @@
 
 #include "processing/QVProcessingHandler.h"
 #include "support/device_root.h"
-#include "test_log.h"
 
 namespace {
 
@@ -52,7 +51,6 @@ void WaitUntilExecuted(pid_t pid, const std::string& name) {
 
 TEST(StopProcesses, StopsTheExactNameAndLeavesADifferentlyCasedOneRunning) {
   ftctest::DeviceRoot root;
-  proctest::MakeLogFolder(root);
   pid_t doomed = StartSleeper(root, "FtcStopMeSleeperLongName");
   pid_t spared = StartSleeper(root, "FtcKeepMeSleeperLongName");
   ASSERT_GT(doomed, 0);
@@ -75,7 +73,7 @@ TEST(StopProcesses, StopsTheExactNameAndLeavesADifferentlyCasedOneRunning) {
     waitpid(doomed, nullptr, 0);
   }
 
-  const std::string log = proctest::ReadLog(root);
+  const std::string log = root.ReadFile("/tmp/FileXfer.txt");
   EXPECT_NE(std::string::npos,
             log.find("CQVProcessingHandler::QVTerminateProc !FtcStopMeSleeperLongName! \r\n"
                      "CQVProcessingHandler::QVTerminateProc, killing it\r\n"
@@ -87,17 +85,15 @@ TEST(StopProcesses, StopsTheExactNameAndLeavesADifferentlyCasedOneRunning) {
 
 TEST(StopProcesses, AnEmptyListTakesNoSnapshotButStillReportsReturning) {
   ftctest::DeviceRoot root;
-  proctest::MakeLogFolder(root);
   CQVProcessingHandler handler;
   handler.StopProcesses();
-  const std::string log = proctest::ReadLog(root);
+  const std::string log = root.ReadFile("/tmp/FileXfer.txt");
   EXPECT_NE(std::string::npos, log.find("CQVProcessingHandler::QVStopProcesses - returning\r\n"));
   EXPECT_EQ(std::string::npos, log.find("snapshot"));
 }
 
 TEST(ExecFile, AnExistingProgramGetsItsStartInFolderAndIsNotLaunched) {
   ftctest::DeviceRoot root;
-  proctest::MakeLogFolder(root);
   root.WriteFile("\\Program Files\\tool.exe", "not a program");
   CQVExeHandler exes;
   exes.AddEntry(new CQVExeEntry("\\Program Files\\tool.exe", "/x", "\\Work\\Area", 1));

@@ -7,7 +7,6 @@
 #include "platform/winux.h"
 #include "processing/QVProcessingHandler.h"
 #include "support/device_root.h"
-#include "test_log.h"
 
 namespace {
 
@@ -41,7 +40,6 @@ void SetValue(HKEY root, const wchar_t* subKey, const wchar_t* name, DWORD numbe
 
 TEST(RegistryOperations, OnlySetIsCarriedOutWithItsTypeConversions) {
   ftctest::DeviceRoot root;
-  proctest::MakeLogFolder(root);
   SetValue(HKEY_LOCAL_MACHINE, L"Software\\Ftc", L"Old", 5);
   SetValue(HKEY_CURRENT_USER, L"Software\\Gone", L"Still", 6);
 
@@ -82,7 +80,7 @@ TEST(RegistryOperations, OnlySetIsCarriedOutWithItsTypeConversions) {
     EXPECT_EQ(e.value, ReadValue(e.root, e.key, e.name));
   }
 
-  const std::string log = proctest::ReadLog(root);
+  const std::string log = root.ReadFile("/tmp/FileXfer.txt");
   const char* block =
       "CQVRegistryEntry.m_szOperation = !Set!\r\n"
       "CQVRegistryEntry.m_szKeyName = !HKEY_LOCAL_MACHINE\\Software\\Ftc!\r\n"
@@ -134,7 +132,6 @@ TEST(RegistryOperations, RootIsFoundAnywhereInThePathEarlierNamesWinning) {
 
 TEST(ImageUpdateFixUp, SilentSwitchBecomesBlanksPlusForceAndSetsTheUpdateKeys) {
   ftctest::DeviceRoot root;
-  proctest::MakeLogFolder(root);
   CQVProcessingHandler handler;
   CQVExeHandler* exes = handler.GetExeHandler();
   const std::string longLine = "/QV_Silent " + std::string(240, 'x');
@@ -156,7 +153,6 @@ TEST(ImageUpdateFixUp, SilentSwitchBecomesBlanksPlusForceAndSetsTheUpdateKeys) {
 
 TEST(ImageUpdateFixUp, CommandLineWithoutTheSilentSwitchWritesNoKeys) {
   ftctest::DeviceRoot root;
-  proctest::MakeLogFolder(root);
   CQVProcessingHandler handler;
   handler.GetExeHandler()->AddEntry(
       new CQVExeEntry("\\Windows\\updatebin.exe", "/quiet", "\\Work\\Here", 1));
@@ -166,7 +162,7 @@ TEST(ImageUpdateFixUp, CommandLineWithoutTheSilentSwitchWritesNoKeys) {
   // A program that is not there is reported and its start-in folder is left alone.
   EXPECT_FALSE(root.Exists("\\Work\\Here"));
   EXPECT_NE(std::string::npos,
-            proctest::ReadLog(root).find(
-                "FileTransferConfiglet - Can not start \\Windows\\updatebin.exe, does not "
-                "exist\r\n"));
+            root.ReadFile("/tmp/FileXfer.txt")
+                .find("FileTransferConfiglet - Can not start \\Windows\\updatebin.exe, does not "
+                      "exist\r\n"));
 }
