@@ -200,8 +200,8 @@ DWORD FTCCCRC32::FileCRC32(const wchar_t* path, DWORD& crc) {
   HANDLE file =
       CreateFile(path, GENERIC_READ, 0, nullptr, OPEN_EXISTING, FILE_ATTRIBUTE_NORMAL, nullptr);
   if (file == INVALID_HANDLE_VALUE) {
+    result = GetLastError();  // before the log line, whose own calls reset it
     LogMsg("FTCCCRC32::FileCRC32 - file open error\r\n");
-    result = GetLastError();
   } else {
     LogMsg("FTCCCRC32::FileCRC32 - readFile file\r\n");
     char small[4096];

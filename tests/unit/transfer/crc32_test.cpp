@@ -1,0 +1,93 @@
+#include <gtest/gtest.h>
+
+#include <random>
+#include <string>
+
+#include "support/device_root.h"
+#include "support/scripted_http_peer.h"
+#include "transfer/FTCCCRC32.h"
+
+namespace {
+
+TEST(Crc32, KnownValues) {
+  struct Case {
+    std::string text;
+    DWORD crc;
+  } cases[] = {
+      {"", 0},
+      {"123456789", 0xCBF43926u},
+      {"a", 0xE8B7BE43u},
+      {"The quick brown fox jumps over the lazy dog", 0x414FA339u},
+      {std::string(100, '\0'), ftctest::ReferenceCrc32(std::string(100, '\0'))},
+  };
+  FTCCCRC32 crc;
+  for (const auto& c : cases)
+    EXPECT_EQ(crc.CalcBufferCRC(c.text.data(), DWORD(c.text.size())), c.crc) << c.text;
+}
+
+// The fast paths (table slicing, carry-less multiply) must agree with the stored table byte by
+// byte at every length and alignment, around each path's block boundaries.
+TEST(Crc32, FastPathsMatchTheTable) {
+  std::mt19937 rng(7);
+  std::string data(70000, '\0');
+  for (char& c : data) c = char(rng());
+  FTCCCRC32 crc;
+  auto bytewise = [&](size_t at, size_t len) {
+    DWORD r = 0xFFFFFFFFu;
+    for (size_t i = 0; i < len; ++i) crc.CalcCrc32(static_cast<unsigned char>(data[at + i]), r);
+    return ~r;
+  };
+  for (size_t at = 0; at < 17; ++at)
+    for (size_t len : {0, 1, 15, 16, 17, 63, 64, 65, 79, 80, 127, 128, 129, 255, 1000, 4097})
+      ASSERT_EQ(crc.CalcBufferCRC(data.data() + at, DWORD(len)), bytewise(at, len))
+          << "offset " << at << " length " << len;
+  EXPECT_EQ(crc.CalcBufferCRC(data.data(), DWORD(data.size())), ftctest::ReferenceCrc32(data));
+
+  // Updating in pieces gives the same register as one pass.
+  DWORD running = 0xFFFFFFFFu;
+  for (size_t at = 0; at < data.size(); at += 6007)
+    running =
+        FTCCCRC32::Update(running, data.data() + at, std::min<size_t>(6007, data.size() - at));
+  EXPECT_EQ(~running, ftctest::ReferenceCrc32(data));
+}
+
+std::string LogText(const ftctest::DeviceRoot& root) {
+  return root.ReadFile("/tmp/FileXfer.txt");
+}
+
+TEST(Crc32, FileCrcReadsThroughThePlatform) {
+  ftctest::DeviceRoot root;
+  std::string big(600 * 1024 + 3, '\0');  // more than one read
+  for (size_t i = 0; i < big.size(); ++i) big[i] = char(i * 31 + (i >> 9));
+  root.WriteFile("\\Flash File Store\\big.bin", big);
+  root.WriteFile("\\Flash File Store\\empty.bin", "");
+
+  struct Case {
+    const wchar_t* path;
+    DWORD result;
+    DWORD crc;
+  } cases[] = {
+      {L"\\Flash File Store\\big.bin", 0, ftctest::ReferenceCrc32(big)},
+      {L"\\Flash File Store\\empty.bin", 0, 0},
+      {L"\\Flash File Store\\missing.bin", ERROR_FILE_NOT_FOUND, 0},
+  };
+  FTCCCRC32 crc;
+  for (const auto& c : cases) {
+    DWORD value = 12345;
+    EXPECT_EQ(crc.FileCRC32(c.path, value), c.result) << c.path;
+    EXPECT_EQ(value, c.crc) << c.path;
+  }
+  EXPECT_EQ(LogText(root),
+            "FTCCCRC32::FileCRC32 - In\r\nFTCCCRC32::FileCRC32 - readFile file\r\n"
+            "FTCCCRC32::FileCRC32 - close file\r\nFTCCCRC32::FileCRC32 - Out\r\n"
+            "FTCCCRC32::FileCRC32 - In\r\nFTCCCRC32::FileCRC32 - readFile file\r\n"
+            "FTCCCRC32::FileCRC32 - close file\r\nFTCCCRC32::FileCRC32 - Out\r\n"
+            "FTCCCRC32::FileCRC32 - In\r\nFTCCCRC32::FileCRC32 - file open error\r\n"
+            "FTCCCRC32::FileCRC32 - close file\r\nFTCCCRC32::FileCRC32 - Out\r\n");
+
+  DWORD untouched = 77;
+  EXPECT_EQ(crc.RAMFileCRC32(L"RAM:x", untouched, 10), 0u);
+  EXPECT_EQ(untouched, 77u);
+}
+
+}  // namespace

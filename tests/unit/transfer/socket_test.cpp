@@ -1,0 +1,111 @@
+#include <gtest/gtest.h>
+
+#include <chrono>
+#include <memory>
+#include <string>
+
+#include "support/device_root.h"
+#include "support/scripted_http_peer.h"
+#include "transfer/CSocketIO.h"
+
+namespace {
+
+using Clock = std::chrono::steady_clock;
+using ftctest::Reply;
+
+long ElapsedMs(Clock::time_point since) {
+  return long(std::chrono::duration_cast<std::chrono::milliseconds>(Clock::now() - since).count());
+}
+
+bool ConnectTo(CSocketIO& s, uint16_t port) {
+  return s.CreateTcpSocket() && s.SetMode(0) && s.Connect(htonl(INADDR_LOOPBACK), port, 2000);
+}
+
+TEST(SocketIO, SendsWholeBuffersAndReadsThePeersClose) {
+  ftctest::DeviceRoot root;
+  ftctest::ScriptedHttpPeer peer({Reply::Raw("", /*close=*/true)});
+  CSocketIO s;
+  ASSERT_TRUE(ConnectTo(s, peer.Port()));
+  EXPECT_EQ(s.SendData("", 0), 0u);
+
+  std::string request = std::string(2996, 'r') + "\r\n\r\n";  // three segments' worth
+  EXPECT_EQ(s.SendData(request.data(), DWORD(request.size())), DWORD(request.size()));
+  ASSERT_TRUE(peer.WaitForRequests(1));
+  EXPECT_EQ(peer.Requests()[0], request);
+
+  char buf[16];
+  int received = -1;
+  ASSERT_TRUE(s.SocketReadable(2000));
+  EXPECT_EQ(s.ReadData(buf, sizeof buf, received), 0);
+  EXPECT_EQ(received, 0);
+  EXPECT_EQ(s.IsConnected(), 1);
+  s.Close();
+  EXPECT_EQ(s.IsConnected(), 0);
+}
+
+TEST(SocketIO, ConnectFailuresCloseTheSocketAndAreLogged) {
+  ftctest::DeviceRoot root;
+  CSocketIO none;
+  EXPECT_EQ(none.Connect(htonl(INADDR_LOOPBACK), 80, 100), 0);  // no socket yet
+
+  uint16_t closedPort;
+  {
+    ftctest::ScriptedHttpPeer gone({});
+    closedPort = gone.Port();
+  }
+  CSocketIO s;
+  EXPECT_FALSE(ConnectTo(s, closedPort));
+  EXPECT_EQ(s.IsConnected(), 0);
+  std::string log = root.ReadFile("/tmp/FileXfer.txt");
+  EXPECT_NE(log.find("FileTransferConfiglet - CSocketIO::Connect - Error !111%\r\n"),
+            std::string::npos)
+      << log;
+}
+
+TEST(SocketIO, WaitsAreBoundedByTheirTimeouts) {
+  ftctest::DeviceRoot root;
+  // Keeps talking, slowly, whatever the client does.
+  Reply chatter;
+  chatter.bytes = std::string(400, 'x');
+  chatter.chunk = 4;
+  chatter.delayMs = 20;
+  chatter.noRead = true;
+  ftctest::ScriptedHttpPeer quiet({Reply::Raw("")});
+  ftctest::ScriptedHttpPeer talker({chatter});
+
+  CSocketIO s;
+  ASSERT_TRUE(ConnectTo(s, quiet.Port()));
+  auto start = Clock::now();
+  EXPECT_EQ(s.SocketReadable(150), 0);
+  EXPECT_GE(ElapsedMs(start), 140);
+  EXPECT_EQ(s.SocketWriteable(150), 1);
+
+  CSocketIO t;
+  ASSERT_TRUE(ConnectTo(t, talker.Port()));
+  t.SetDrainTimeout(200);
+  start = Clock::now();
+  EXPECT_EQ(t.Disconnect(), 1);
+  EXPECT_LT(ElapsedMs(start), 1500);  // the peer would talk for 2 s
+}
+
+TEST(SocketIO, Addresses) {
+  CSocketIO s;
+  char text[16] = {};
+  ASSERT_NE(s.IPToString(0xC0000205u, text), nullptr);
+  EXPECT_STREQ(text, "192.0.2.5");
+
+  struct Case {
+    const wchar_t* host;
+    DWORD address;
+  } cases[] = {
+      {L"192.0.2.5", inet_addr("192.0.2.5")},
+      {L"127.0.0.1", htonl(INADDR_LOOPBACK)},
+      {L"", 0},
+      {nullptr, 0},
+      {L"upgrade-server.invalid", 0},  // names are not looked up
+      {L"255.255.255.255", 0},
+  };
+  for (const auto& c : cases) EXPECT_EQ(s.GetHostIpAddress(c.host), c.address);
+}
+
+}  // namespace
