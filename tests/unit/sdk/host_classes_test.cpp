@@ -67,11 +67,14 @@ TEST(SdkFileIO, StaleReadOnlyFileIsPreparedRemovedAndDeleted) {
   const char* path = "\\Flash File Store\\old.bin";
   root.WriteFile(path, "stale");
   FileIO f;
+  auto writable = [&] {
+    struct stat st;
+    return stat(root.HostPath(path).c_str(), &st) == 0 && (st.st_mode & 0222) != 0;
+  };
   ASSERT_EQ(f.SetAttributes(path, FILE_ATTRIBUTE_READONLY), 1);
-  if (geteuid() != 0) {
-    EXPECT_EQ(f.OpenForWriting(path, 0, 0), 0);
-  }
+  EXPECT_FALSE(writable());
   EXPECT_EQ(f.PrepareForWriting(path), 1);
+  EXPECT_TRUE(writable());
   ASSERT_EQ(f.OpenForWriting(path, 0, 0), 1);
   f.Close();
 

@@ -126,15 +126,12 @@ TEST(SdkSplitPath, SplitsDeviceAndDrivePaths) {
     EXPECT_STREQ(dir, c.dir);
     EXPECT_STREQ(name, c.name);
     EXPECT_STREQ(ext, c.ext);
-
-    wchar_t wpath[64], wdir[64], wname[64], wext[16];
-    QVToTStrW(c.path, wpath, 64);
-    TVLFileSplitPathW(wpath, nullptr, 0, wdir, 64, wname, 64, wext, 16);
-    char back[64];
-    EXPECT_STREQ(QVToASCIIStringW(wdir, back, sizeof back), c.dir);
-    EXPECT_STREQ(QVToASCIIStringW(wname, back, sizeof back), c.name);
-    EXPECT_STREQ(QVToASCIIStringW(wext, back, sizeof back), c.ext);
   }
+  wchar_t wdir[8], wname[8], wext[8];
+  TVLFileSplitPathW(L"\\temp\\caf\u00E9.txt", nullptr, 0, wdir, 8, wname, 8, wext, 8);
+  EXPECT_EQ(std::wstring(wdir), L"\\temp\\");
+  EXPECT_EQ(std::wstring(wname), L"caf\u00E9");
+  EXPECT_EQ(std::wstring(wext), L".txt");
   char dir[6], ext[3];
   TVLFileSplitPathA("\\long\\folder\\name.extension", nullptr, 0, dir, sizeof dir, nullptr, 0, ext,
                     sizeof ext);
