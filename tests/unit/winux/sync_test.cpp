@@ -1,0 +1,164 @@
+// Threads and waits: the 10000 result, scaled time-outs, named objects, mutex ownership, and
+// TerminateThread reaching a thread that sleeps or waits.
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <chrono>
+#include <thread>
+
+#include "platform/winux.h"
+#include "support/device_root.h"
+
+namespace {
+
+using Clock = std::chrono::steady_clock;
+
+long ElapsedMs(Clock::time_point since) {
+  return static_cast<long>(
+      std::chrono::duration_cast<std::chrono::milliseconds>(Clock::now() - since).count());
+}
+
+TEST(WinuxSync, TimedWaitsAndSleepFollowTheTimeScale) {
+  ftctest::DeviceRoot root(0.001);
+  HANDLE event = CreateEvent(nullptr, FALSE, FALSE, nullptr);
+  ASSERT_NE(event, nullptr);
+  auto start = Clock::now();
+  EXPECT_EQ(WinuxWaitForSingleObject(event, 10000), WAIT_TIMEOUT);
+  Sleep(10000);
+  EXPECT_LT(ElapsedMs(start), 500);
+  EXPECT_GE(ElapsedMs(start), 15);  // scaled, not skipped
+  CloseHandle(event);
+}
+
+TEST(WinuxSync, EventsReportAcquiredAs10000AndResetAsAsked) {
+  ftctest::DeviceRoot root;
+  HANDLE autoReset = CreateEvent(nullptr, FALSE, TRUE, nullptr);
+  HANDLE manual = CreateEvent(nullptr, TRUE, TRUE, nullptr);
+  EXPECT_EQ(WinuxWaitForSingleObject(autoReset, 0), 10000u);
+  EXPECT_EQ(WinuxWaitForSingleObject(autoReset, 0), WAIT_TIMEOUT);
+  EXPECT_EQ(WinuxWaitForSingleObject(manual, 0), WINUX_WAIT_ACQUIRED);
+  EXPECT_EQ(WinuxWaitForSingleObject(manual, 0), WINUX_WAIT_ACQUIRED);
+  EXPECT_TRUE(ResetEvent(manual));
+  EXPECT_EQ(WinuxWaitForSingleObject(manual, 0), WAIT_TIMEOUT);
+  EXPECT_TRUE(SetEvent(autoReset));
+  EXPECT_EQ(WinuxWaitForSingleObject(autoReset, INFINITE), WINUX_WAIT_ACQUIRED);
+
+  EXPECT_EQ(WinuxWaitForSingleObject(nullptr, 0), WAIT_FAILED);
+  EXPECT_EQ(WinuxWaitForSingleObject(INVALID_HANDLE_VALUE, 0), WAIT_FAILED);
+  EXPECT_EQ(GetLastError(), ERROR_INVALID_HANDLE);
+  EXPECT_TRUE(CloseHandle(autoReset));
+  EXPECT_EQ(WinuxWaitForSingleObject(autoReset, 0), WAIT_FAILED);
+  CloseHandle(manual);
+}
+
+TEST(WinuxSync, NamedObjectsAreSharedByName) {
+  ftctest::DeviceRoot root;
+  HANDLE first = CreateEvent(nullptr, TRUE, FALSE, L"QV_UPGRADE_IN_PROGRESS");
+  EXPECT_EQ(GetLastError(), ERROR_SUCCESS);
+  HANDLE second = CreateEvent(nullptr, TRUE, FALSE, L"QV_UPGRADE_IN_PROGRESS");
+  EXPECT_EQ(GetLastError(), ERROR_ALREADY_EXISTS);
+  HANDLE opened = OpenEvent(0, FALSE, L"QV_UPGRADE_IN_PROGRESS");
+  ASSERT_NE(opened, nullptr);
+  EXPECT_NE(first, second);
+  SetEvent(second);
+  EXPECT_EQ(WinuxWaitForSingleObject(first, 0), WINUX_WAIT_ACQUIRED);
+  EXPECT_EQ(WinuxWaitForSingleObject(opened, 0), WINUX_WAIT_ACQUIRED);
+  EXPECT_EQ(CreateMutex(nullptr, FALSE, L"QV_UPGRADE_IN_PROGRESS"), nullptr);  // another kind
+  EXPECT_EQ(OpenEvent(0, FALSE, L"NoSuchEvent"), nullptr);
+  for (HANDLE h : {first, second, opened}) CloseHandle(h);
+  // Once every handle is closed the name is free again.
+  HANDLE fresh = CreateEvent(nullptr, TRUE, FALSE, L"QV_UPGRADE_IN_PROGRESS");
+  EXPECT_EQ(GetLastError(), ERROR_SUCCESS);
+  EXPECT_EQ(WinuxWaitForSingleObject(fresh, 0), WAIT_TIMEOUT);
+  CloseHandle(fresh);
+}
+
+struct MutexProbe {
+  HANDLE mutex;
+  DWORD result = 0;
+};
+
+DWORD TryMutex(LPVOID p) {
+  auto* probe = static_cast<MutexProbe*>(p);
+  HANDLE own = CreateMutex(nullptr, FALSE, L"FILELOG_MUTEX");
+  probe->result = WinuxWaitForSingleObject(own, 0);
+  if (probe->result == WINUX_WAIT_ACQUIRED) WinuxReleaseSemaphore(own, 1, nullptr);
+  CloseHandle(own);
+  return 0;
+}
+
+DWORD RunProbe(MutexProbe& probe) {
+  HANDLE t = CreateThread(nullptr, 0, TryMutex, &probe, 0, nullptr);
+  EXPECT_EQ(WinuxWaitForSingleObject(t, INFINITE), WINUX_WAIT_ACQUIRED);
+  CloseHandle(t);
+  return probe.result;
+}
+
+TEST(WinuxSync, NamedMutexIsRecursiveForItsOwnerAndExclusiveForOthers) {
+  ftctest::DeviceRoot root;
+  HANDLE m = CreateMutex(nullptr, FALSE, L"FILELOG_MUTEX");
+  MutexProbe probe{m};
+  ASSERT_EQ(WinuxWaitForSingleObject(m, 0), WINUX_WAIT_ACQUIRED);
+  ASSERT_EQ(WinuxWaitForSingleObject(m, 0), WINUX_WAIT_ACQUIRED);
+  EXPECT_EQ(RunProbe(probe), WAIT_TIMEOUT);
+  EXPECT_TRUE(WinuxReleaseSemaphore(m, 1, nullptr));
+  EXPECT_EQ(RunProbe(probe), WAIT_TIMEOUT);  // still held once
+  EXPECT_TRUE(WinuxReleaseSemaphore(m, 1, nullptr));
+  EXPECT_EQ(RunProbe(probe), WINUX_WAIT_ACQUIRED);
+  EXPECT_FALSE(WinuxReleaseSemaphore(m, 1, nullptr));  // not held any more
+
+  HANDLE s = CreateSemaphore(nullptr, 1, 2, nullptr);
+  LONG previous = -1;
+  EXPECT_EQ(WinuxWaitForSingleObject(s, 0), WINUX_WAIT_ACQUIRED);
+  EXPECT_EQ(WinuxWaitForSingleObject(s, 0), WAIT_TIMEOUT);
+  EXPECT_TRUE(WinuxReleaseSemaphore(s, 2, &previous));
+  EXPECT_EQ(previous, 0);
+  EXPECT_FALSE(WinuxReleaseSemaphore(s, 1, nullptr));  // above the maximum
+  CloseHandle(s);
+  CloseHandle(m);
+}
+
+std::atomic<int> g_reached{0};
+
+DWORD SleepForever(LPVOID) {
+  g_reached = 1;
+  Sleep(INFINITE);
+  g_reached = 2;  // never
+  return 7;
+}
+
+DWORD WaitForever(LPVOID event) {
+  g_reached = 1;
+  WinuxWaitForSingleObject(event, INFINITE);
+  g_reached = 2;
+  return 7;
+}
+
+TEST(WinuxSync, TerminateThreadEndsAThreadThatSleepsOrWaits) {
+  ftctest::DeviceRoot root(1.0);  // real time: the thread must not just time out
+  HANDLE never = CreateEvent(nullptr, TRUE, FALSE, nullptr);
+  for (LPTHREAD_START_ROUTINE body : {SleepForever, WaitForever}) {
+    g_reached = 0;
+    DWORD id = 0;
+    HANDLE t = CreateThread(nullptr, 786432, body, never, 0, &id);
+    ASSERT_NE(t, nullptr);
+    EXPECT_NE(id, 0u);
+    while (g_reached == 0) std::this_thread::yield();
+    EXPECT_EQ(WinuxWaitForSingleObject(t, 20), WAIT_TIMEOUT);
+    DWORD code = 0;
+    EXPECT_TRUE(GetExitCodeThread(t, &code));
+    EXPECT_EQ(code, 259u);  // still active
+    auto start = Clock::now();
+    EXPECT_TRUE(TerminateThread(t, 3));
+    EXPECT_EQ(WinuxWaitForSingleObject(t, 5000), WINUX_WAIT_ACQUIRED);
+    EXPECT_LT(ElapsedMs(start), 1000);
+    EXPECT_EQ(g_reached, 1);
+    EXPECT_TRUE(GetExitCodeThread(t, &code));
+    EXPECT_EQ(code, 3u);
+    EXPECT_FALSE(SetEvent(t));  // a thread handle is not an event
+    CloseHandle(t);
+  }
+  CloseHandle(never);
+}
+
+}  // namespace
