@@ -19,6 +19,7 @@
 #include "report/events.h"
 #include "report/xq_transport.h"
 #include "transfer/CHTTPClient.h"
+#include "transfer/multicast.h"
 
 namespace {
 
@@ -151,6 +152,7 @@ DWORD UpgradeThread(LPVOID param) {
   if (job->GetMCProcessParms()[0]) {
     OutputGUIMsgA("Starting FileXfer");
     LogMsg("FileTransferConfiglet - UpgradeThread - StartMulticastClient\r\n");
+    StartMulticastClient(job);
     LogMsg("Multicast complete - main logic...");
     SetProgress1(0);
   }
