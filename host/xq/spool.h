@@ -260,12 +260,13 @@ inline std::vector<SpoolRecord> ReadSpoolNew(const std::string& root, const std:
 }
 
 // One line, no line end:
-//   2026-11-22 04:38:17.123  QV_Event_DB  event 205181  Demo, 1.0
-//   2026-11-22 04:38:18.004  QV_CLIENT    state 4  Device Upgrading
+//   2026-11-22 04:38:17.123Z  QV_Event_DB  event 205181  Demo, 1.0
+//   2026-11-22 04:38:18.004Z  QV_CLIENT    state 4  Device Upgrading
 inline std::string FormatSpoolRecord(const SpoolRecord& r) {
   std::ostringstream line;
   std::string time = r.time;
-  if (time.size() >= 23) time = time.substr(0, 10) + " " + time.substr(11, 12);
+  // Milliseconds are enough to read; the Z keeps it plain that the time is UTC.
+  if (time.size() >= 23) time = time.substr(0, 10) + " " + time.substr(11, 12) + "Z";
   if (time.empty()) time = "-";
   line << time << "  " << r.queue;
   for (size_t w = r.queue.size(); w < 11; ++w) line << ' ';
