@@ -1,0 +1,77 @@
+// The end-to-end world: a real ftc-server serving a bundle folder, jobs submitted through the
+// test host, and readers for what a job leaves on the device.
+#pragma once
+
+#include <sys/types.h>
+
+#include <chrono>
+#include <cstdint>
+#include <string>
+#include <vector>
+
+#include "support/device_root.h"
+#include "support/plugin_host.h"
+
+namespace e2e {
+
+// ftc-server on 127.0.0.1 serving dir; port 0 picks a free one.
+class Server {
+ public:
+  Server(const std::string& dir, uint16_t port = 0);
+  ~Server();
+  Server(const Server&) = delete;
+  Server& operator=(const Server&) = delete;
+  uint16_t port() const { return m_port; }
+  std::string reportsPath() const { return m_reports; }
+  std::string Reports() const;
+
+ private:
+  pid_t m_pid = -1;
+  uint16_t m_port = 0;
+  std::string m_reports;
+};
+
+// A port nothing listens on (free when asked).
+uint16_t UnusedPort();
+
+// A temporary bundle folder.
+class Bundle {
+ public:
+  Bundle();
+  ~Bundle();
+  const std::string& dir() const { return m_dir; }
+  // Writes a file (relative path, slashes) and returns its CRC-32.
+  uint32_t Add(const std::string& rel, const std::string& content);
+
+ private:
+  std::string m_dir;
+};
+
+std::string RandomBytes(size_t n, uint32_t seed);
+uint32_t Crc(const std::string& bytes);
+
+struct File {
+  std::string source, dest, crc, mask = "*";
+};
+
+struct Job {
+  std::string baseUrl;
+  uint16_t port = 80;
+  std::vector<File> files;
+  bool hasList = false;
+  File list;
+  int reboot = 0;
+  std::string bundle = "E2E";
+  std::string version = "1.0";
+};
+
+// Builds the job through the groups and closes Upgrade; the start result (0 when accepted).
+uint32_t Submit(ftctest::PluginHost& host, const Job& job);
+
+bool InProgress();
+// Waits (real time) until the worker has logged its last line and the in-progress event is gone.
+bool WaitForJobEnd(const ftctest::DeviceRoot& root,
+                   std::chrono::milliseconds timeout = std::chrono::seconds(30));
+int Count(const std::string& text, const std::string& what);
+
+}  // namespace e2e
