@@ -3,8 +3,10 @@
 
 #include <cstdlib>
 
+#include "bundles/bundle_records.h"
 #include "configlet/protocol_state.h"
 #include "configlet/send_up.h"
+#include "report/deploy_state.h"
 
 HANDLE g_hInst = nullptr;
 std::atomic<uint32_t> gCallBackHandle{0};
@@ -29,13 +31,17 @@ uint32_t IcfgGetSchemaVersion(uint32_t /*unused*/, uint32_t* major, uint32_t* mi
 }
 
 uint32_t IcfgInitialize(void) {
-  // A second call starts with a fresh, empty group name; the old buffer is released rather than
-  // leaked.
-  char* previous = gCurrentGroup;
-  gCurrentGroup = static_cast<char*>(calloc(1, kCurrentGroupSize));
-  free(previous);
-  // Version records for the device monitor (AddVersionForDevMon) and the provisioning display
-  // hook (CheckStartProvisioningGUI) are called here once reporting provides them.
+  try {
+    // A second call starts with a fresh, empty group name; the old buffer is released rather
+    // than leaked.
+    char* previous = gCurrentGroup;
+    gCurrentGroup = static_cast<char*>(calloc(1, kCurrentGroupSize));
+    free(previous);
+    AddVersionForDevMon();
+    CheckStartProvisioningGUI();
+  } catch (...) {
+    // Initialisation has no failure result; the host goes on either way.
+  }
   return 0;
 }
 

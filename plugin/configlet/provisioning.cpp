@@ -1,17 +1,26 @@
 // The Provisioning field: the device tells the server that provisioning started or ended.
-// CALL POINTS for reporting: SetupProvisioning, SetIRIStatus, SendDeviceEvent.
-#include "configlet/call_points.h"
-#include "log/LogMsg.h"
-#include "platform/hwid.h"
+#include <strings.h>
 
-uint32_t OnProvisioningField(const char* /*value*/) {
+#include "configlet/call_points.h"
+#include "platform/hwid.h"
+#include "platform/winux.h"
+#include "report/deploy_state.h"
+#include "report/events.h"
+
+uint32_t OnProvisioningField(const char* value) {
   char uniqueId[64] = "";
   DWORD length = sizeof(uniqueId);
   DWORD result = TVLHWID::GetUniqueID(uniqueId, &length);
-  // CALL POINT: SetupProvisioning(value); "TRUE" (any case): SetIRIStatus(4, "Provisioning
-  // Started"), Sleep(1000), SendDeviceEvent(uniqueId, 20, 205183, ""); otherwise
-  // SetIRIStatus(1, "Provisioning Complete"), Sleep(1000), SendDeviceEvent(uniqueId, 20, 205184,
-  // "").
-  LogMsg("FileTransferConfiglet - Provisioning - reporting not available\r\n");
+  uniqueId[sizeof(uniqueId) - 1] = '\0';
+  SetupProvisioning(value);
+  if (strcasecmp(value, "TRUE") == 0) {
+    SetIRIStatus(4, "Provisioning Started");
+    Sleep(1000);
+    SendDeviceEvent(uniqueId, QV_EVENT_SYSTEM, QV_EVENT_PROVISIONING_STARTED, "");
+  } else {
+    SetIRIStatus(1, "Provisioning Complete");
+    Sleep(1000);
+    SendDeviceEvent(uniqueId, QV_EVENT_SYSTEM, QV_EVENT_PROVISIONING_COMPLETE, "");
+  }
   return result;
 }

@@ -135,3 +135,29 @@ TEST(Configlet, MissingArgumentsAreRefusedWithoutACrash) {
 }
 
 }  // namespace
+
+namespace {
+
+TEST(Configlet, ProvisioningStateGoesUpThroughTheHostCallback) {
+  ftctest::DeviceRoot root;
+  root.WriteIdentity("uniqueid=DEV-42\n");
+  PluginHost host;
+  PluginHost::ClearSendUps();
+  struct Case {
+    const char* value;
+    const char* reason;
+  };
+  for (const Case& c :
+       {Case{"true", "Provisioning Started"}, Case{"no", "Provisioning Complete"}}) {
+    EXPECT_EQ(host.SetField("Provisioning", c.value), 0u);
+    ASSERT_TRUE(PluginHost::WaitForSendUp([&](const ftctest::SendUpCall& call) {
+      return call.message.find(c.reason) != std::string::npos;
+    })) << c.reason;
+  }
+  for (const ftctest::SendUpCall& call : PluginHost::SendUps()) {
+    EXPECT_EQ(call.context, PluginHost::kContext);
+    EXPECT_EQ(call.length, call.message.size() + 1);  // the NUL counts
+  }
+}
+
+}  // namespace

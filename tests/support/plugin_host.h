@@ -90,7 +90,7 @@ class PluginHost {
   static std::string LogPath(const DeviceRoot& root);
   static std::string LogText(const DeviceRoot& root);
 
-  static const uint32_t kContext = 0x5A17C0DEu;
+  static constexpr uint32_t kContext = 0x5A17C0DEu;
 
  private:
   ConfigletApi m_api;
