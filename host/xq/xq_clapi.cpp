@@ -8,6 +8,7 @@
 #include <time.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <atomic>
 #include <cstdio>
 #include <cstring>
@@ -203,12 +204,15 @@ bool SpoolWrite(const std::string& source, const std::string& queue, const char*
     if (lock.ok()) {
       uint64_t seq = lock.Last();
       if (seq == 0) seq = ScanHighest(dir);
-      // link, unlike rename, never replaces an existing record.
-      for (int attempt = 0; attempt < 1000 && !linked; ++attempt) {
+      // link, unlike rename, never replaces an existing record. A taken number means the
+      // counter fell behind: continue after the highest record instead.
+      for (int attempt = 0; attempt < 8 && !linked; ++attempt) {
         ++seq;
         if (link(temp.c_str(), RecordName(dir, seq).c_str()) == 0) {
           linked = true;
-        } else if (errno != EEXIST) {
+        } else if (errno == EEXIST) {
+          seq = std::max(seq, ScanHighest(dir));
+        } else {
           break;
         }
       }

@@ -82,6 +82,16 @@ TEST_F(SpoolTest, EachWriteIsOneCompleteRecordInSequence) {
   EXPECT_EQ(all[2].message, "");
   for (const auto& r : all) EXPECT_TRUE(r.complete && r.time.size() == 27) << r.time;
   EXPECT_EQ(ReadSpool(root.path(), "QV_CLIENT").size(), 2u);
+
+  // A counter that fell behind (lost in a crash) never costs an existing record.
+  root.WriteFile("/.winux/spool/QV_CLIENT/.sequence", "1\n");
+  h = Open();
+  ASSERT_EQ(Write(h, "QV_CLIENT", "third"), 0);
+  EXPECT_EQ(close(h), 0);
+  auto queue = ReadSpool(root.path(), "QV_CLIENT");
+  ASSERT_EQ(queue.size(), 3u);
+  EXPECT_EQ(queue[1].message + "," + queue[2].message, ",third");
+  EXPECT_EQ(queue[2].sequence, 3u);
 }
 
 TEST_F(SpoolTest, RefusedWritesReportFailureAndLeaveNoRecord) {
