@@ -12,28 +12,6 @@
 
 namespace {
 
-TEST(UpgradeConfig, FreshRecordHasTheJobDefaults) {
-  ftctest::DeviceRoot root;
-  UpgradeConfig cfg;
-  EXPECT_EQ(cfg.GetPacketSize(), 4096);
-  EXPECT_EQ(cfg.GetHTTPPort(), 80);
-  EXPECT_EQ(cfg.GetMulticastPort(), 0);
-  EXPECT_EQ(cfg.GetMulticastBlockSize(), 4096);
-  EXPECT_EQ(cfg.GetProcessWait(), 1);
-  EXPECT_EQ(cfg.GetShowGUI(), 1);
-  EXPECT_EQ(cfg.GetReboot(), 0);
-  EXPECT_EQ(cfg.IsMultiPass(), 0);
-  EXPECT_EQ(cfg.GetSysLogPort(), 0);
-  EXPECT_STREQ(cfg.GetBaseURL(), "");
-  EXPECT_STREQ(cfg.GetProcessParms(), "");
-  EXPECT_TRUE(cfg.GetDownloadFiles().empty());
-  EXPECT_TRUE(cfg.GetStopProcessList().empty());
-  EXPECT_TRUE(cfg.GetRegistryTests().empty());
-  EXPECT_EQ(cfg.GetMCFileList(), nullptr);
-  EXPECT_EQ(cfg.GetPreProcessing(), nullptr);
-  EXPECT_EQ(cfg.GetPostProcessing(), nullptr);
-}
-
 TEST(UpgradeConfig, IdentityIsReadAndDerivedFromTheDevice) {
   struct Case {
     const char* hwcfg;  // empty: the host's configuration text is too long for the 24 bytes
@@ -97,25 +75,6 @@ TEST(UpgradeConfig, CompareCfgStrMatchesOverTheCommonLengthOnly) {
   // Only 64 characters take part.
   std::string longer(100, 'a');
   EXPECT_EQ(UpgradeConfig::CompareCfgStr(longer.c_str(), (longer + "b").c_str()), 1);
-}
-
-TEST(UpgradeConfig, TextsAreCutAtTheirCapacity) {
-  ftctest::DeviceRoot root;
-  UpgradeConfig cfg;
-  std::string big(1000, 'x');
-  cfg.SetHTTPIPAddress(big.c_str());
-  cfg.SetBaseURL(big.c_str());
-  cfg.SetSysLogIP(big.c_str());
-  cfg.SetUpgEndMsg(big.c_str());
-  cfg.SetVersion(big.c_str());
-  EXPECT_EQ(std::string(cfg.GetHTTPIPAddress()), big.substr(0, 23));
-  EXPECT_EQ(std::string(cfg.GetBaseURL()), big.substr(0, 255));
-  EXPECT_EQ(std::string(cfg.GetSysLogIP()), big.substr(0, 31));
-  EXPECT_EQ(std::string(cfg.GetUpgEndMsg()), big.substr(0, 63));
-  EXPECT_EQ(std::string(cfg.GetVersion()), big.substr(0, 127));
-  // The neighbours of a cut text are untouched.
-  EXPECT_EQ(cfg.GetHTTPPort(), 80);
-  EXPECT_EQ(cfg.GetMulticastPort(), 0);
 }
 
 TEST(UpgradeConfig, FlashWriterParametersGrowByBlankAndText) {

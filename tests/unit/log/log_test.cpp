@@ -142,10 +142,4 @@ TEST(Log, ConcurrentWritersNeverInterleaveLines) {
   EXPECT_EQ(seen.size(), static_cast<size_t>(kThreads * kLines));
 }
 
-TEST(Log, SysLogToASCIIConvertsIntoItsOwnBuffer) {
-  EXPECT_STREQ(SysLogToASCII(L"FileXfer 3.50d"), "FileXfer 3.50d");
-  EXPECT_STREQ(SysLogToASCII(L""), "");
-  EXPECT_STREQ(SysLogToASCII(nullptr), "");
-}
-
 }  // namespace
