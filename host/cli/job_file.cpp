@@ -39,7 +39,8 @@ class Walker {
   bool Subsystem(const pugi::xml_node& node, std::string* error) { return Group(node, error); }
 
   bool Fail(const pugi::xml_node& node, const std::string& what, std::string* error) {
-    Position p = PositionOf(m_text, node.offset_debug());
+    // offset_debug points at the element name; report its "<".
+    Position p = PositionOf(m_text, node.offset_debug() - 1);
     std::ostringstream s;
     s << "line " << p.line << ", column " << p.column << ": " << what;
     *error = s.str();

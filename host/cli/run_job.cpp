@@ -209,7 +209,19 @@ int RunJob(const Options& opt) {
   int threadsBefore = 0;
   bool upgradeStarted = false, upgradeRefused = false, anyRefused = false;
   uint32_t upgradeCode = 0;
+  // A refused group is not entered: its fields and inner groups are not sent, and it is not
+  // closed (closing Upgrade would start the job even when opening it was refused).
+  int skipping = 0;
   for (const JobCall& call : job.calls) {
+    if (skipping > 0) {
+      if (call.kind == JobCall::kBeginGroup) ++skipping;
+      if (call.kind == JobCall::kEndGroup && --skipping == 0) {
+        --depth;
+        view.Print(std::string(static_cast<size_t>(depth) * 2, ' ') + "EndGroup " + call.name +
+                   " not sent: the group was refused");
+      }
+      continue;
+    }
     std::string indent(static_cast<size_t>(depth) * 2, ' ');
     uint32_t rc = 0;
     std::string shown;
@@ -233,6 +245,7 @@ int RunJob(const Options& opt) {
     }
     view.Print(shown + " -> " + Hex(rc) + " " + ResultMeaning(rc));
     if (rc != 0) anyRefused = true;
+    if (rc != 0 && call.kind == JobCall::kBeginGroup) skipping = 1;
     if (upgrade && rc != 0) {
       upgradeRefused = true;
       upgradeCode = rc;
