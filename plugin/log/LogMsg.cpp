@@ -23,8 +23,9 @@ const int kPriority = (1 << 3) | 6;
 FILE* m_fp = nullptr;
 std::atomic<unsigned short> m_wRemoteDebugPort{0};
 char m_szRemoteDebugAddress[64] = "";
-SocketIO m_Debug;
-Network m_Network;
+// Never destroyed: detached worker threads may still log while the process exits.
+SocketIO& m_Debug = *new SocketIO();
+Network& m_Network = *new Network();
 char* pW2ABuf = nullptr;
 
 // The named lock every writer of the log shares, also writers in other modules of the process.
