@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include <cstring>
+#include <random>
 #include <string>
 #include <vector>
 
@@ -88,6 +89,20 @@ TEST(ListFile, OverlongTokensAreCutToTheirFields) {
   EXPECT_EQ(e[0].source.size(), 255u);
   EXPECT_EQ(e[0].masks.size(), 2047u);
   EXPECT_EQ(e[0].crc.size(), 31u);
+}
+
+TEST(ListFile, AnyBytesParseWithinTheRecords) {
+  std::mt19937 gen(7);
+  const char alphabet[] = ",,\r\n\0abc;* 0123456789";
+  for (int round = 0; round < 300; ++round) {
+    std::string text(gen() % 6000, '\0');
+    for (char& c : text) c = gen() % 4 ? alphabet[gen() % (sizeof alphabet - 1)] : char(gen());
+    for (const Entry& e : Parse(text)) {
+      EXPECT_LT(e.source.size(), 256u);
+      EXPECT_LT(e.masks.size(), 2048u);
+      EXPECT_LT(e.size.size(), 32u);
+    }
+  }
 }
 
 TEST(Folders, DestinationFoldersAreCreatedLevelByLevel) {
