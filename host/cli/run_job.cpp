@@ -17,6 +17,7 @@
 #include "plugin_session.h"
 #include "progress_view.h"
 #include "winux/winux_host.h"
+#include "xq/spool.h"
 
 namespace fs = std::filesystem;
 
@@ -165,6 +166,22 @@ Outcome ReadOutcome(const std::string& log) {
   return o;
 }
 
+// The state reports the plug-in sends up, told in a line; anything else as collapsed text.
+std::string DescribeSendUp(const std::string& message) {
+  SpoolRecord r;
+  r.message = message;
+  xqspool::DecodeMessage(&r);
+  if (r.kind == "state") return "host message: ready-to-work state " + r.code + ", " + r.text;
+  if (r.kind == "autodeploy") return "host message: AutoDeploy " + r.code;
+  std::string collapsed;
+  for (char c : message) {
+    bool space = c == ' ' || c == '\t' || c == '\r' || c == '\n';
+    if (space && (collapsed.empty() || collapsed.back() == ' ')) continue;
+    collapsed += space ? ' ' : c;
+  }
+  return "host message: " + collapsed;
+}
+
 std::string Hex(uint32_t v) {
   char b[16];
   snprintf(b, sizeof b, "0x%08X", v);
@@ -190,7 +207,7 @@ int RunJob(const Options& opt) {
   PluginSession plugin;
   std::string path = opt.plugin.empty() ? DefaultPluginPath() : opt.plugin;
   if (!plugin.Load(
-          path, [&view](const std::string& m) { view.Print("host message: " + m); }, &error)) {
+          path, [&view](const std::string& m) { view.Print(DescribeSendUp(m)); }, &error)) {
     fprintf(stderr, "ftc-host: %s\n", error.c_str());
     return kExitFailed;
   }

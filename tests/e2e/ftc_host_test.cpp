@@ -117,7 +117,7 @@ TEST_F(FtcHost, RunsAJobAndSummarisesIt) {
   EXPECT_NE(run.output.find("bytes fetched:  300003"), std::string::npos) << run.output;
   EXPECT_NE(run.output.find("2 match their CRC, 0 damaged"), std::string::npos) << run.output;
   EXPECT_NE(run.output.find("reboot:         not requested"), std::string::npos);
-  EXPECT_NE(run.output.find("Ready-to-Work"), std::string::npos);  // the host callback
+  EXPECT_NE(run.output.find("ready-to-work state 1, Upgrade Complete"), std::string::npos);
 
   // The same job again: everything is intact, nothing is fetched.
   run = RunJob(xml);

@@ -1,0 +1,96 @@
+#!/usr/bin/env bash
+# One real upgrade job on this machine: a sample bundle served by ftc-server on loopback, run by
+# ftc-host against a fresh device root, then every file checked against its CRC-32.
+# Usage: scripts/demo.sh BUILD_DIR        (make demo builds ./build and runs this)
+# FTC_DEMO_TIME_SCALE (default 0.05) shortens the device's fixed pauses; FTC_DEMO_KEEP=1 keeps
+# the work folder (bundle, device root, logs) for a look afterwards.
+set -euo pipefail
+
+build=${1:-build}
+bin=$build/bin
+scale=${FTC_DEMO_TIME_SCALE:-0.05}
+for p in ftc-server ftc-bundle ftc-host; do
+  [ -x "$bin/$p" ] || { echo "demo: $bin/$p is missing; build first (make build)" >&2; exit 2; }
+done
+
+work=$(mktemp -d "${TMPDIR:-/tmp}/ftc-demo-XXXXXX")
+server_pid=""
+finish() {
+  if [ -n "$server_pid" ]; then
+    kill "$server_pid" 2>/dev/null || true
+    wait "$server_pid" 2>/dev/null || true
+  fi
+  if [ "${FTC_DEMO_KEEP:-0}" = 1 ]; then
+    echo "demo: work folder kept: $work"
+  else
+    rm -rf "$work"
+  fi
+}
+trap finish EXIT INT TERM
+
+echo "== preparing a sample bundle in $work/bundle"
+mkdir -p "$work/bundle/app" "$work/bundle/os"
+head -c 4194304 /dev/urandom >"$work/bundle/os/image.bin"
+head -c 300000 /dev/urandom >"$work/bundle/app/main.bin"
+printf '<settings>\n  <Server>demo</Server>\n</settings>\n' >"$work/bundle/app/settings.xml"
+printf 'FileTransferConfiglet demo bundle\n' >"$work/bundle/readme.txt"
+ls -l "$work/bundle" "$work/bundle/app" "$work/bundle/os" | sed 's/^/   /'
+
+echo "== starting ftc-server on 127.0.0.1"
+"$bin/ftc-server" --root "$work/bundle" --bind 127.0.0.1 --port 0 \
+  --reports "$work/reports.log" >"$work/server.log" 2>&1 &
+server_pid=$!
+port=""
+for _ in $(seq 1 100); do
+  port=$(sed -n 's/^listening on [0-9.]*:\([0-9]*\).*/\1/p' "$work/server.log" | head -n1)
+  [ -n "$port" ] && break
+  kill -0 "$server_pid" 2>/dev/null || break
+  sleep 0.05
+done
+if [ -z "$port" ]; then
+  echo "demo: ftc-server did not start:" >&2
+  cat "$work/server.log" >&2
+  exit 1
+fi
+echo "   listening on 127.0.0.1:$port"
+
+echo "== writing the job file"
+"$bin/ftc-bundle" job "$work/bundle" --server "http://127.0.0.1:$port" \
+  --dest '\Flash File Store\demo' --bundle DemoBundle --version 1.0 --out "$work/job.xml"
+echo "   $work/job.xml"
+
+echo "== running the job (time scale $scale: device pauses run at that fraction of their length)"
+status=0
+"$bin/ftc-host" run "$work/job.xml" --root "$work/device" --time-scale "$scale" || status=$?
+
+echo "== checking the files on the device root against their CRC-32"
+crc32() {
+  # gzip's trailer holds the CRC-32 of its input, little-endian.
+  gzip -c "$1" | tail -c8 | head -c4 | od -An -tu4 --endian=little | tr -d ' \n'
+}
+bad=0
+checked=0
+dest=""
+while IFS= read -r line; do
+  case "$line" in
+    *'<Field Name="Dest">'*) dest=$(printf '%s' "$line" | sed 's/.*<Field Name="Dest">\(.*\)<\/Field>.*/\1/') ;;
+    *'<Field Name="CRC">'*)
+      want=$(printf '%s' "$line" | sed 's/.*<Field Name="CRC">\(.*\)<\/Field>.*/\1/')
+      host="$work/device/$(printf '%s' "${dest#\\}" | tr '\\' '/')"
+      if [ -f "$host" ] && [ "$(crc32 "$host")" = "$want" ]; then
+        echo "   ok      $dest"
+      else
+        echo "   WRONG   $dest" >&2
+        bad=$((bad + 1))
+      fi
+      checked=$((checked + 1))
+      ;;
+  esac
+done <"$work/job.xml"
+echo "   $checked files checked, $bad wrong"
+echo "== the server recorded the completion report:"
+sed 's/^/   /' "$work/reports.log" 2>/dev/null || echo "   (none)"
+
+if [ "$status" -eq 0 ] && [ "$bad" -ne 0 ]; then status=1; fi
+echo "== demo finished with status $status"
+exit "$status"
