@@ -242,6 +242,16 @@ TEST_F(ServerTest, CompletionReportsAreRecordedBeforeTheAnswer) {
                         "\"Error\":\"CRC \\\"bad\\\"\"}\n"),
             std::string::npos)
       << second;
+
+  // A device that hangs up right after sending is still recorded.
+  {
+    Connection gone(server.port());
+    gone.Send("GET HTTP/1.1\r\nCore-name: CORE3\r\nBundle-transfer: COMPLETE\r\n\r\n");
+  }
+  for (int i = 0; i < 200 && ftctest::ReadHostFile(reports).find("CORE3") == std::string::npos; ++i)
+    usleep(10000);
+  EXPECT_NE(ftctest::ReadHostFile(reports).find("\"Core-name\":\"CORE3\",\"Bundle-rx\":null"),
+            std::string::npos);
   EXPECT_EQ(server.Stop(), 0);
 }
 
