@@ -6,6 +6,7 @@
 
 #include <cerrno>
 #include <cstdio>
+#include <cstring>
 #include <string>
 
 #include "internal.h"
@@ -264,6 +265,11 @@ extern "C" FILE* WinuxFopen(const char* path, const char* mode) {
   }
   MappedPath mapped = MapDevicePath(path);
   if (mapped.host.empty()) return nullptr;
+  struct stat st;
+  if (strpbrk(mode, "wa+") && stat(mapped.host.c_str(), &st) == 0 && ReadOnlyMode(st.st_mode)) {
+    SetLastError(ERROR_ACCESS_DENIED);
+    return nullptr;
+  }
   FILE* f = fopen(mapped.host.c_str(), mode);
   if (!f) SetErrorForPath(errno, mapped);
   return f;
@@ -360,6 +366,13 @@ extern "C" BOOL MoveFile(LPCWSTR existing, LPCWSTR target) {
   if (lstat(to.host.c_str(), &st) == 0 && to.host != from.host) {
     SetLastError(ERROR_ALREADY_EXISTS);
     return FALSE;
+  }
+  if (to.host == from.host) {
+    // Same file: only the spelling changes, so the new name is taken as written.
+    std::string spelled = ToUtf8(target);
+    size_t cut = spelled.find_last_of("\\/");
+    spelled = cut == std::string::npos ? spelled : spelled.substr(cut + 1);
+    to.host = to.host.substr(0, to.host.rfind('/') + 1) + spelled;
   }
   if (rename(from.host.c_str(), to.host.c_str()) == 0) return TRUE;
   if (errno != EXDEV) {

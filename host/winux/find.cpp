@@ -92,6 +92,9 @@ extern "C" HANDLE FindFirstFile(LPCWSTR pattern, LPWIN32_FIND_DATA data) {
   std::wstring text = pattern;
   while (text.size() > 1 && (text.back() == L'\\' || text.back() == L'/')) text.pop_back();
   size_t cut = text.find_last_of(L"\\/");
+  // "RAM:name" has no separator but names a file of the memory area.
+  const bool ram = text.size() >= 4 && EqualsNoCase(ToUtf8(text.substr(0, 4)), "RAM:");
+  if (cut == std::wstring::npos && ram) cut = 3;
   std::wstring folder = cut == std::wstring::npos ? L"\\" : text.substr(0, cut + 1);
   std::wstring leaf = cut == std::wstring::npos ? text : text.substr(cut + 1);
   if (leaf.empty()) {

@@ -169,7 +169,9 @@ MappedPath MapDevicePath(const std::string& devicePath) {
     if (c == '\\') c = '/';
 
   std::string root = WinuxRoot();
-  if (!MakeDirs(root, 0777)) {
+  struct stat rootStat;
+  const bool rootExists = stat(root.c_str(), &rootStat) == 0 && S_ISDIR(rootStat.st_mode);
+  if (!rootExists && !MakeDirs(root, 0777)) {
     WinuxSetLastErrorFromErrno(errno);
     return result;
   }

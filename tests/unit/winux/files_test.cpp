@@ -151,6 +151,8 @@ TEST(WinuxFiles, CopyHonoursFailIfExistsAndMoveRefusesATarget) {
   EXPECT_EQ(GetLastError(), ERROR_ALREADY_EXISTS);
   EXPECT_TRUE(MoveFile(L"\\a.txt", L"\\c.txt"));
   EXPECT_EQ(root.ReadFile("c.txt"), "new");
+  EXPECT_TRUE(MoveFile(L"\\c.txt", L"\\C.Txt"));  // a change of case only
+  EXPECT_EQ(Names(FindAll(L"\\c.*")), std::set<std::wstring>{L"C.Txt"});
   EXPECT_TRUE(MoveFile(L"\\c.txt", L"RAM:\\c.txt"));  // across file systems
   EXPECT_FALSE(root.Exists("c.txt"));
   EXPECT_TRUE(DeleteFile(L"RAM:\\c.txt"));
