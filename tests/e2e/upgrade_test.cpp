@@ -136,6 +136,56 @@ TEST_F(UpgradeJob, RenameDestinationsGetTheirFinalNames) {
   EXPECT_TRUE(root.Exists("\\.winux\\reboot-requested"));
 }
 
+// What the management server hears of whole jobs, in order: events in the spool, states and
+// AutoDeploy through the host's callback.
+TEST_F(UpgradeJob, ReportsOfARefusedJobAndOfARebootJobUnderProvisioning) {
+  root.WriteIdentity("hwcfg=AB12CD34\nuniqueid=E2E-DEVICE\nprovisioning=1\n");
+  uint32_t crc = bundle.Add("r.bin", "r");
+  e2e::Server server(bundle.dir());
+  ftctest::PluginHost host;
+  ftctest::PluginHost::ClearSendUps();
+  auto states = [] {
+    std::vector<std::string> out;
+    for (const ftctest::SendUpCall& c : ftctest::PluginHost::SendUps()) {
+      SpoolRecord r;
+      r.message = c.message;
+      xqspool::DecodeMessage(&r);
+      if (r.kind != "message") out.push_back(r.kind + " " + r.code + " " + r.text);
+    }
+    return out;
+  };
+
+  host.BeginGroup("FileTransferConfiglet");
+  host.BeginGroup("Tests");
+  host.Group("Registry", {{"Key", "SOFTWARE\\Nowhere"},
+                          {"ValueName", "v"},
+                          {"Value", "1"},
+                          {"Type", "REG_SZ"},
+                          {"Operator", "EQ"},
+                          {"ErrorMsg", "not docked"}});
+  host.EndGroup("Tests");
+  host.SetField("BundleName", "Refused");
+  host.SetField("Version", "9");
+  ASSERT_EQ(host.BeginGroup("Upgrade"), 0u);
+  EXPECT_EQ(host.EndGroup("Upgrade"), 0xC4111005u);
+  host.EndGroup("FileTransferConfiglet");
+  EXPECT_EQ(Events(), (std::vector<std::string>{"205180"}));
+  EXPECT_EQ(ReadSpool(root.path(), "").back().text, "not docked, Refused, 9");
+  EXPECT_EQ(states(), (std::vector<std::string>{"state 1 Upgrade Failed: not docked"}));
+
+  ftctest::PluginHost::ClearSendUps();
+  e2e::Job job;
+  job.baseUrl = "http://127.0.0.1:" + std::to_string(server.port());
+  job.files = {{"r.bin", "\\r.bin", std::to_string(crc)}};
+  job.reboot = 1;
+  ASSERT_EQ(e2e::Submit(host, job), 0u);
+  ASSERT_TRUE(e2e::WaitForJobEnd(root));
+  EXPECT_EQ(Events(), (std::vector<std::string>{"205180", "205181", "205182"}));
+  EXPECT_EQ(states(), (std::vector<std::string>{"state 4 Device Upgrading", "autodeploy 10 ",
+                                                "state 1 Upgrade Complete"}));
+  EXPECT_TRUE(root.Exists("\\.winux\\reboot-requested"));
+}
+
 // The worker waits for an absent server for as long as it takes; meanwhile a second job is
 // refused and the first one still finishes once the server comes up.
 TEST_F(UpgradeJob, WaitsForAnUnreachableServerAndRefusesASecondJob) {
