@@ -100,7 +100,9 @@ void Debug(const wchar_t* text) {
 
 }  // namespace
 
+namespace {
 thread_local std::unique_ptr<char[]> pW2ABuff;
+}  // namespace
 
 char* ToASCII(const wchar_t* text) {
   if (!text) text = L"";
@@ -242,6 +244,11 @@ int CHTTPClient::OpenURL(const wchar_t* url, wchar_t* path) {
     return 0;
   }
   DWORD address = GetHostIpAddress(host);
+  // Address 0 would reach this machine itself on Linux: an unresolved host never connects.
+  if (address == 0) {
+    LogMsg("FileTransferConfiglet - OpenURL - could not connect\r\n");
+    return 0;
+  }
 
   if (IsConnected()) {
     // A kept-alive connection is reused only while the peer has neither closed it nor left
