@@ -52,6 +52,7 @@ int CSocketIO::Shutdown() {
 }
 
 int CSocketIO::CreateTcpSocket() {
+  if (m_socket != -1) Close();  // a second create must not leak the first descriptor
   m_socket = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, IPPROTO_TCP);
   if (m_socket == -1) {
     TakeSocketError();
