@@ -58,6 +58,12 @@ int FileIO::Open(const char* path, int mode) {
     WinuxSetLastErrorFromErrno(errno);
     return 0;
   }
+  struct stat st;
+  if (fstat(m_fd, &st) == 0 && S_ISDIR(st.st_mode)) {
+    Close();
+    SetLastError(ERROR_ACCESS_DENIED);
+    return 0;
+  }
   return 1;
 }
 

@@ -56,6 +56,39 @@ bool IsSingleRooted(const pugi::xml_document& doc) {
   return elements == 1;
 }
 
+size_t MaxDepth(Node top) {
+  size_t depth = 1, deepest = 1;
+  for (Node n = top.first_child(); n && n != top;) {
+    if (n.first_child()) {
+      n = n.first_child();
+      if (++depth > deepest) deepest = depth;
+      continue;
+    }
+    while (n != top && !n.next_sibling()) {
+      n = n.parent();
+      --depth;
+    }
+    if (n != top) n = n.next_sibling();
+  }
+  return deepest;
+}
+
+// pugixml frees a subtree recursively; leaves first keeps a deep one off the stack.
+void RemoveSubtree(Node top) {
+  Node n = top;
+  for (;;) {
+    if (Node child = n.first_child()) {
+      n = child;
+      continue;
+    }
+    if (n == top) break;
+    Node parent = n.parent();
+    parent.remove_child(n);
+    n = parent;
+  }
+  top.parent().remove_child(top);
+}
+
 // A position of a traversal: an element and the event reported (or to report) for it.
 struct Position {
   NodeRef node = nullptr;
@@ -135,9 +168,18 @@ struct CPlixDOM::Impl {
     return h ? h->element.get() : nullptr;
   }
 
-  void ForgetSubtree(Node node) {
-    handles.erase(node.internal_object());
-    for (Node c = node.first_child(); c; c = c.next_sibling()) ForgetSubtree(c);
+  // Iterative: a hostile document may nest deeper than the stack allows.
+  void ForgetSubtree(Node top) {
+    handles.erase(top.internal_object());
+    for (Node n = top.first_child(); n && n != top;) {
+      handles.erase(n.internal_object());
+      if (n.first_child()) {
+        n = n.first_child();
+        continue;
+      }
+      while (n != top && !n.next_sibling()) n = n.parent();
+      if (n != top) n = n.next_sibling();
+    }
   }
 
   // Every handle and traversal refers to the old document: drop them.
@@ -219,7 +261,7 @@ int CPlixElement::Delete() {
   for (CPlixIterator::Impl* it : dom->iterators) it->BeforeDelete(node);
   // Forgetting the subtree destroys this object: nothing of it may be touched afterwards.
   dom->ForgetSubtree(node);
-  parent.remove_child(node);
+  RemoveSubtree(node);
   return 1;
 }
 
@@ -273,8 +315,10 @@ int CPlixDOM::WriteDoc(char** text) {
   std::string& out = m_pImpl->writeScratch;
   out.clear();
   StringWriter writer(&out);
-  m_pImpl->doc->save(writer, "  ", pugi::format_indent | pugi::format_no_declaration,
-                     pugi::encoding_utf8);
+  // Indentation grows with the square of the nesting: a deep document is written unindented.
+  unsigned flags = pugi::format_no_declaration;
+  if (MaxDepth(m_pImpl->Root()) <= 64) flags |= pugi::format_indent;
+  m_pImpl->doc->save(writer, "  ", flags, pugi::encoding_utf8);
   char* block = static_cast<char*>(std::malloc(out.size() + 1));
   if (!block) return 0;
   std::memcpy(block, out.data(), out.size());
