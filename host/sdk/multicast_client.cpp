@@ -121,6 +121,9 @@ class Receiver {
     }
   }
 
+  // True once the receiver's output has ended and every line has been read.
+  bool Finished() const { return m_fd < 0 && m_buffer.empty(); }
+
   void Stop() {
     if (m_pid > 0) {
       kill(m_pid, SIGTERM);
@@ -170,7 +173,8 @@ bool MakeFolders(const std::string& path) {
 }
 
 std::string ProbeVersion() {
-  // uftpd names its version on its first log line; ask it on a private port and stop it.
+  // uftpd names its version on its first log line (from log level 2); ask it on a private port
+  // and stop it.
   int s = socket(AF_INET, SOCK_DGRAM, 0);
   sockaddr_in a{};
   a.sin_family = AF_INET;
@@ -183,7 +187,7 @@ std::string ProbeVersion() {
   if (s >= 0) close(s);
   if (port == 0) return "";
   Receiver r;
-  if (!r.Start({"uftpd", "-d", "-x", "1", "-p", std::to_string(port), "-D", "/tmp"})) return "";
+  if (!r.Start({"uftpd", "-d", "-x", "2", "-p", std::to_string(port), "-D", "/tmp"})) return "";
   std::string line;
   auto until = Clock::now() + std::chrono::seconds(3);
   while (Clock::now() < until && r.ReadLine(line, 500)) {
@@ -241,7 +245,9 @@ int CMulticastClient::Start(char* parameters) {
     if (!started && now >= startBy) break;
     if (started && now - lastActivity >= std::chrono::milliseconds(p.idleTimeoutMs)) break;
     if (!receiver.ReadLine(line, 200)) {
-      if (line.empty()) continue;
+      // A receiver that has exited says nothing more; waiting on would only spin.
+      if (receiver.Finished()) break;
+      continue;
     }
     if (line.empty()) continue;
     std::string l;

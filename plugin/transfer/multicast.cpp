@@ -51,6 +51,9 @@ int CreateStatusThreadSocket(int* port) {
     if (bind(m_statusSocket, reinterpret_cast<sockaddr*>(&address), sizeof address) == 0) break;
   }
   *port = candidate;
+  // Signalled by the status thread when it has let go of the socket.
+  g_closing = false;
+  g_hStatusThreadDone = CreateEvent(nullptr, TRUE, FALSE, nullptr);
   return 1;
 }
 
@@ -60,7 +63,7 @@ void CloseStatusThreadSocket() {
     // A close alone does not wake a thread blocked in select on this host; shutting the socket
     // down does, and the thread lets go of the descriptor before it is closed and reused.
     shutdown(m_statusSocket, SHUT_RDWR);
-    if (g_hStatusThreadDone) WinuxWaitForSingleObject(g_hStatusThreadDone, 5000);
+    if (g_hStatusThreadDone) WinuxWaitForSingleObject(g_hStatusThreadDone, 60000);
     close(m_statusSocket);
     m_statusSocket = -1;
   }
@@ -116,9 +119,7 @@ void StartMulticastClient(UpgradeConfig* config) {
     return;
   }
   int port = 0;
-  g_closing = false;
   if (CreateStatusThreadSocket(&port)) {
-    g_hStatusThreadDone = CreateEvent(nullptr, TRUE, FALSE, nullptr);
     DWORD id = 0;
     HANDLE thread = CreateThread(nullptr, 0, StatusThread, nullptr, 0, &id);
     if (thread) {

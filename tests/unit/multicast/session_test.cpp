@@ -1,0 +1,229 @@
+// A whole job through the loaded plug-in: a real multicast session on loopback delivers what it
+// can, and the upgrade server repairs over HTTP only what did not arrive intact.
+#include <arpa/inet.h>
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <netinet/in.h>
+#include <signal.h>
+#include <spawn.h>
+#include <sys/socket.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <cstdio>
+#include <map>
+#include <mutex>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "e2e/e2e_support.h"
+#include "platform/display.h"
+#include "xq/spool.h"
+
+extern char** environ;
+
+namespace {
+
+using Clock = std::chrono::steady_clock;
+
+// A program run in the background, stopped at the end of the case if it is still running.
+class Child {
+ public:
+  explicit Child(const std::vector<std::string>& args) {
+    std::vector<char*> argv;
+    for (const auto& a : args) argv.push_back(const_cast<char*>(a.c_str()));
+    argv.push_back(nullptr);
+    posix_spawn_file_actions_t fa;
+    posix_spawn_file_actions_init(&fa);
+    posix_spawn_file_actions_addopen(&fa, 1, "/dev/null", O_WRONLY, 0);
+    posix_spawn_file_actions_addopen(&fa, 2, "/dev/null", O_WRONLY, 0);
+    if (posix_spawnp(&m_pid, argv[0], &fa, nullptr, argv.data(), environ) != 0) m_pid = -1;
+    posix_spawn_file_actions_destroy(&fa);
+  }
+  ~Child() {
+    if (m_pid > 0) {
+      kill(m_pid, SIGKILL);
+      waitpid(m_pid, nullptr, 0);
+    }
+  }
+  // The exit status, or -1 when it has not ended in time.
+  int Wait(std::chrono::milliseconds timeout) {
+    auto until = Clock::now() + timeout;
+    while (m_pid > 0 && Clock::now() < until) {
+      int status = 0;
+      if (waitpid(m_pid, &status, WNOHANG) == m_pid) {
+        m_pid = -1;
+        return WIFEXITED(status) ? WEXITSTATUS(status) : 128;
+      }
+      std::this_thread::sleep_for(std::chrono::milliseconds(10));
+    }
+    return -1;
+  }
+
+ private:
+  pid_t m_pid = -1;
+};
+
+int FreeUdpPort() {
+  int s = socket(AF_INET, SOCK_DGRAM, 0);
+  sockaddr_in a{};
+  a.sin_family = AF_INET;
+  a.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+  bind(s, reinterpret_cast<sockaddr*>(&a), sizeof a);
+  socklen_t len = sizeof a;
+  getsockname(s, reinterpret_cast<sockaddr*>(&a), &len);
+  close(s);
+  return ntohs(a.sin_port);
+}
+
+std::vector<std::string> g_messages;
+std::mutex g_messagesLock;
+
+class MulticastJob : public ::testing::Test {
+ protected:
+  MulticastJob() : root(0.001) {
+    root.WriteIdentity("hwcfg=AB12CD34\nuniqueid=MC-DEVICE\n");
+    WinuxStatusDisplay d{};
+    d.message = [](void*, const char* t) {
+      std::lock_guard<std::mutex> g(g_messagesLock);
+      g_messages.push_back(t);
+    };
+    WinuxRegisterStatusDisplay(&d);
+  }
+  ~MulticastJob() override { WinuxRegisterStatusDisplay(nullptr); }
+
+  std::string Log() const { return ftctest::PluginHost::LogText(root); }
+  bool Shown(const std::string& text) {
+    std::lock_guard<std::mutex> g(g_messagesLock);
+    for (const auto& m : g_messages)
+      if (m == text) return true;
+    return false;
+  }
+  std::vector<std::string> Events() const {
+    std::vector<std::string> out;
+    for (const SpoolRecord& r : ReadSpool(root.path(), ""))
+      if (r.kind == "event") out.push_back(r.code);
+    return out;
+  }
+
+  // good, damaged and missing .bin files and their list file, made by ftc-bundle.
+  void MakeBundle() {
+    for (const char* name : {"good.bin", "damaged.bin", "missing.bin"})
+      content[name] = e2e::RandomBytes(40000 + 1000 * content.size(), 7 + content.size());
+    for (const auto& [name, bytes] : content) bundle.Add(name, bytes);
+    std::string cmd = ftctest::BinDir() + "/ftc-bundle list " + bundle.dir() +
+                      " --dest '\\Flash File Store\\mc' --mask 'AB*' >/dev/null";
+    ASSERT_EQ(system(cmd.c_str()), 0);
+    list = ftctest::ReadHostFile(bundle.dir() + "/filelist.txt");
+    ASSERT_NE(list.find("missing.bin,\\Flash File Store\\mc\\missing.bin,AB*,"), std::string::npos)
+        << list;
+  }
+
+  uint32_t Submit(ftctest::PluginHost& host, uint16_t httpPort, int sessionPort, int timeout) {
+    host.BeginGroup("FileTransferConfiglet");
+    host.Group("HTTPServer", {{"IPAddress", "127.0.0.1"},
+                              {"HTTPPort", std::to_string(httpPort)},
+                              {"BaseURL", "http://127.0.0.1:" + std::to_string(httpPort)}});
+    host.Group("FileList", {{"Source", "filelist.txt"},
+                            {"Dest", "\\Flash File Store\\mc\\filelist.txt"},
+                            {"CRC", std::to_string(e2e::Crc(list))}});
+    host.Group("MulticastClient",
+               {{"Parameters", "-D \"\\Flash File Store\\mc\" -P " + std::to_string(sessionPort) +
+                                   " -M 127.0.0.1 -I 127.0.0.1 -T " + std::to_string(timeout)}});
+    host.SetField("BundleName", "MC");
+    host.SetField("Version", "2.0");
+    uint32_t rc = host.BeginGroup("Upgrade");
+    if (rc == 0) rc = host.EndGroup("Upgrade");
+    host.EndGroup("FileTransferConfiglet");
+    return rc;
+  }
+
+  bool WaitForLog(const std::string& text, std::chrono::seconds timeout) {
+    auto until = Clock::now() + timeout;
+    while (Clock::now() < until) {
+      if (Log().find(text) != std::string::npos) return true;
+      std::this_thread::sleep_for(std::chrono::milliseconds(10));
+    }
+    return false;
+  }
+
+  ftctest::DeviceRoot root;
+  e2e::Bundle bundle;  // what the upgrade server holds
+  e2e::Bundle sent;    // what the multicast sender holds
+  std::map<std::string, std::string> content;
+  std::string list;
+};
+
+TEST_F(MulticastJob, SessionDeliversAndHttpRepairsOnlyTheRest) {
+  MakeBundle();
+  // The session carries the list, one intact file and one damaged; the third is never sent.
+  std::string damaged = content["damaged.bin"];
+  damaged[damaged.size() / 2] ^= 0x5A;
+  sent.Add("good.bin", content["good.bin"]);
+  sent.Add("damaged.bin", damaged);
+  sent.Add("filelist.txt", list);
+
+  e2e::Server server(bundle.dir());
+  ftctest::PluginHost host;
+  int sessionPort = FreeUdpPort();
+  ASSERT_EQ(Submit(host, server.port(), sessionPort, 20), 0u);
+  ASSERT_TRUE(WaitForLog("StartMulticastClient - mc.Start", std::chrono::seconds(20)));
+
+  Child sender({"uftp", "-p", std::to_string(sessionPort), "-M", "127.0.0.1", "-I", "127.0.0.1",
+                "-H", "127.0.0.1", "-R", "100000", sent.dir() + "/filelist.txt",
+                sent.dir() + "/good.bin", sent.dir() + "/damaged.bin"});
+  EXPECT_EQ(sender.Wait(std::chrono::seconds(30)), 0);
+  ASSERT_TRUE(e2e::WaitForJobEnd(root, std::chrono::seconds(60)));
+
+  for (const auto& [name, bytes] : content)
+    EXPECT_EQ(root.ReadFile("\\Flash File Store\\mc\\" + name), bytes) << name;
+  std::string log = Log();
+  EXPECT_NE(log.find("LoadFileList - multicast list file crc match"), std::string::npos);
+  EXPECT_EQ(e2e::Count(log, "http fetching !filelist.txt!"), 0);
+  EXPECT_EQ(e2e::Count(log, "http fetching !good.bin!"), 0);
+  EXPECT_EQ(e2e::Count(log, "http fetching !damaged.bin!"), 1);
+  EXPECT_EQ(e2e::Count(log, "http fetching !missing.bin!"), 1);
+  EXPECT_NE(log.find("ValidateFiles - crc mismatch, \\Flash File Store\\mc\\damaged.bin"),
+            std::string::npos);
+  EXPECT_NE(log.find("ValidateFiles - crc error, no file, \\Flash File Store\\mc\\missing.bin"),
+            std::string::npos);
+  // The receiver's status datagrams reached the display through the status thread.
+  EXPECT_TRUE(Shown("Receiving good.bin"));
+  EXPECT_TRUE(Shown("Receiving damaged.bin"));
+  EXPECT_NE(log.find("MCStatusThread - recvfrom got error"), std::string::npos);
+  EXPECT_EQ(Events(), (std::vector<std::string>{"205181", "205182"}));
+}
+
+TEST_F(MulticastJob, NoSessionInTimeLeavesEverythingToHttp) {
+  MakeBundle();
+  e2e::Server server(bundle.dir());
+  ftctest::PluginHost host;
+  auto started = Clock::now();
+  ASSERT_EQ(Submit(host, server.port(), FreeUdpPort(), 1), 0u);
+  ASSERT_TRUE(e2e::WaitForJobEnd(root, std::chrono::seconds(60)));
+  EXPECT_LT(Clock::now() - started, std::chrono::seconds(15));
+
+  for (const auto& [name, bytes] : content)
+    EXPECT_EQ(root.ReadFile("\\Flash File Store\\mc\\" + name), bytes) << name;
+  std::string log = Log();
+  EXPECT_NE(log.find("LoadFileList - multicast crc error, no file"), std::string::npos);
+  for (const auto& entry : content)
+    EXPECT_EQ(e2e::Count(log, "http fetching !" + entry.first + "!"), 1) << entry.first;
+  EXPECT_EQ(Events(), (std::vector<std::string>{"205181", "205182"}));
+}
+
+TEST_F(MulticastJob, ProtocolVersionNamesTheReceiver) {
+  ftctest::PluginHost host;
+  std::string version;
+  uint32_t length = 0;
+  ASSERT_EQ(host.GetField("Protocol Version", &version, &length), 0u);
+  ASSERT_GT(version.size(), 6u);
+  EXPECT_EQ(version.rfind("uftpd ", 0), 0u) << version;
+  EXPECT_TRUE(isdigit(static_cast<unsigned char>(version[6]))) << version;
+  EXPECT_EQ(length, version.size());
+  EXPECT_NE(Log().find("MCFTP Version = " + version + "\r\n"), std::string::npos);
+}
+
+}  // namespace

@@ -1,0 +1,227 @@
+// The plug-in's side of multicast reception: status datagrams, the status socket and thread,
+// and the launch of the receiver.
+#include <arpa/inet.h>
+#include <gtest/gtest.h>
+#include <netinet/in.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <cstring>
+#include <mutex>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "config/UpgradeConfig.h"
+#include "engine/upgrade.h"
+#include "platform/display.h"
+#include "platform/winux.h"
+#include "support/device_root.h"
+#include "support/plugin_host.h"
+#include "transfer/multicast.h"
+
+namespace {
+
+std::string Datagram(int progress, uint32_t amount, const std::string& text) {
+  std::string d(12, '\0');
+  d[0] = 1;  // read, not used
+  d[2] = static_cast<char>(progress >> 8);
+  d[3] = static_cast<char>(progress);
+  d[4] = '\x7f';  // read, not used
+  d[8] = static_cast<char>(amount >> 24);
+  d[9] = static_cast<char>(amount >> 16);
+  d[10] = static_cast<char>(amount >> 8);
+  d[11] = static_cast<char>(amount);
+  return d + text;
+}
+
+TEST(MulticastStatus, DatagramsDecodeWithinTheirLength) {
+  const std::string full = Datagram(100, 0x01020304u, "Receiving a.bin");
+  const std::string longText(600, 'x');
+  struct Case {
+    const char* name;
+    std::string bytes;
+    int progress;
+    DWORD amount;
+    std::string text;
+  } cases[] = {
+      {"whole", full, 100, 0x01020304u, "Receiving a.bin"},
+      {"header only", full.substr(0, 12), 100, 0x01020304u, ""},
+      {"cut inside the amount", full.substr(0, 10), 100, 0x01020000u, ""},
+      {"cut inside the progress", full.substr(0, 3), 0, 0, ""},
+      {"one byte", full.substr(0, 1), 0, 0, ""},
+      {"empty", "", 0, 0, ""},
+      {"overlong text keeps 255", Datagram(42, 7, longText), 42, 7, std::string(255, 'x')},
+      {"large progress", Datagram(0xFFFF, 0, ""), 0xFFFF, 0, ""},
+  };
+  for (const Case& c : cases) {
+    // An exactly sized heap copy, so the sanitizer sees any read past the datagram.
+    std::vector<unsigned char> bytes(c.bytes.begin(), c.bytes.end());
+    unsigned char* data = bytes.empty() ? nullptr : bytes.data();
+    std::unique_ptr<unsigned char[]> exact;
+    if (!bytes.empty()) {
+      exact.reset(new unsigned char[bytes.size()]);
+      memcpy(exact.get(), bytes.data(), bytes.size());
+      data = exact.get();
+    }
+    MCStatus s;
+    memset(&s, 0xAB, sizeof s);
+    DecodeStatusDatagram(data, static_cast<int>(bytes.size()), &s);
+    EXPECT_EQ(s.progress, c.progress) << c.name;
+    EXPECT_EQ(s.amount, c.amount) << c.name;
+    EXPECT_EQ(std::string(s.text), c.text) << c.name;
+  }
+}
+
+// What the registered status display was asked to show.
+struct Shown {
+  std::mutex lock;
+  std::vector<std::string> events;  // "msg:TEXT", "p1:N", "p2:N"
+
+  void Add(const std::string& e) {
+    std::lock_guard<std::mutex> g(lock);
+    events.push_back(e);
+  }
+  std::vector<std::string> Take() {
+    std::lock_guard<std::mutex> g(lock);
+    std::vector<std::string> out;
+    out.swap(events);
+    return out;
+  }
+  size_t Count() {
+    std::lock_guard<std::mutex> g(lock);
+    return events.size();
+  }
+};
+
+class StatusThreadTest : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    WinuxStatusDisplay d{};
+    d.context = &shown;
+    d.message = [](void* c, const char* t) {
+      static_cast<Shown*>(c)->Add(std::string("msg:") + t);
+    };
+    d.progress1 = [](void* c, int p) { static_cast<Shown*>(c)->Add("p1:" + std::to_string(p)); };
+    d.progress2 = [](void* c, int p) { static_cast<Shown*>(c)->Add("p2:" + std::to_string(p)); };
+    WinuxRegisterStatusDisplay(&d);
+    SetTotalBytesToTransfer(200);
+    m_dwBytesTransfered = 0;
+  }
+  void TearDown() override { WinuxRegisterStatusDisplay(nullptr); }
+
+  // Sends one datagram to the status port and waits until the display has seen n events.
+  std::vector<std::string> Send(int port, const std::string& bytes, size_t n) {
+    int s = socket(AF_INET, SOCK_DGRAM, 0);
+    sockaddr_in to{};
+    to.sin_family = AF_INET;
+    to.sin_port = htons(static_cast<uint16_t>(port));
+    to.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    sendto(s, bytes.data(), bytes.size(), 0, reinterpret_cast<sockaddr*>(&to), sizeof to);
+    close(s);
+    auto until = std::chrono::steady_clock::now() + std::chrono::seconds(5);
+    while (shown.Count() < n && std::chrono::steady_clock::now() < until)
+      std::this_thread::sleep_for(std::chrono::milliseconds(2));
+    return shown.Take();
+  }
+
+  ftctest::DeviceRoot root;
+  Shown shown;
+};
+
+TEST_F(StatusThreadTest, DatagramsDriveTheProgressBars) {
+  int port = 0;
+  ASSERT_EQ(CreateStatusThreadSocket(&port), 1);
+  EXPECT_GE(port, 5655);
+  DWORD id = 0;
+  HANDLE thread = CreateThread(nullptr, 0, StatusThread, nullptr, 0, &id);
+  ASSERT_NE(thread, nullptr);
+  CloseHandle(thread);
+
+  using V = std::vector<std::string>;
+  // A new text resets the item bar before it is shown.
+  EXPECT_EQ(Send(port, Datagram(0, 0, "Receiving a.bin"), 3),
+            (V{"p1:0", "msg:Receiving a.bin", "p1:0"}));
+  // The same text again is not shown again; 99 adds nothing to the overall bar.
+  EXPECT_EQ(Send(port, Datagram(99, 50, "Receiving a.bin"), 1), (V{"p1:99"}));
+  EXPECT_EQ(Send(port, Datagram(100, 50, "Receiving a.bin"), 2), (V{"p1:100", "p2:25"}));
+  EXPECT_EQ(m_dwBytesTransfered.load(), 50u);
+  // A datagram too short for its fields reads as zeros and an empty text.
+  EXPECT_EQ(Send(port, std::string("\x01\x02\x00", 3), 3), (V{"p1:0", "msg:", "p1:0"}));
+  // An overlong text is shown cut to the buffer, and the bar still moves.
+  V v = Send(port, Datagram(100, 100, std::string(1500, 'y')), 4);
+  EXPECT_EQ(v, (V{"p1:0", "msg:" + std::string(255, 'y'), "p1:100", "p2:75"}));
+  EXPECT_EQ(m_dwBytesTransfered.load(), 150u);
+
+  CloseStatusThreadSocket();
+  // The thread leaves through its receive error once the socket is shut.
+  std::string log = ftctest::PluginHost::LogText(root);
+  EXPECT_NE(log.find("FileTransferConfiglet - MCStatusThread - recvfrom got error\r\n"),
+            std::string::npos);
+}
+
+// Holds a UDP port for the case's length.
+struct HeldPort {
+  explicit HeldPort(int port) {
+    fd = socket(AF_INET, SOCK_DGRAM, 0);
+    sockaddr_in a{};
+    a.sin_family = AF_INET;
+    a.sin_port = htons(static_cast<uint16_t>(port));
+    a.sin_addr.s_addr = htonl(INADDR_ANY);
+    bind(fd, reinterpret_cast<sockaddr*>(&a), sizeof a);  // taken already is as good
+  }
+  ~HeldPort() { close(fd); }
+  int fd;
+};
+
+TEST(MulticastLaunch, StatusPortMovesUpWhenTakenAndTheReceiverLearnsIt) {
+  ftctest::DeviceRoot root;
+  HeldPort held(5655);
+  UpgradeConfig cfg;
+  // An option the receiver refuses: Start returns at once.
+  cfg.SetMCProcessParms("-Q 1");
+  StartMulticastClient(&cfg);
+
+  std::string log = ftctest::PluginHost::LogText(root);
+  const std::string head =
+      "FileTransferConfiglet - StartMulticastClient - mc.Start, !-Q 1 -UA=127.0.0.1 -UP=";
+  size_t at = log.find(head);
+  ASSERT_NE(at, std::string::npos) << log;
+  int port = atoi(log.c_str() + at + head.size());
+  EXPECT_GT(port, 5655);
+  EXPECT_LT(port, 5700);
+  EXPECT_EQ(log.compare(at + head.size() + std::to_string(port).size(), 3, "!\r\n"), 0);
+  EXPECT_NE(log.find("FileTransferConfiglet - StartMulticastClient - Exiting\r\n", at),
+            std::string::npos);
+  // The status thread has ended and the port is free again.
+  HeldPort again(port);
+  sockaddr_in a{};
+  socklen_t len = sizeof a;
+  getsockname(again.fd, reinterpret_cast<sockaddr*>(&a), &len);
+  EXPECT_EQ(ntohs(a.sin_port), port);
+}
+
+TEST(MulticastLaunch, EmptyParametersStartNothing) {
+  ftctest::DeviceRoot root;
+  UpgradeConfig cfg;
+  StartMulticastClient(&cfg);
+  std::string log = ftctest::PluginHost::LogText(root);
+  EXPECT_EQ(log.find("mc.Start"), std::string::npos);
+  const std::string exiting = "FileTransferConfiglet - StartMulticastClient - Exiting\r\n";
+  ASSERT_GE(log.size(), exiting.size());
+  EXPECT_EQ(log.substr(log.size() - exiting.size()), exiting);
+}
+
+TEST(MulticastLaunch, ReceiverVersionNamesTheReceiver) {
+  ftctest::DeviceRoot root;
+  char text[64];
+  memset(text, 'z', sizeof text);
+  EXPECT_EQ(GetMClientVersion(text), 0);
+  std::string v(text);
+  EXPECT_EQ(v.rfind("uftpd ", 0), 0u) << v;
+  EXPECT_EQ(v.find("unknown"), std::string::npos) << v;
+  EXPECT_LT(v.size(), sizeof text);
+}
+
+}  // namespace

@@ -1,0 +1,186 @@
+// Pull-file requests through the loaded plug-in against a scripted HTTP peer, and the server
+// address taken from the registry.
+#include "transfer/pull_file.h"
+
+#include <gtest/gtest.h>
+
+#include <chrono>
+#include <cstring>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "platform/winux.h"
+#include "support/device_root.h"
+#include "support/plugin_host.h"
+#include "support/scripted_http_peer.h"
+#include "xq/spool.h"
+
+namespace {
+
+using ftctest::Reply;
+using Clock = std::chrono::steady_clock;
+
+const char kDest[] = "\\Flash File Store\\pulled\\app.bin";
+
+void SetServerIP(const wchar_t* value) {
+  HKEY key = nullptr;
+  ASSERT_EQ(RegCreateKeyEx(HKEY_LOCAL_MACHINE, L"SOFTWARE\\Tervalon\\XQueue", 0, nullptr, 0, 0,
+                           nullptr, &key, nullptr),
+            ERROR_SUCCESS);
+  RegSetValueEx(key, L"ServerIP", 0, REG_SZ, reinterpret_cast<const BYTE*>(value),
+                static_cast<DWORD>((wcslen(value) + 1) * sizeof(wchar_t)));
+  RegCloseKey(key);
+}
+
+std::string Narrow(const std::wstring& w) {
+  return std::string(w.begin(), w.end());
+}
+
+int Count(const std::string& text, const std::string& what) {
+  int n = 0;
+  for (size_t at = text.find(what); at != std::string::npos; at = text.find(what, at + 1)) ++n;
+  return n;
+}
+
+class PullFile : public ::testing::Test {
+ protected:
+  PullFile() {
+    root.WriteIdentity("hwcfg=AB12CD34\nuniqueid=PULL-DEVICE\n");
+    ftctest::PluginHost::ClearSendUps();
+  }
+
+  std::string Log() const { return ftctest::PluginHost::LogText(root); }
+  // "CODE TEXT" of each device event in the spool, in order.
+  std::vector<std::string> Events() const {
+    std::vector<std::string> out;
+    for (const SpoolRecord& r : ReadSpool(root.path(), ""))
+      if (r.kind == "event") out.push_back(r.code + " " + r.text);
+    return out;
+  }
+  // "STATE REASON" of each ready-to-work report sent up to the host, in order.
+  static std::vector<std::string> States() {
+    std::vector<std::string> out;
+    for (const ftctest::SendUpCall& c : ftctest::PluginHost::SendUps()) {
+      std::string state, reason;
+      if (xqspool::FieldText(c.message, "State", &state) &&
+          xqspool::FieldText(c.message, "Reason", &reason))
+        out.push_back(state + " " + reason);
+    }
+    return out;
+  }
+  bool WaitFor(const std::function<bool()>& done, std::chrono::seconds timeout) {
+    auto until = Clock::now() + timeout;
+    while (Clock::now() < until) {
+      if (done()) return true;
+      std::this_thread::sleep_for(std::chrono::milliseconds(10));
+    }
+    return false;
+  }
+  bool WaitForComplete() {
+    return WaitFor(
+        [&] {
+          auto s = States();
+          return !s.empty() && s.back() == "1 File Transfer Complete";
+        },
+        std::chrono::seconds(20));
+  }
+  uint32_t Pull(ftctest::PluginHost& host, const std::string& url) {
+    return host.Group("PullFile", {{"SrcUrl", url},
+                                   {"SrcFile", "pkg\\app.bin"},
+                                   {"DestFile", kDest},
+                                   {"FileID", "AppBundle"}});
+  }
+
+  ftctest::DeviceRoot root;
+};
+
+const std::string kBody = "pulled file body\n";
+const Reply kCompletionAck = Reply::Raw("HTTP/1.1 200 OK\r\nContent-Length: 0\r\n\r\n");
+
+TEST_F(PullFile, SucceedsAfterTwoFailedAttempts) {
+  ftctest::ScriptedHttpPeer peer({Reply::Raw("HTTP/1.1 404 Not Found\r\nContent-Length: 0\r\n\r\n"),
+                                  Reply::Raw("HTTP/1.1 503 Busy\r\nContent-Length: 0\r\n\r\n"),
+                                  Reply::Ok(kBody, ftctest::ReferenceCrc32(kBody)),
+                                  kCompletionAck});
+  ftctest::PluginHost host;
+  ASSERT_EQ(Pull(host, Narrow(peer.Url())), 0u);
+  ASSERT_TRUE(WaitForComplete()) << Log();
+
+  EXPECT_EQ(root.ReadFile(kDest), kBody);
+  std::string log = Log();
+  EXPECT_EQ(Count(log, "PullFilethread - retrying 1\r\n"), 2);
+  EXPECT_EQ(Count(log, "PullFilethread - retrying 2\r\n"), 0);
+  EXPECT_EQ(
+      Count(log, "PullFileThread - " + Narrow(peer.Url()) + ", pkg\\app.bin, " + kDest + "\r\n"),
+      3);
+  EXPECT_EQ(Count(log, "PullFilethread - FileXfer Complete\r\n"), 1);
+  const std::string dest = kDest;
+  EXPECT_EQ(Events(), (std::vector<std::string>{"205186 " + dest, "205185 " + dest}));
+  EXPECT_EQ(States(),
+            (std::vector<std::string>{"1 Transfering file - " + dest, "1 File Transfer Complete"}));
+  // Three fetches of the file, then the completion report on the same private client.
+  std::vector<std::string> requests = peer.Requests();
+  ASSERT_EQ(requests.size(), 4u);
+  for (int i = 0; i < 3; ++i) EXPECT_NE(requests[i].find("app.bin"), std::string::npos);
+  EXPECT_NE(requests[3].find("Bundle-transfer: COMPLETE"), std::string::npos) << requests[3];
+  EXPECT_NE(root.ReadFile("\\temp\\Quovera\\QVSubSystems\\QVBundles.xml").find("AppBundle"),
+            std::string::npos);
+}
+
+TEST_F(PullFile, GivesUpAfterTenAttemptsWithoutACompleteEvent) {
+  std::vector<Reply> failures(10,
+                              Reply::Raw("HTTP/1.1 404 Not Found\r\nContent-Length: 0\r\n\r\n"));
+  ftctest::ScriptedHttpPeer peer(failures);
+  ftctest::PluginHost host;
+  ASSERT_EQ(Pull(host, Narrow(peer.Url())), 0u);
+  ASSERT_TRUE(WaitFor([&] { return Count(Log(), "retrying 1") == 10; }, std::chrono::seconds(20)));
+  // The tenth pause is the thread's last act; give it time to have reported anything more.
+  std::this_thread::sleep_for(std::chrono::milliseconds(300));
+  EXPECT_EQ(Count(Log(), "retrying 1"), 10);
+  EXPECT_EQ(peer.Requests().size(), 10u);
+  const std::string dest = kDest;
+  EXPECT_EQ(Events(), (std::vector<std::string>{"205186 " + dest}));
+  EXPECT_EQ(States(), (std::vector<std::string>{"1 Transfering file - " + dest}));
+  EXPECT_FALSE(root.Exists(kDest));
+}
+
+TEST_F(PullFile, ServerAddressComesFromTheRegistry) {
+  ftctest::ScriptedHttpPeer peer(
+      {Reply::Ok(kBody, ftctest::ReferenceCrc32(kBody)), kCompletionAck});
+  std::wstring server = L"127.0.0.1:" + std::to_wstring(peer.Port());
+  SetServerIP(server.c_str());
+  ftctest::PluginHost host;
+  ASSERT_EQ(Pull(host, "http://%XQ_SERVERIP%:1"), 0u);
+  ASSERT_TRUE(WaitForComplete()) << Log();
+  EXPECT_EQ(root.ReadFile(kDest), kBody);
+  EXPECT_NE(Log().find("PullFileThread - http://" + Narrow(server) + ", pkg\\app.bin"),
+            std::string::npos);
+}
+
+TEST(PullFileServer, TokenIsReplacedByTheRegisteredAddress) {
+  const std::wstring tooLong(200, L'a');
+  struct Case {
+    const wchar_t* value;  // null: no registry value
+    const char* url;
+    const char* expected;
+  } cases[] = {
+      {nullptr, "http://%XQ_SERVERIP%:8000", "http://%XQ_SERVERIP%:8000"},
+      {L"10.1.2.3", "http://%XQ_SERVERIP%:8000", "http://10.1.2.3:8789"},
+      {L"10.1.2.3:9000", "http://%XQ_SERVERIP%", "http://10.1.2.3:9000"},
+      {L"http://10.1.2.3:9001/", "%XQ_SERVERIP%", "http://10.1.2.3:9001"},
+      {L"10.1.2.3", "http://192.0.2.1:8000", "http://192.0.2.1:8000"},
+      // Longer than the 64 characters read: not read, so the URL is left alone.
+      {tooLong.c_str(), "http://%XQ_SERVERIP%", "http://%XQ_SERVERIP%"},
+  };
+  for (const Case& c : cases) {
+    ftctest::DeviceRoot root;
+    if (c.value) SetServerIP(c.value);
+    char url[256];
+    snprintf(url, sizeof url, "%s", c.url);
+    SubstituteServerIP(url);
+    EXPECT_STREQ(url, c.expected) << c.url;
+  }
+}
+
+}  // namespace
