@@ -36,11 +36,12 @@ struct KeyPath {
   std::string subKey;
 };
 
-// "ROOT\a\b" -> root and "a\b". Leading and doubled separators are tolerated.
+// "ROOT\a\b" -> root and "a\b". Leading and trailing backslashes are tolerated; a slash is
+// part of a name, as in the registry itself.
 bool SplitKeyPath(const std::string& path, KeyPath* out) {
-  size_t begin = path.find_first_not_of("\\/");
+  size_t begin = path.find_first_not_of('\\');
   if (begin == std::string::npos) return false;
-  size_t sep = path.find_first_of("\\/", begin);
+  size_t sep = path.find('\\', begin);
   out->root = RootByName(path.substr(begin, sep == std::string::npos ? sep : sep - begin));
   if (!out->root) {
     SetLastError(ERROR_INVALID_PARAMETER);
@@ -48,29 +49,14 @@ bool SplitKeyPath(const std::string& path, KeyPath* out) {
   }
   out->subKey.clear();
   if (sep != std::string::npos) {
-    size_t sub = path.find_first_not_of("\\/", sep);
+    size_t sub = path.find_first_not_of('\\', sep);
     if (sub != std::string::npos) out->subKey = path.substr(sub);
   }
-  while (!out->subKey.empty() && (out->subKey.back() == '\\' || out->subKey.back() == '/'))
-    out->subKey.pop_back();
+  while (!out->subKey.empty() && out->subKey.back() == '\\') out->subKey.pop_back();
   return true;
 }
 
-// Opens (creating when missing) the key holding the value a full value path names.
-HKEY CreateKeyOf(const char* valuePath, std::string* valueName) {
-  if (!valuePath) {
-    SetLastError(ERROR_INVALID_PARAMETER);
-    return nullptr;
-  }
-  std::string path(valuePath);
-  size_t last = path.find_last_of("\\/");
-  if (last == std::string::npos || last + 1 >= path.size()) {
-    SetLastError(ERROR_INVALID_PARAMETER);
-    return nullptr;
-  }
-  *valueName = path.substr(last + 1);
-  KeyPath key;
-  if (!SplitKeyPath(path.substr(0, last), &key)) return nullptr;
+HKEY CreateKeyAt(const KeyPath& key) {
   HKEY handle = nullptr;
   DWORD disposition = 0;
   LSTATUS rc =
@@ -81,6 +67,24 @@ HKEY CreateKeyOf(const char* valuePath, std::string* valueName) {
     return nullptr;
   }
   return handle;
+}
+
+// Opens (creating when missing) the key holding the value a full value path names.
+HKEY CreateKeyOf(const char* valuePath, std::string* valueName) {
+  if (!valuePath) {
+    SetLastError(ERROR_INVALID_PARAMETER);
+    return nullptr;
+  }
+  std::string path(valuePath);
+  size_t last = path.rfind('\\');
+  if (last == std::string::npos || last + 1 >= path.size()) {
+    SetLastError(ERROR_INVALID_PARAMETER);
+    return nullptr;
+  }
+  *valueName = path.substr(last + 1);
+  KeyPath key;
+  if (!SplitKeyPath(path.substr(0, last), &key)) return nullptr;
+  return CreateKeyAt(key);
 }
 
 int SetValue(const char* valuePath, DWORD type, const BYTE* data, DWORD size) {
@@ -101,15 +105,8 @@ int SetValue(const char* valuePath, DWORD type, const BYTE* data, DWORD size) {
 int Registry::CreateKey(const char* keyPath) {
   KeyPath key;
   if (!keyPath || !SplitKeyPath(keyPath, &key)) return 0;
-  HKEY handle = nullptr;
-  DWORD disposition = 0;
-  LSTATUS rc =
-      RegCreateKeyEx(key.root, Widen(key.subKey).c_str(), 0, nullptr, REG_OPTION_NON_VOLATILE,
-                     KEY_ALL_ACCESS, nullptr, &handle, &disposition);
-  if (rc != static_cast<LSTATUS>(ERROR_SUCCESS)) {
-    SetLastError(static_cast<DWORD>(rc));
-    return 0;
-  }
+  HKEY handle = CreateKeyAt(key);
+  if (!handle) return 0;
   RegCloseKey(handle);
   return 1;
 }
