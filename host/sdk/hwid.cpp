@@ -102,7 +102,9 @@ DWORD TVLHWID::GetUniqueID(char* buffer, DWORD* length) {
 }
 
 DWORD TVLHWID::Reboot(DWORD argument) {
-  std::string dir = WinuxRoot() + "/.winux";
+  std::string root = WinuxRoot();
+  std::string dir = root + "/.winux";
+  mkdir(root.c_str(), 0777);
   if (mkdir(dir.c_str(), 0777) != 0 && errno != EEXIST) {
     WinuxSetLastErrorFromErrno(errno);
     return ERROR_PATH_NOT_FOUND;
