@@ -2,7 +2,7 @@
 # Side-by-side benchmarks on loopback: the plug-in's HTTP client and CRC-32 against curl and zlib,
 # ftc-server against nginx. Usage: bench/run.sh BUILD_DIR
 # Sizes come from the environment: BENCH_BIG_MB (1024), BENCH_SMALL_FILES (2000),
-# BENCH_WRK_SECONDS (5), BENCH_ROUNDS (2); BENCH_DIR keeps the data somewhere chosen
+# BENCH_WRK_SECONDS (5), BENCH_ROUNDS (2); BENCH_PARTS picks parts (abcd); BENCH_DIR keeps the data somewhere chosen
 # (default: a fresh folder under /tmp, removed at the end unless BENCH_KEEP=1).
 set -euo pipefail
 
@@ -12,6 +12,7 @@ BIG_MB=${BENCH_BIG_MB:-1024}
 SMALL=${BENCH_SMALL_FILES:-2000}
 SECS=${BENCH_WRK_SECONDS:-5}
 ROUNDS=${BENCH_ROUNDS:-2}
+PARTS=${BENCH_PARTS:-abcd}
 WORK=${BENCH_DIR:-$(mktemp -d /tmp/ftc-bench.XXXXXX)}
 mkdir -p "$WORK"
 chmod 755 "$WORK"  # nginx workers may run as another user
@@ -71,6 +72,7 @@ mkdir -p "$WORK/curl-small/small"
 curl -s -I "$URL/big.bin" "$URL/eighth.bin" "$URL/w4k.bin" "$URL/w1m.bin" >/dev/null
 sed '/^output/d' "$WORK/curl-small.cfg" | curl -s -I -K - >/dev/null
 
+if [[ $PARTS == *a* ]]; then
 echo
 echo "== (a) one ${BIG_MB} MiB file: CHTTPClient::Get with its CRC check vs curl -o"
 best_ftc=0 best_curl=0 rss=0
@@ -97,6 +99,9 @@ ratio_a=$(calc "$best_ftc / $best_curl")
 echo "CHTTPClient::Get + CRC: $best_ftc MB/s   curl -o: $best_curl MB/s   ratio $ratio_a (target >= 0.9: $(verdict "$ratio_a" 0.9))"
 echo "client max RSS: $rss KiB for ${BIG_MB} MiB, $small_rss KiB for $((BIG_MB / 8)) MiB (curl: $curl_rss KiB)"
 
+fi
+
+if [[ $PARTS == *b* ]]; then
 echo
 echo "== (b) FileCRC32 vs zlib crc32() on the cached ${BIG_MB} MiB file"
 out=$(WINUX_ROOT=$DATA "$BIN/bench_crc" '\big.bin' "$DATA/big.bin" 3)
@@ -106,6 +111,9 @@ crc_zlib=$(echo "$out" | grep '^zlib' | field mbps)
 ratio_b=$(calc "$crc_ftc / $crc_zlib")
 echo "FileCRC32: $crc_ftc MB/s   zlib: $crc_zlib MB/s   ratio $ratio_b (target >= 1.5: $(verdict "$ratio_b" 1.5))"
 
+fi
+
+if [[ $PARTS == *c* ]]; then
 echo
 echo "== (c) $SMALL small files over one connection vs curl keep-alive"
 best_ftc=1e9 best_curl=1e9
@@ -125,6 +133,9 @@ diff -rq "$WORK/curl-small/small" "$DATA/small" >/dev/null || { echo "bench: cur
 ratio_c=$(calc "$best_curl / $best_ftc")
 echo "CHTTPClient: $(calc "$SMALL / $best_ftc") files/s   curl: $(calc "$SMALL / $best_curl") files/s   ratio $ratio_c"
 
+fi
+
+[[ $PARTS == *d* ]] || exit 0
 echo
 echo "== (d) ftc-server vs nginx (same folder, wrk ${SECS}s per run)"
 NG=$WORK/nginx

@@ -36,6 +36,9 @@ constexpr size_t kMaxBufferedInput = 256 << 10;
 // Regular-file attribute reported to devices (archive); 0x1 is added for read-only files.
 constexpr unsigned kAttrArchive = 0x20;
 
+// Few accepts per wake-up: the other workers, woken by the same readiness, take the rest.
+constexpr int kAcceptBatch = 4;
+
 char gListenTag;
 char gStopTag;
 
@@ -237,7 +240,7 @@ class Worker {
   enum class Flushed { kDone, kBlocked, kError };
 
   void Accept() {
-    for (int i = 0; i < 64; ++i) {
+    for (int i = 0; i < kAcceptBatch; ++i) {
       sockaddr_storage ss{};
       socklen_t len = sizeof ss;
       int fd = accept4(m_server.listenFd(), reinterpret_cast<sockaddr*>(&ss), &len,
