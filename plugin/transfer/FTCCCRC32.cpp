@@ -118,19 +118,16 @@ FTC_CLMUL inline __m128i fold(__m128i x, __m128i k, __m128i next) {
   return _mm_xor_si128(_mm_xor_si128(hi, lo), next);
 }
 
-// REQUIRES: n >= 64 and a multiple of 16.
-FTC_CLMUL DWORD FoldClmul(DWORD crc, const uint8_t* p, size_t n) {
-  alignas(16) static const uint64_t k1k2[2] = {0x0154442bd4ull, 0x01c6e41596ull};
-  alignas(16) static const uint64_t k3k4[2] = {0x01751997d0ull, 0x00ccaa009eull};
-  alignas(16) static const uint64_t k5k0[2] = {0x0163cd6124ull, 0};
-  alignas(16) static const uint64_t poly[2] = {0x01db710641ull, 0x01f7011641ull};
+alignas(16) const uint64_t k1k2[2] = {0x0154442bd4ull, 0x01c6e41596ull};  // 64-byte distance
+alignas(16) const uint64_t k3k4[2] = {0x01751997d0ull, 0x00ccaa009eull};  // 16-byte distance
+alignas(16) const uint64_t k5k0[2] = {0x0163cd6124ull, 0};
+alignas(16) const uint64_t poly[2] = {0x01db710641ull, 0x01f7011641ull};
 
-  __m128i x1 = load(p), x2 = load(p + 16), x3 = load(p + 32), x4 = load(p + 48);
-  x1 = _mm_xor_si128(x1, _mm_cvtsi32_si128(static_cast<int>(crc)));
+// Four lanes holding the register state of 64 consecutive bytes, folded over the rest (n a
+// multiple of 16) and reduced to the 32-bit register.
+FTC_CLMUL DWORD FoldLanes(__m128i x1, __m128i x2, __m128i x3, __m128i x4, const uint8_t* p,
+                          size_t n) {
   __m128i k = _mm_load_si128(reinterpret_cast<const __m128i*>(k1k2));
-  p += 64;
-  n -= 64;
-
   while (n >= 64) {
     x1 = fold(x1, k, load(p));
     x2 = fold(x2, k, load(p + 16));
@@ -167,6 +164,63 @@ FTC_CLMUL DWORD FoldClmul(DWORD crc, const uint8_t* p, size_t n) {
   return static_cast<DWORD>(_mm_extract_epi32(x1, 1));
 }
 
+// REQUIRES: n >= 64 and a multiple of 16.
+FTC_CLMUL DWORD FoldClmul(DWORD crc, const uint8_t* p, size_t n) {
+  __m128i x1 = _mm_xor_si128(load(p), _mm_cvtsi32_si128(static_cast<int>(crc)));
+  return FoldLanes(x1, load(p + 16), load(p + 32), load(p + 48), p + 64, n - 64);
+}
+
+// The same folding on 512-bit registers: four of them cover 256 bytes per step, then they are
+// folded into one whose four lanes continue on the 128-bit path.
+#define FTC_VCLMUL __attribute__((target("avx512f,vpclmulqdq,pclmul,sse4.1")))
+
+FTC_VCLMUL inline __m512i load512(const uint8_t* q) {
+  return _mm512_loadu_si512(q);
+}
+
+FTC_VCLMUL inline __m512i fold512(__m512i x, __m512i k, __m512i next) {
+  __m512i lo = _mm512_clmulepi64_epi128(x, k, 0x00);
+  __m512i hi = _mm512_clmulepi64_epi128(x, k, 0x11);
+  return _mm512_ternarylogic_epi64(lo, hi, next, 0x96);  // three-way XOR
+}
+
+// The same pair of constants in every 128-bit lane.
+FTC_VCLMUL inline __m512i Broadcast(long long lo, long long hi) {
+  return _mm512_set_epi64(hi, lo, hi, lo, hi, lo, hi, lo);
+}
+
+// REQUIRES: n >= 256 and a multiple of 16.
+FTC_VCLMUL DWORD FoldVclmul(DWORD crc, const uint8_t* p, size_t n) {
+  __m512i a0 = load512(p), a1 = load512(p + 64), a2 = load512(p + 128), a3 = load512(p + 192);
+  a0 = _mm512_xor_si512(a0, _mm512_set_epi64(0, 0, 0, 0, 0, 0, 0, static_cast<long long>(crc)));
+  // 256-byte distance.
+  __m512i k = Broadcast(0x011542778all, 0x01322d1430ll);
+  p += 256;
+  n -= 256;
+  while (n >= 256) {
+    a0 = fold512(a0, k, load512(p));
+    a1 = fold512(a1, k, load512(p + 64));
+    a2 = fold512(a2, k, load512(p + 128));
+    a3 = fold512(a3, k, load512(p + 192));
+    p += 256;
+    n -= 256;
+  }
+  k = Broadcast(static_cast<long long>(k1k2[0]), static_cast<long long>(k1k2[1]));
+  a1 = fold512(a0, k, a1);
+  a2 = fold512(a1, k, a2);
+  a3 = fold512(a2, k, a3);
+  alignas(64) uint8_t lanes[64];
+  _mm512_store_si512(lanes, a3);
+  return FoldLanes(load(lanes), load(lanes + 16), load(lanes + 32), load(lanes + 48), p, n);
+}
+
+bool HaveVclmul() {
+  static const bool have = __builtin_cpu_supports("avx512f") &&
+                           __builtin_cpu_supports("vpclmulqdq") &&
+                           __builtin_cpu_supports("pclmul") && __builtin_cpu_supports("sse4.1");
+  return have;
+}
+
 bool HaveClmul() {
   static const bool have = __builtin_cpu_supports("pclmul") && __builtin_cpu_supports("sse4.1");
   return have;
@@ -178,7 +232,12 @@ bool HaveClmul() {
 DWORD FTCCCRC32::Update(DWORD crc, const void* data, size_t length) {
   const uint8_t* p = static_cast<const uint8_t*>(data);
 #ifdef FTC_CRC_CLMUL
-  if (length >= 64 && HaveClmul()) {
+  if (length >= 256 && HaveVclmul()) {
+    size_t folded = length & ~size_t(15);
+    crc = FoldVclmul(crc, p, folded);
+    p += folded;
+    length -= folded;
+  } else if (length >= 64 && HaveClmul()) {
     size_t folded = length & ~size_t(15);
     crc = FoldClmul(crc, p, folded);
     p += folded;

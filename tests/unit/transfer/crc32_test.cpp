@@ -38,7 +38,8 @@ TEST(Crc32, FastPathsMatchTheTable) {
     return ~r;
   };
   for (size_t at = 0; at < 17; ++at)
-    for (size_t len : {0, 1, 15, 16, 17, 63, 64, 65, 79, 80, 127, 128, 129, 255, 1000, 4097})
+    for (size_t len : {0,   1,   15,  16,  17,  63,  64,  65,  79,  80,   127,
+                       128, 129, 255, 256, 257, 271, 511, 512, 527, 1000, 4097})
       ASSERT_EQ(crc.CalcBufferCRC(data.data() + at, DWORD(len)), bytewise(at, len))
           << "offset " << at << " length " << len;
   EXPECT_EQ(crc.CalcBufferCRC(data.data(), DWORD(data.size())), ftctest::ReferenceCrc32(data));
