@@ -25,5 +25,7 @@ int RegistryCommand(const Options& opt);
 int IdentityCommand(const Options& opt);
 int LogCommand(const Options& opt);
 int EventsCommand(const Options& opt);
+// Pulls one file through the plug-in's PullFile group (host/cli/pull_command.cpp).
+int PullCommand(const Options& opt);
 
 }  // namespace ftchost

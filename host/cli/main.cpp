@@ -23,6 +23,8 @@ void Usage(FILE* out) {
           "       ftc-host identity [--root DIR]\n"
           "       ftc-host log [--root DIR]\n"
           "       ftc-host events [--queue Q] [--follow] [--root DIR]\n"
+          "       ftc-host pull --url URL --file NAME --dest PATH --bundle NAME [--root DIR]\n"
+          "                     [--time-scale X]\n"
           "KEY is a full key path such as HKEY_LOCAL_MACHINE\\SOFTWARE\\Tervalon\\XQueue.\n"
           "The device root defaults to $XDG_STATE_HOME/ftc/device (~/.local/state/ftc/device).\n");
 }
@@ -65,6 +67,10 @@ int main(int argc, char** argv) {
       opt.follow = true;
     } else if (a == "--dword") {
       opt.dword = true;
+    } else if (a == "--url" || a == "--file" || a == "--dest" || a == "--bundle") {
+      // pull's own options: handed on in order for PullCommand to read.
+      opt.args.push_back(a);
+      if (i + 1 < argc) opt.args.push_back(argv[++i]);
     } else if (a == "-h" || a == "--help") {
       Usage(stdout);
       return 0;
@@ -101,5 +107,6 @@ int main(int argc, char** argv) {
   if (cmd == "identity") return ftchost::IdentityCommand(opt);
   if (cmd == "log") return ftchost::LogCommand(opt);
   if (cmd == "events") return ftchost::EventsCommand(opt);
+  if (cmd == "pull") return ftchost::PullCommand(opt);
   return Bad("unknown command " + cmd);
 }

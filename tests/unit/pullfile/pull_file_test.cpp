@@ -3,6 +3,7 @@
 #include "transfer/pull_file.h"
 
 #include <gtest/gtest.h>
+#include <sys/wait.h>
 
 #include <chrono>
 #include <cstring>
@@ -180,6 +181,41 @@ TEST(PullFileServer, TokenIsReplacedByTheRegisteredAddress) {
     snprintf(url, sizeof url, "%s", c.url);
     SubstituteServerIP(url);
     EXPECT_STREQ(url, c.expected) << c.url;
+  }
+}
+
+// ftc-host pull drives the same request from the command line and says how it ended.
+TEST(PullCommand, ReportsTheOutcomeInItsExitCode) {
+  ftctest::ScriptedHttpPeer peer(
+      {Reply::Ok(kBody, ftctest::ReferenceCrc32(kBody)), kCompletionAck});
+  struct Case {
+    std::string url;
+    const char* bundle;
+    int exitCode;
+    const char* said;
+  } cases[] = {
+      {Narrow(peer.Url()), "AppBundle", 0, "pulled 17 bytes"},
+      {"http://127.0.0.1:1", "AppBundle", 1, "pull failed: 10 attempts"},
+      {Narrow(peer.Url()), "", 2, "--bundle is required"},
+  };
+  for (const Case& c : cases) {
+    ftctest::DeviceRoot root;
+    std::string cmd = ftctest::BinDir() + "/ftc-host pull --url '" + c.url +
+                      "' --file 'pkg\\app.bin' --dest '" + kDest + "' --root " + root.path() +
+                      " --time-scale 0.001" +
+                      (c.bundle[0] ? " --bundle " + std::string(c.bundle) : "") + " 2>&1";
+    FILE* p = popen(cmd.c_str(), "r");
+    ASSERT_NE(p, nullptr);
+    std::string out;
+    char buf[512];
+    while (size_t n = fread(buf, 1, sizeof buf, p)) out.append(buf, n);
+    int status = pclose(p);
+    EXPECT_EQ(WEXITSTATUS(status), c.exitCode) << out;
+    EXPECT_NE(out.find(c.said), std::string::npos) << out;
+    EXPECT_EQ(root.Exists(kDest), c.exitCode == 0) << c.url;
+    if (c.exitCode == 0) {
+      EXPECT_NE(out.find(std::string("event 205185: ") + kDest), std::string::npos) << out;
+    }
   }
 }
 

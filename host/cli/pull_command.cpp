@@ -1,0 +1,183 @@
+// `ftc-host pull`: asks the plug-in to pull one file from an HTTP server, as the management
+// server does, and follows the request's thread to its end.
+#include <dirent.h>
+
+#include <chrono>
+#include <cstdio>
+#include <cstdlib>
+#include <fstream>
+#include <map>
+#include <mutex>
+#include <set>
+#include <sstream>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "commands.h"
+#include "plugin_session.h"
+#include "winux/winux_host.h"
+#include "xq/spool.h"
+
+namespace ftchost {
+
+namespace {
+
+using Clock = std::chrono::steady_clock;
+
+// The plug-in's request record holds each text in 256 bytes.
+constexpr size_t kMaxText = 255;
+constexpr int kAttempts = 10;
+const char kLogFile[] = "/tmp/FileXfer.txt";
+
+int Threads() {
+  int n = 0;
+  if (DIR* d = opendir("/proc/self/task")) {
+    while (dirent* e = readdir(d))
+      if (e->d_name[0] != '.') ++n;
+    closedir(d);
+  }
+  return n;
+}
+
+std::string ReadFrom(const std::string& path, std::streamoff offset) {
+  std::ifstream in(path, std::ios::binary);
+  if (!in) return "";
+  in.seekg(0, std::ios::end);
+  if (in.tellg() < offset) offset = 0;
+  in.seekg(offset);
+  std::ostringstream s;
+  s << in.rdbuf();
+  return s.str();
+}
+
+std::streamoff SizeOf(const std::string& path) {
+  std::ifstream in(path, std::ios::binary | std::ios::ate);
+  return in ? static_cast<std::streamoff>(in.tellg()) : 0;
+}
+
+int Count(const std::string& text, const std::string& what) {
+  int n = 0;
+  for (size_t at = text.find(what); at != std::string::npos; at = text.find(what, at + 1)) ++n;
+  return n;
+}
+
+int PullUsage(const std::string& message) {
+  fprintf(stderr,
+          "ftc-host: %s\n"
+          "usage: ftc-host pull --url URL --file NAME --dest PATH --bundle NAME [--root DIR]\n"
+          "                     [--time-scale X] [--plugin PATH]\n",
+          message.c_str());
+  return kExitUsage;
+}
+
+}  // namespace
+
+int PullCommand(const Options& opt) {
+  std::map<std::string, std::string> named;
+  const std::vector<std::string> keys = {"--url", "--file", "--dest", "--bundle"};
+  for (size_t i = 0; i < opt.args.size(); ++i) {
+    const std::string& a = opt.args[i];
+    bool known = false;
+    for (const std::string& k : keys) known = known || a == k;
+    if (!known) return PullUsage("pull: unexpected '" + a + "'");
+    if (i + 1 >= opt.args.size()) return PullUsage("pull: " + a + " needs a value");
+    named[a] = opt.args[++i];
+  }
+  for (const std::string& k : keys) {
+    if (named[k].empty()) return PullUsage("pull: " + k + " is required");
+    // A longer text would be cut by the device, and the wrong file fetched or written.
+    if (named[k].size() > kMaxText)
+      return PullUsage("pull: " + k + " is longer than " + std::to_string(kMaxText) + " bytes");
+  }
+  const std::string& dest = named["--dest"];
+
+  std::mutex printLock;
+  auto print = [&printLock](const std::string& line) {
+    std::lock_guard<std::mutex> g(printLock);
+    printf("%s\n", line.c_str());
+    fflush(stdout);
+  };
+  PluginSession plugin;
+  std::string error;
+  std::string path = opt.plugin.empty() ? DefaultPluginPath() : opt.plugin;
+  bool loaded = plugin.Load(
+      path,
+      [&print](const std::string& m) {
+        SpoolRecord r;
+        r.message = m;
+        xqspool::DecodeMessage(&r);
+        if (r.kind == "state") print("status: " + r.text);
+      },
+      &error);
+  if (!loaded) {
+    fprintf(stderr, "ftc-host: %s\n", error.c_str());
+    return kExitFailed;
+  }
+
+  std::set<std::string> seen;
+  ReadSpoolNew(opt.root, "", &seen);
+  const std::string log = WinuxMapPath(kLogFile);
+  std::streamoff logStart = SizeOf(log);
+  int threadsBefore = Threads();
+  auto started = Clock::now();
+
+  const std::pair<const char*, std::string> fields[] = {{"SrcUrl", named["--url"]},
+                                                        {"SrcFile", named["--file"]},
+                                                        {"DestFile", dest},
+                                                        {"FileID", named["--bundle"]}};
+  print("pulling " + named["--url"] + "\\" + named["--file"] + " to " + dest);
+  uint32_t rc = plugin.BeginGroup("PullFile");
+  for (const auto& f : fields)
+    if (rc == 0) rc = plugin.SetField(f.first, f.second);
+  if (rc == 0) rc = plugin.EndGroup("PullFile");
+  if (rc != 0) {
+    fprintf(stderr, "ftc-host: the plug-in refused the request: 0x%08X %s\n", rc,
+            ResultMeaning(rc));
+    return kExitFailed;
+  }
+
+  // Each attempt may wait out the client's 20 s time-out and a scaled 3 s pause.
+  const double scale = WinuxTimeScale();
+  const auto limit =
+      std::chrono::milliseconds(static_cast<int64_t>(kAttempts * (20000 + 3000 * scale) + 10000));
+  bool complete = false, gaveUp = false;
+  while (!complete && !gaveUp && Clock::now() - started < limit) {
+    for (const SpoolRecord& r : ReadSpoolNew(opt.root, "", &seen)) {
+      if (r.kind != "event") continue;
+      print("event " + r.code + ": " + r.text);
+      if (r.code == "205185" && r.text == dest) complete = true;
+    }
+    // A request that used up its attempts says nothing more.
+    if (!complete && Count(ReadFrom(log, logStart), "PullFilethread - retrying") >= kAttempts)
+      gaveUp = true;
+    if (!complete && !gaveUp) std::this_thread::sleep_for(std::chrono::milliseconds(20));
+  }
+  // The thread's last acts are scaled pauses; let it finish before the plug-in is unloaded.
+  auto until = Clock::now() + std::chrono::milliseconds(static_cast<int64_t>(4000 * scale) + 2000);
+  while (Threads() > threadsBefore && Clock::now() < until)
+    std::this_thread::sleep_for(std::chrono::milliseconds(20));
+
+  double seconds = std::chrono::duration<double>(Clock::now() - started).count();
+  std::string text = ReadFrom(log, logStart);
+  int retries = Count(text, "PullFilethread - retrying");
+  char summary[160];
+  if (complete) {
+    std::ifstream in(WinuxMapPath(dest), std::ios::binary | std::ios::ate);
+    long long bytes = in ? static_cast<long long>(in.tellg()) : -1;
+    snprintf(summary, sizeof summary, "pulled %lld bytes in %.1f s after %d failed attempt%s",
+             bytes, seconds, retries, retries == 1 ? "" : "s");
+    print(summary);
+    return kExitOk;
+  }
+  if (gaveUp)
+    snprintf(summary, sizeof summary, "pull failed: %d attempts, none succeeded (see ftc-host log)",
+             retries);
+  else
+    snprintf(summary, sizeof summary, "pull did not finish within %.0f s (%d failed attempts)",
+             seconds, retries);
+  print(summary);
+  return kExitFailed;
+}
+
+}  // namespace ftchost
