@@ -377,7 +377,11 @@ class Worker {
     if (t.path.empty()) return Respond(c, 404, r.target, false);
     int err = 0;
     int fd = OpenBeneath(t.path, &err);
-    if (fd < 0) return Respond(c, err == EXDEV || err == ELOOP ? 403 : 404, r.target, false);
+    if (fd < 0) {
+      bool outside = err == EXDEV || err == ELOOP || err == EACCES;
+      bool exhausted = err == EMFILE || err == ENFILE || err == ENOMEM;
+      return Respond(c, outside ? 403 : exhausted ? 503 : 404, r.target, false);
+    }
     struct stat st {};
     if (fstat(fd, &st) != 0 || !S_ISREG(st.st_mode)) {
       close(fd);
