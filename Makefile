@@ -3,7 +3,7 @@ BUILD ?= build
 TEST_BUILD ?= build-test
 JOBS ?= $(shell nproc)
 
-.PHONY: all build test demo bench format clean deps
+.PHONY: all build test demo demo-multicast bench format clean deps
 
 all: build
 
@@ -22,6 +22,10 @@ test:
 
 demo: build
 	@scripts/demo.sh $(BUILD)
+
+demo-multicast: build
+	@scripts/bootstrap.sh multicast
+	@scripts/demo_multicast.sh $(BUILD)
 
 bench:
 	@scripts/bootstrap.sh bench

@@ -1,6 +1,6 @@
 #!/usr/bin/env bash
 # Installs the Debian packages a target needs, only those that are missing.
-# Usage: scripts/bootstrap.sh [build|test|bench]...   (build is always included)
+# Usage: scripts/bootstrap.sh [build|test|bench|multicast]...   (build is always included)
 set -euo pipefail
 
 pkgs=(cmake ninja-build g++ make pkg-config libpugixml-dev curl)
@@ -8,6 +8,7 @@ for set in "$@"; do
   case "$set" in
     build) ;;
     test) pkgs+=(libgtest-dev libgmock-dev uftp iproute2) ;;
+    multicast) pkgs+=(uftp iproute2) ;;
     bench) pkgs+=(libbenchmark-dev zlib1g-dev nginx-light wrk uftp) ;;
     *) echo "bootstrap: unknown set '$set'" >&2; exit 2 ;;
   esac
