@@ -161,3 +161,70 @@ TEST(Configlet, ProvisioningStateGoesUpThroughTheHostCallback) {
 }
 
 }  // namespace
+
+namespace {
+
+// Any order of groups and fields, balanced or not, with any values: only the two protocol
+// answers come back and the sanitizers see no fault or leak.
+TEST(Configlet, ArbitrarySequencesAreSafe) {
+  ftctest::DeviceRoot root;
+  PluginHost host;
+  // Upgrade, PullFile and Provisioning start real work; they have their own tests.
+  const char* const groups[] = {
+      "FileTransferConfiglet",
+      "Syslog",
+      "MultiCast",
+      "MulticastClient",
+      "HTTPServer",
+      "Download",
+      "Store",
+      "DiskCleanup",
+      "File",
+      "FileList",
+      "StartProcess",
+      "StopProcess",
+      "Registry",
+      "PreProcessing",
+      "PostProcessing",
+      "Set",
+      "DeleteKey",
+      "Save",
+      "Copy",
+      "CopyDir",
+      "Executable",
+      "Bogus",
+      "",
+  };
+  const char* const fields[] = {
+      "Address",    "P",       "Reboot",   "BaseURL",       "Version", "Proc",
+      "Parameters", "Wait",    "ShowGUI",  "Action",        "Name",    "Source",
+      "Dest",       "CRC",     "MCTMask",  "RequiredSpace", "Root",    "Key",
+      "ValueName",  "Value",   "ErrorMsg", "SrcUrl",        "KeyName", "CmdLine",
+      "SourceDir",  "DestDir", "Type",     "Bogus",
+  };
+  const std::string values[] = {"", "false", "Save", "Delete", "TRUE", std::string(3000, 'v')};
+  uint32_t seed = 12345;
+  auto next = [&seed](uint32_t n) {
+    seed = seed * 1103515245u + 12345u;
+    return (seed >> 16) % n;
+  };
+  const uint32_t nGroups = sizeof(groups) / sizeof(groups[0]);
+  const uint32_t nFields = sizeof(fields) / sizeof(fields[0]);
+  for (int i = 0; i < 3000; ++i) {
+    uint32_t result = 0;
+    switch (next(3)) {
+      case 0:
+        result = host.BeginGroup(groups[next(nGroups)], next(4) == 0 ? 1 : 0);
+        break;
+      case 1:
+        result = host.SetField(fields[next(nFields)], values[next(6)]);
+        break;
+      default:
+        result = host.EndGroup(groups[next(nGroups)]);
+        break;
+    }
+    ASSERT_TRUE(result == 0 || result == ICFG_E_UNKNOWN) << i << ": " << std::hex << result;
+  }
+}
+
+}  // namespace
