@@ -20,6 +20,12 @@ const char kSettings[] = R"(<?xml version="1.0"?>
   <BaseUrl>http://file-server:8081</BaseUrl>
   <Syslog Address="127.0.0.1" Port="5514"/>
   <FlashWriter Name="\Windows\flashwr.exe" CmdLine="-q" Wait="False"/>
+  <FlashFileDir>\Flash File Store\os</FlashFileDir>
+  <FilePacketXferSize>4096</FilePacketXferSize>
+  <InfFile>\Storage\os\image.inf</InfFile>
+  <BeginText>Starting</BeginText>
+  <EndText>Done</EndText>
+  <DownloadLoopCnt>4</DownloadLoopCnt>
   <Reboot>FALSE</Reboot>
   <ShowGUI>true</ShowGUI>
   <Version></Version>
@@ -74,6 +80,13 @@ TEST_F(SettingsFile, FillsTheJobWithWhatMatchesThisDevice) {
   EXPECT_EQ(cfg.GetProcessWait(), 1);  // only "false" in exact case clears it
   EXPECT_EQ(cfg.GetReboot(), 0);       // any case
   EXPECT_EQ(cfg.GetShowGUI(), 1);
+  EXPECT_STREQ(cfg.GetFlashFileDir(), "\\Flash File Store\\os");
+  EXPECT_EQ(cfg.GetPacketSize(), 4096);
+  EXPECT_STREQ(cfg.GetInfFilePath(), "\\Storage\\os\\image.inf");
+  EXPECT_STREQ(cfg.GetInfFileName(), "image.inf");
+  EXPECT_STREQ(cfg.GetUpgBeginMsg(), "Starting");
+  EXPECT_STREQ(cfg.GetUpgEndMsg(), "Done");
+  EXPECT_EQ(cfg.GetDownloadLoopCnt(), 4);
   ASSERT_NE(cfg.GetPreProcessing(), nullptr);
   EXPECT_EQ(cfg.GetPostProcessing(), nullptr);
   EXPECT_EQ(Texts(cfg.GetStopProcessList()), (std::vector<std::string>{"app.exe", "svc.exe"}));
