@@ -88,24 +88,4 @@ TEST(SocketIO, WaitsAreBoundedByTheirTimeouts) {
   EXPECT_LT(ElapsedMs(start), 1500);  // the peer would talk for 2 s
 }
 
-TEST(SocketIO, Addresses) {
-  CSocketIO s;
-  char text[16] = {};
-  ASSERT_NE(s.IPToString(0xC0000205u, text), nullptr);
-  EXPECT_STREQ(text, "192.0.2.5");
-
-  struct Case {
-    const wchar_t* host;
-    DWORD address;
-  } cases[] = {
-      {L"192.0.2.5", inet_addr("192.0.2.5")},
-      {L"127.0.0.1", htonl(INADDR_LOOPBACK)},
-      {L"", 0},
-      {nullptr, 0},
-      {L"upgrade-server.invalid", 0},  // names are not looked up
-      {L"255.255.255.255", 0},
-  };
-  for (const auto& c : cases) EXPECT_EQ(s.GetHostIpAddress(c.host), c.address);
-}
-
 }  // namespace
