@@ -243,3 +243,26 @@ TEST(InProgressEvent, ExistsByNameUntilDeleted) {
 }
 
 }  // namespace
+
+namespace {
+
+TEST(StorageCard, ValidOnlyWhenAPackageAsksForSpaceThatIsFree) {
+  ftctest::DeviceRoot root;
+  UpgradeConfig cfg;
+  m_pUpgCfg = &cfg;
+  auto ask = [&](const char* parms) {
+    FirmwarePackage* p = new FirmwarePackage();
+    p->setAdditionalParms(parms);
+    cfg.AddFirmwarePkg(p);
+  };
+  char sdmmc[] = "\\SDMMC Disk", sd[] = "\\SD Card";
+  ask("DiskSize=\\SDMMC Disk:1000");
+  EXPECT_EQ(IsSDCardValid(sdmmc), 0);  // no card at all
+  root.WriteFile("\\SDMMC Disk\\SubFolder\\x", "");
+  EXPECT_EQ(IsSDCardValid(sdmmc), 1);
+  EXPECT_EQ(IsSDCardValid(sd), 0);  // nobody asked for that card
+  EXPECT_EQ(IsSpaceAvailableOnSDCard(0xFFFFFFFFFFFFFFFFull), 0);
+  m_pUpgCfg = nullptr;
+}
+
+}  // namespace
