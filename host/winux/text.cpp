@@ -119,35 +119,35 @@ namespace {
 constexpr size_t kWsprintfLimit = 1024;  // characters, terminator included
 constexpr int kMaxField = 1100;          // anything wider is cut by the limit anyway
 
-struct Spec {
+struct Directive {
   std::wstring flags;
   int width = -1;
   int precision = -1;
   std::string length;
 };
 
-void Pad(std::wstring& out, const std::wstring& body, const Spec& spec) {
-  bool left = spec.flags.find(L'-') != std::wstring::npos;
-  size_t width = spec.width > 0 ? static_cast<size_t>(spec.width) : 0;
+void Pad(std::wstring& out, const std::wstring& body, const Directive& directive) {
+  bool left = directive.flags.find(L'-') != std::wstring::npos;
+  size_t width = directive.width > 0 ? static_cast<size_t>(directive.width) : 0;
   size_t fill = body.size() < width ? width - body.size() : 0;
   if (!left) out.append(fill, L' ');
   out += body;
   if (left) out.append(fill, L' ');
 }
 
-std::wstring NumberFormat(const Spec& spec, const char* length, wchar_t conv) {
-  std::wstring f = L"%" + spec.flags;
-  if (spec.width >= 0) f += std::to_wstring(spec.width);
-  if (spec.precision >= 0) f += L"." + std::to_wstring(spec.precision);
+std::wstring NumberFormat(const Directive& directive, const char* length, wchar_t conv) {
+  std::wstring f = L"%" + directive.flags;
+  if (directive.width >= 0) f += std::to_wstring(directive.width);
+  if (directive.precision >= 0) f += L"." + std::to_wstring(directive.precision);
   for (const char* p = length; *p; ++p) f += static_cast<wchar_t>(*p);
   f += conv;
   return f;
 }
 
 template <typename T>
-void AppendNumber(std::wstring& out, const Spec& spec, const char* length, wchar_t conv, T value) {
+void AppendNumber(std::wstring& out, const Directive& directive, const char* length, wchar_t conv, T value) {
   wchar_t buffer[kMaxField * 2 + 64];
-  std::wstring f = NumberFormat(spec, length, conv);
+  std::wstring f = NumberFormat(directive, length, conv);
   int n = swprintf(buffer, sizeof buffer / sizeof buffer[0], f.c_str(), value);
   if (n > 0) out.append(buffer, static_cast<size_t>(n));
 }
@@ -170,53 +170,53 @@ std::wstring Format(const wchar_t* format, va_list args) {
       out += L'%';
       continue;
     }
-    Spec spec;
-    while (*p && wcschr(L"-+ #0", *p)) spec.flags += *p++;
+    Directive directive;
+    while (*p && wcschr(L"-+ #0", *p)) directive.flags += *p++;
     if (*p == L'*') {
-      spec.width = va_arg(args, int);
-      if (spec.width < 0) {
-        spec.flags += L'-';
-        spec.width = -spec.width;
+      directive.width = va_arg(args, int);
+      if (directive.width < 0) {
+        directive.flags += L'-';
+        directive.width = -directive.width;
       }
       ++p;
     } else {
       while (*p >= L'0' && *p <= L'9') {
         int digit = *p++ - L'0';
-        spec.width = spec.width < 0 ? digit : std::min(spec.width * 10 + digit, kMaxField + 1);
+        directive.width = directive.width < 0 ? digit : std::min(directive.width * 10 + digit, kMaxField + 1);
       }
     }
     if (*p == L'.') {
       ++p;
-      spec.precision = 0;
+      directive.precision = 0;
       if (*p == L'*') {
-        spec.precision = va_arg(args, int);
+        directive.precision = va_arg(args, int);
         ++p;
       } else {
         while (*p >= L'0' && *p <= L'9') {
           int digit = *p++ - L'0';
-          spec.precision = std::min(spec.precision * 10 + digit, kMaxField + 1);
+          directive.precision = std::min(directive.precision * 10 + digit, kMaxField + 1);
         }
       }
     }
-    if (spec.width > kMaxField) spec.width = kMaxField;
-    if (spec.precision > kMaxField) spec.precision = kMaxField;
+    if (directive.width > kMaxField) directive.width = kMaxField;
+    if (directive.precision > kMaxField) directive.precision = kMaxField;
     if (p[0] == L'I' && p[1] == L'6' && p[2] == L'4') {
-      spec.length = "ll";
+      directive.length = "ll";
       p += 3;
     } else {
-      while (*p && wcschr(L"hlLwzjt", *p)) spec.length += static_cast<char>(*p++);
+      while (*p && wcschr(L"hlLwzjt", *p)) directive.length += static_cast<char>(*p++);
     }
     const wchar_t conv = *p;
-    const bool wide64 = spec.length == "ll" || spec.length == "j" || spec.length == "z" ||
-                        spec.length == "t" || spec.length == "L";
+    const bool wide64 = directive.length == "ll" || directive.length == "j" || directive.length == "z" ||
+                        directive.length == "t" || directive.length == "L";
     switch (conv) {
       case L'd':
       case L'i': {
         // The device's long is 32-bit: %ld reads a 32-bit value, not a 64-bit one.
         long long v = wide64 ? va_arg(args, long long) : va_arg(args, int);
-        if (spec.length == "h") v = static_cast<short>(v);
-        if (spec.length == "hh") v = static_cast<signed char>(v);
-        AppendNumber(out, spec, "ll", conv, v);
+        if (directive.length == "h") v = static_cast<short>(v);
+        if (directive.length == "hh") v = static_cast<signed char>(v);
+        AppendNumber(out, directive, "ll", conv, v);
         break;
       }
       case L'u':
@@ -224,9 +224,9 @@ std::wstring Format(const wchar_t* format, va_list args) {
       case L'X':
       case L'o': {
         unsigned long long v = wide64 ? va_arg(args, unsigned long long) : va_arg(args, unsigned);
-        if (spec.length == "h") v = static_cast<unsigned short>(v);
-        if (spec.length == "hh") v = static_cast<unsigned char>(v);
-        AppendNumber(out, spec, "ll", conv, v);
+        if (directive.length == "h") v = static_cast<unsigned short>(v);
+        if (directive.length == "hh") v = static_cast<unsigned char>(v);
+        AppendNumber(out, directive, "ll", conv, v);
         break;
       }
       case L'f':
@@ -237,36 +237,36 @@ std::wstring Format(const wchar_t* format, va_list args) {
       case L'G':
       case L'a':
       case L'A':
-        if (spec.length == "L")
-          AppendNumber(out, spec, "L", conv, va_arg(args, long double));
+        if (directive.length == "L")
+          AppendNumber(out, directive, "L", conv, va_arg(args, long double));
         else
-          AppendNumber(out, spec, "", conv, va_arg(args, double));
+          AppendNumber(out, directive, "", conv, va_arg(args, double));
         break;
       case L'p':
-        AppendNumber(out, spec, "", conv, va_arg(args, void*));
+        AppendNumber(out, directive, "", conv, va_arg(args, void*));
         break;
       case L'c':
       case L'C': {
         int v = va_arg(args, int);
-        wchar_t ch = IsWideString(conv, spec.length)
+        wchar_t ch = IsWideString(conv, directive.length)
                          ? static_cast<wchar_t>(v)
                          : static_cast<wchar_t>(static_cast<unsigned char>(v));
-        Pad(out, std::wstring(1, ch), spec);
+        Pad(out, std::wstring(1, ch), directive);
         break;
       }
       case L's':
       case L'S': {
         std::wstring text;
-        if (IsWideString(conv, spec.length)) {
+        if (IsWideString(conv, directive.length)) {
           const wchar_t* w = va_arg(args, const wchar_t*);
           text = w ? w : L"(null)";
         } else {
           const char* n = va_arg(args, const char*);
           text = n ? FromUtf8(n) : L"(null)";
         }
-        if (spec.precision >= 0 && text.size() > static_cast<size_t>(spec.precision))
-          text.resize(static_cast<size_t>(spec.precision));
-        Pad(out, text, spec);
+        if (directive.precision >= 0 && text.size() > static_cast<size_t>(directive.precision))
+          text.resize(static_cast<size_t>(directive.precision));
+        Pad(out, text, directive);
         break;
       }
       case L'n':
