@@ -95,7 +95,7 @@ struct Shown {
   }
 };
 
-class StatusThreadTest : public ::testing::Test {
+class MulticastStatusThread : public ::testing::Test {
  protected:
   void SetUp() override {
     WinuxStatusDisplay d{};
@@ -130,7 +130,7 @@ class StatusThreadTest : public ::testing::Test {
   Shown shown;
 };
 
-TEST_F(StatusThreadTest, DatagramsDriveTheProgressBars) {
+TEST_F(MulticastStatusThread, DatagramsDriveTheProgressBars) {
   int port = 0;
   ASSERT_EQ(CreateStatusThreadSocket(&port), 1);
   EXPECT_GE(port, 5655);
