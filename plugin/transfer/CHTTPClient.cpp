@@ -194,7 +194,7 @@ int CHTTPClient::EnsureXferBuffer() {
     m_dwXferCapacity = m_pXferBuffer ? want : 0;
     if (!m_pXferBuffer) return 0;
   }
-  std::memset(m_pXferBuffer, 0, m_dwXferCapacity);
+  std::memset(m_pXferBuffer, 0, m_dwXferBufferSize);  // the part a response head may use
   return 1;
 }
 
