@@ -20,63 +20,12 @@
 
 #include "e2e/e2e_support.h"
 #include "platform/display.h"
+#include "udp_helpers.h"
 #include "xq/spool.h"
-
-extern char** environ;
 
 namespace {
 
 using Clock = std::chrono::steady_clock;
-
-// A program run in the background, stopped at the end of the case if it is still running.
-class Child {
- public:
-  explicit Child(const std::vector<std::string>& args) {
-    std::vector<char*> argv;
-    for (const auto& a : args) argv.push_back(const_cast<char*>(a.c_str()));
-    argv.push_back(nullptr);
-    posix_spawn_file_actions_t fa;
-    posix_spawn_file_actions_init(&fa);
-    posix_spawn_file_actions_addopen(&fa, 1, "/dev/null", O_WRONLY, 0);
-    posix_spawn_file_actions_addopen(&fa, 2, "/dev/null", O_WRONLY, 0);
-    if (posix_spawnp(&m_pid, argv[0], &fa, nullptr, argv.data(), environ) != 0) m_pid = -1;
-    posix_spawn_file_actions_destroy(&fa);
-  }
-  ~Child() {
-    if (m_pid > 0) {
-      kill(m_pid, SIGKILL);
-      waitpid(m_pid, nullptr, 0);
-    }
-  }
-  // The exit status, or -1 when it has not ended in time.
-  int Wait(std::chrono::milliseconds timeout) {
-    auto until = Clock::now() + timeout;
-    while (m_pid > 0 && Clock::now() < until) {
-      int status = 0;
-      if (waitpid(m_pid, &status, WNOHANG) == m_pid) {
-        m_pid = -1;
-        return WIFEXITED(status) ? WEXITSTATUS(status) : 128;
-      }
-      std::this_thread::sleep_for(std::chrono::milliseconds(10));
-    }
-    return -1;
-  }
-
- private:
-  pid_t m_pid = -1;
-};
-
-int FreeUdpPort() {
-  int s = socket(AF_INET, SOCK_DGRAM, 0);
-  sockaddr_in a{};
-  a.sin_family = AF_INET;
-  a.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-  bind(s, reinterpret_cast<sockaddr*>(&a), sizeof a);
-  socklen_t len = sizeof a;
-  getsockname(s, reinterpret_cast<sockaddr*>(&a), &len);
-  close(s);
-  return ntohs(a.sin_port);
-}
 
 std::vector<std::string> g_messages;
 std::mutex g_messagesLock;
@@ -167,13 +116,13 @@ TEST_F(MulticastJob, SessionDeliversAndHttpRepairsOnlyTheRest) {
 
   e2e::Server server(bundle.dir());
   ftctest::PluginHost host;
-  int sessionPort = FreeUdpPort();
+  int sessionPort = mctest::FreeUdpPort();
   ASSERT_EQ(Submit(host, server.port(), sessionPort, 20), 0u);
   ASSERT_TRUE(WaitForLog("StartMulticastClient - mc.Start", std::chrono::seconds(20)));
 
-  Child sender({"uftp", "-p", std::to_string(sessionPort), "-M", "127.0.0.1", "-I", "127.0.0.1",
-                "-H", "127.0.0.1", "-R", "100000", sent.dir() + "/filelist.txt",
-                sent.dir() + "/good.bin", sent.dir() + "/damaged.bin"});
+  mctest::Child sender(mctest::SenderArgs(
+      sessionPort,
+      {sent.dir() + "/filelist.txt", sent.dir() + "/good.bin", sent.dir() + "/damaged.bin"}));
   EXPECT_EQ(sender.Wait(std::chrono::seconds(30)), 0);
   ASSERT_TRUE(e2e::WaitForJobEnd(root, std::chrono::seconds(60)));
 
@@ -201,7 +150,7 @@ TEST_F(MulticastJob, NoSessionInTimeLeavesEverythingToHttp) {
   e2e::Server server(bundle.dir());
   ftctest::PluginHost host;
   auto started = Clock::now();
-  ASSERT_EQ(Submit(host, server.port(), FreeUdpPort(), 1), 0u);
+  ASSERT_EQ(Submit(host, server.port(), mctest::FreeUdpPort(), 1), 0u);
   ASSERT_TRUE(e2e::WaitForJobEnd(root, std::chrono::seconds(60)));
   EXPECT_LT(Clock::now() - started, std::chrono::seconds(15));
 
