@@ -110,14 +110,24 @@ bool ScriptedHttpPeer::ReadRequest(int fd, std::string& pending) {
 }
 
 void ScriptedHttpPeer::Send(int fd, const Reply& reply) {
+  // Every wait also watches the stop pipe, so a case never hangs on a client that stopped reading.
+  auto wait = [&](short events, int timeoutMs) {
+    pollfd p[2] = {{fd, events, 0}, {m_wake[0], POLLIN, 0}};
+    int rc;
+    do {
+      rc = poll(p, 2, timeoutMs);
+    } while (rc < 0 && errno == EINTR);
+    return rc >= 0 && !(p[1].revents & POLLIN);
+  };
   size_t step = reply.chunk ? reply.chunk : reply.bytes.size();
   for (size_t at = 0; at < reply.bytes.size(); at += step) {
-    if (at && reply.delayMs) std::this_thread::sleep_for(std::chrono::milliseconds(reply.delayMs));
+    if (at && reply.delayMs && (!wait(0, reply.delayMs))) return;
     size_t len = std::min(step, reply.bytes.size() - at);
     size_t done = 0;
     while (done < len) {
-      ssize_t n = send(fd, reply.bytes.data() + at + done, len - done, MSG_NOSIGNAL);
-      if (n < 0 && errno == EINTR) continue;
+      if (!wait(POLLOUT, -1)) return;
+      ssize_t n = send(fd, reply.bytes.data() + at + done, len - done, MSG_NOSIGNAL | MSG_DONTWAIT);
+      if (n < 0 && (errno == EINTR || errno == EAGAIN)) continue;
       if (n <= 0) return;
       done += size_t(n);
     }
