@@ -48,11 +48,16 @@ TEST(SocketIO, ConnectFailuresCloseTheSocketAndAreLogged) {
   CSocketIO none;
   EXPECT_EQ(none.Connect(htonl(INADDR_LOOPBACK), 80, 100), 0);  // no socket yet
 
-  uint16_t closedPort;
-  {
-    ftctest::ScriptedHttpPeer gone({});
-    closedPort = gone.Port();
-  }
+  // A port bound but not listening refuses connections, and stays ours for the whole case.
+  int holder = socket(AF_INET, SOCK_STREAM, 0);
+  sockaddr_in addr{};
+  addr.sin_family = AF_INET;
+  addr.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+  socklen_t len = sizeof addr;
+  ASSERT_EQ(bind(holder, reinterpret_cast<sockaddr*>(&addr), sizeof addr), 0);
+  ASSERT_EQ(getsockname(holder, reinterpret_cast<sockaddr*>(&addr), &len), 0);
+  uint16_t closedPort = ntohs(addr.sin_port);
+
   CSocketIO s;
   EXPECT_FALSE(ConnectTo(s, closedPort));
   EXPECT_EQ(s.IsConnected(), 0);
@@ -60,6 +65,7 @@ TEST(SocketIO, ConnectFailuresCloseTheSocketAndAreLogged) {
   EXPECT_NE(log.find("FileTransferConfiglet - CSocketIO::Connect - Error !111%\r\n"),
             std::string::npos)
       << log;
+  close(holder);
 }
 
 TEST(SocketIO, WaitsAreBoundedByTheirTimeouts) {
