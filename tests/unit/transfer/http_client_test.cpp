@@ -299,6 +299,43 @@ TEST_F(HttpClient, HostileResponsesStayBounded) {
   EXPECT_TRUE(File() == a);
 }
 
+// Mangled responses (cut, bytes flipped, numbers replaced) end in a result, never an overrun.
+TEST_F(HttpClient, MangledResponsesNeverOverrun) {
+  std::mt19937 rng(11);
+  std::string body = Body(20000, 8);
+  std::string good = Reply::Ok(body, ReferenceCrc32(body),
+                               "Content-timestamp: 01-02-2024 03:04:05\r\n"
+                               "Content-Attributes: 0\r\n")
+                         .bytes;
+  const char* numbers[] = {"0", "1", "4294967295", "4294967296", "-1", "", "99999999999999999999"};
+  client.SetTimeout(50);
+  for (int round = 0; round < 40; ++round) {
+    std::string bytes = good;
+    switch (round % 4) {
+      case 0:  // cut anywhere
+        bytes.resize(rng() % bytes.size());
+        break;
+      case 1:  // a few bytes of the head flipped
+        for (int i = 0; i < 4; ++i) bytes[rng() % 160] = char(rng());
+        break;
+      case 2: {  // the length replaced
+        size_t at = bytes.find("Content-Length: ") + 16;
+        bytes.replace(at, bytes.find('\r', at) - at, numbers[rng() % 7]);
+        break;
+      }
+      case 3:  // head lines without carriage returns
+        for (size_t at = 0; (at = bytes.find("\r\n", at)) != std::string::npos && at < 140;)
+          bytes.erase(at, 1);
+        break;
+    }
+    Reply r = Reply::Raw(bytes, true);
+    r.chunk = 1 + rng() % 9000;
+    ftctest::ScriptedHttpPeer peer({r});
+    int result = Fetch(peer.Url(L"/a.bin"));
+    EXPECT_TRUE(result == 0 || result == 1) << round;
+  }
+}
+
 TEST_F(HttpClient, CompletionReportHasNoPathAndAnOptionalError) {
   struct Case {
     const char* error;
