@@ -2,7 +2,7 @@
 # Side-by-side benchmarks on loopback: the plug-in's HTTP client and CRC-32 against curl and zlib,
 # ftc-server against nginx. Usage: bench/run.sh BUILD_DIR
 # Sizes come from the environment: BENCH_BIG_MB (1024), BENCH_SMALL_FILES (2000),
-# BENCH_WRK_SECONDS (5), BENCH_ROUNDS (2); BENCH_PARTS picks parts (abcd); BENCH_DIR keeps the data somewhere chosen
+# BENCH_WRK_SECONDS (5), BENCH_ROUNDS (3); BENCH_PARTS picks parts (abcd); BENCH_DIR keeps the data somewhere chosen
 # (default: a fresh folder under /tmp, removed at the end unless BENCH_KEEP=1).
 set -euo pipefail
 
@@ -11,7 +11,7 @@ BIN=$BUILD/bin
 BIG_MB=${BENCH_BIG_MB:-1024}
 SMALL=${BENCH_SMALL_FILES:-2000}
 SECS=${BENCH_WRK_SECONDS:-5}
-ROUNDS=${BENCH_ROUNDS:-2}
+ROUNDS=${BENCH_ROUNDS:-3}
 PARTS=${BENCH_PARTS:-abcd}
 WORK=${BENCH_DIR:-$(mktemp -d /tmp/ftc-bench.XXXXXX)}
 mkdir -p "$WORK"

@@ -47,8 +47,10 @@ ServerProcess::ServerProcess(const std::string& root, const std::vector<std::str
   }
   close(out[0]);
   const std::string prefix = "listening on 127.0.0.1:";
-  if (line.compare(0, prefix.size(), prefix) != 0)
+  if (line.compare(0, prefix.size(), prefix) != 0) {
+    Stop();
     throw std::runtime_error("ftc-server did not start: " + line);
+  }
   m_port = static_cast<uint16_t>(std::atoi(line.c_str() + prefix.size()));
 }
 

@@ -1,6 +1,7 @@
 // The real ftc-server, driven the way devices and plain HTTP clients drive it.
 #include <fcntl.h>
 #include <gtest/gtest.h>
+#include <sys/resource.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -8,6 +9,7 @@
 #include <atomic>
 #include <cstring>
 #include <filesystem>
+#include <memory>
 #include <thread>
 
 #include "common/crc32.h"
@@ -212,6 +214,27 @@ TEST_F(ServerTest, ConcurrentClients) {
   }
   for (auto& t : clients) t.join();
   EXPECT_EQ(good.load(), 50 * 8);
+}
+
+TEST_F(ServerTest, ThousandsOfOpenConnectionsAndIdleOnesClosed) {
+  const size_t kConnections = 2000;
+  rlimit rl{};
+  getrlimit(RLIMIT_NOFILE, &rl);
+  if (rl.rlim_max < kConnections + 100) GTEST_SKIP() << "descriptor limit too low";
+  rl.rlim_cur = rl.rlim_max;
+  setrlimit(RLIMIT_NOFILE, &rl);
+  Put("a.txt", "hello");
+  ServerProcess server(bundle, {"--idle-timeout", "2"});
+  std::vector<std::unique_ptr<Connection>> idle;
+  for (size_t i = 0; i < kConnections; ++i)
+    idle.push_back(std::make_unique<Connection>(server.port()));
+  // Every one of them is served, the first as well as the last.
+  EXPECT_EQ(idle.front()->Get("/a.txt").body, "hello");
+  EXPECT_EQ(idle.back()->Get("/a.txt").body, "hello");
+  // Connections left idle are closed, so they cannot pile up for ever.
+  bool closed = false;
+  for (int i = 0; i < 5 && !closed; ++i) closed = idle[kConnections / 2]->ClosedByPeer();
+  EXPECT_TRUE(closed);
 }
 
 TEST_F(ServerTest, CompletionReportsAreRecordedBeforeTheAnswer) {
