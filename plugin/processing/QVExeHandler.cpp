@@ -1,5 +1,6 @@
 #include "processing/QVExeHandler.h"
 
+#include <cstdio>
 #include <cstring>
 
 #include "log/LogMsg.h"
@@ -60,12 +61,12 @@ void CQVExeHandler::FixUpImageUpdateEntries() {
   for (CQVExeEntry* entry : m_Entries) {
     if (!entry) continue;
     char upper[kPathChars] = {};
-    strncpy(upper, entry->GetFile(), sizeof upper - 1);
+    snprintf(upper, sizeof upper, "%s", entry->GetFile());
     for (char* c = upper; *c; ++c)
       if (*c >= 'a' && *c <= 'z') *c = static_cast<char>(*c - 'a' + 'A');
     if (!strstr(upper, "UPDATEBIN.EXE")) continue;
     char cmdLine[kCmdLineSize] = {};
-    strncpy(cmdLine, entry->GetCmdLine(), sizeof cmdLine - 1);
+    snprintf(cmdLine, sizeof cmdLine, "%s", entry->GetCmdLine());
     FixUpForImageUpdate(cmdLine, sizeof cmdLine);
     entry->SetCmdLine(cmdLine);
   }
