@@ -3,6 +3,7 @@
 #include <arpa/inet.h>
 #include <netinet/in.h>
 #include <signal.h>
+#include <sys/prctl.h>
 #include <sys/socket.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -28,6 +29,9 @@ Server::Server(const std::string& dir, uint16_t port) {
   std::string portText = std::to_string(port);
   m_pid = fork();
   if (m_pid == 0) {
+    // A test that dies before its destructor runs must not leave a server behind.
+    prctl(PR_SET_PDEATHSIG, SIGTERM);
+    if (getppid() == 1) _exit(0);
     dup2(out[1], 1);
     close(out[0]);
     close(out[1]);
