@@ -2,6 +2,7 @@
 
 #include <strings.h>
 
+#include <algorithm>
 #include <fstream>
 #include <pugixml.hpp>
 #include <sstream>
@@ -48,7 +49,20 @@ class Walker {
   }
 
  private:
-  int Line(const pugi::xml_node& node) { return PositionOf(m_text, node.offset_debug()).line; }
+  // Line starts are found once: scanning from the top for every element made a job file of many
+  // thousand fields take quadratic time.
+  int Line(const pugi::xml_node& node) {
+    if (m_lineStarts.empty()) {
+      m_lineStarts.push_back(0);
+      for (size_t i = 0; i < m_text.size(); ++i)
+        if (m_text[i] == '\n') m_lineStarts.push_back(i + 1);
+    }
+    ptrdiff_t offset = node.offset_debug();
+    if (offset < 0) return 1;
+    return static_cast<int>(std::upper_bound(m_lineStarts.begin(), m_lineStarts.end(),
+                                             static_cast<size_t>(offset)) -
+                            m_lineStarts.begin());
+  }
 
   bool Group(const pugi::xml_node& node, std::string* error, bool inDownload = false) {
     pugi::xml_attribute name = node.attribute("Name");
@@ -95,6 +109,7 @@ class Walker {
   const std::string& m_text;
   JobFile* m_job;
   JobFile::File* m_file = nullptr;
+  std::vector<size_t> m_lineStarts;
 };
 
 }  // namespace
