@@ -59,9 +59,9 @@ class Walker {
     }
     ptrdiff_t offset = node.offset_debug();
     if (offset < 0) return 1;
-    return static_cast<int>(std::upper_bound(m_lineStarts.begin(), m_lineStarts.end(),
-                                             static_cast<size_t>(offset)) -
-                            m_lineStarts.begin());
+    return static_cast<int>(
+        std::upper_bound(m_lineStarts.begin(), m_lineStarts.end(), static_cast<size_t>(offset)) -
+        m_lineStarts.begin());
   }
 
   bool Group(const pugi::xml_node& node, std::string* error, bool inDownload = false) {
