@@ -94,9 +94,10 @@ void OnSignal(int sig) {
   if (sig == SIGALRM) {
     const char note[] = "fuzz driver: input ran past its time-out\n";
     (void)!write(2, note, sizeof note - 1);
+    sig = SIGABRT;
   }
-  signal(sig == SIGALRM ? SIGABRT : sig, SIG_DFL);
-  raise(sig == SIGALRM ? SIGABRT : sig);
+  signal(sig, SIG_DFL);
+  raise(sig);
 }
 
 bool ReadFile(const std::string& path, Bytes& out) {
@@ -318,8 +319,25 @@ Options ParseArguments(int argc, char** argv) {
 int main(int argc, char** argv) {
   Options o = ParseArguments(argc, argv);
   std::snprintf(g_artifactPrefix, sizeof g_artifactPrefix, "%s", o.artifactPrefix.c_str());
-  if (__sanitizer_set_death_callback) __sanitizer_set_death_callback(OnDeath);
-  for (int sig : {SIGABRT, SIGILL, SIGFPE, SIGBUS, SIGSEGV, SIGALRM}) signal(sig, OnSignal);
+  // A sanitizer reports memory faults itself and then calls back; the signals it leaves alone
+  // (abort, trap, time-out) come here. The handler has a stack of its own, so that a stack
+  // overflow still gets its input saved.
+  static char altStack[1 << 16];
+  stack_t ss{};
+  ss.ss_sp = altStack;
+  ss.ss_size = sizeof altStack;
+  sigaltstack(&ss, nullptr);
+  std::vector<int> signals = {SIGABRT, SIGILL, SIGALRM};
+  if (__sanitizer_set_death_callback)
+    __sanitizer_set_death_callback(OnDeath);
+  else
+    signals.insert(signals.end(), {SIGFPE, SIGBUS, SIGSEGV});
+  for (int sig : signals) {
+    struct sigaction sa {};
+    sa.sa_handler = OnSignal;
+    sa.sa_flags = SA_ONSTACK | SA_RESETHAND;
+    sigaction(sig, &sa, nullptr);
+  }
   if (LLVMFuzzerInitialize) LLVMFuzzerInitialize(&argc, &argv);
 
   bool onlyFiles = !o.inputs.empty();
