@@ -33,6 +33,9 @@ bool Is(const pugi::xml_node& n, const char* name) {
   return strcasecmp(n.name(), name) == 0;
 }
 
+// Far beyond any real job (the plug-in's groups nest a few levels).
+const int kMaxDepth = 1000;
+
 class Walker {
  public:
   Walker(const std::string& text, JobFile* job) : m_text(text), m_job(job) {}
@@ -82,7 +85,11 @@ class Walker {
     for (pugi::xml_node child : node.children()) {
       if (child.type() != pugi::node_element) continue;
       if (Is(child, "Group")) {
-        if (!Group(child, error, download)) return false;
+        // Each level is a stack frame: a hostile file could nest deep enough to overflow it.
+        if (++m_depth > kMaxDepth) return Fail(child, "groups nested too deeply", error);
+        bool ok = Group(child, error, download);
+        --m_depth;
+        if (!ok) return false;
       } else if (Is(child, "Field")) {
         pugi::xml_attribute field = child.attribute("Name");
         if (!field) return Fail(child, "<Field> has no Name", error);
@@ -110,6 +117,7 @@ class Walker {
   JobFile* m_job;
   JobFile::File* m_file = nullptr;
   std::vector<size_t> m_lineStarts;
+  int m_depth = 0;
 };
 
 }  // namespace
