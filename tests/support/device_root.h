@@ -24,6 +24,8 @@ class DeviceRoot {
   void WriteIdentity(const std::string& lines) const;
   // The text of the registry hive, "" when none was saved.
   std::string ReadHive() const;
+  // The plug-in's local log ("/tmp/FileXfer.txt" on the device), "" when there is none.
+  std::string Log() const { return ReadFile("/tmp/FileXfer.txt"); }
 
  private:
   std::string m_path;
