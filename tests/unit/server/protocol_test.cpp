@@ -8,8 +8,8 @@
 #include "common/crc32.h"
 #include "common/crc_cache.h"
 #include "common/http.h"
-#include "server_harness.h"
 #include "support/device_root.h"
+#include "support/scripted_http_peer.h"
 
 using namespace ftcserver;
 
@@ -22,7 +22,7 @@ TEST(ServerCrc32, MatchesTheBytewiseDefinitionAtEveryLengthAndAlignment) {
   for (size_t offset = 0; offset < 16; ++offset) {
     for (size_t len = 0; len + offset <= data.size(); len += 1 + len / 8) {
       std::string piece = data.substr(offset, len);
-      ASSERT_EQ(Crc32(piece.data(), piece.size()), servertest::ReferenceCrc32(piece))
+      ASSERT_EQ(Crc32(piece.data(), piece.size()), ftctest::ReferenceCrc32(piece))
           << "offset " << offset << " length " << len;
     }
   }
@@ -47,17 +47,17 @@ TEST(ServerCrcCache, ComputesOncePerFileVersion) {
     close(fd);
     return crc.value_or(0);
   };
-  EXPECT_EQ(crcOf(), servertest::ReferenceCrc32("first version"));
-  EXPECT_EQ(crcOf(), servertest::ReferenceCrc32("first version"));
+  crcOf();
+  EXPECT_EQ(crcOf(), ftctest::ReferenceCrc32("first version"));
   EXPECT_EQ(cache.Computations(), 1u);
   // Same size, new content: the change time moves even when the clock is coarse.
   ftctest::WriteHostFile(path, "other version");
-  EXPECT_EQ(crcOf(), servertest::ReferenceCrc32("other version"));
+  EXPECT_EQ(crcOf(), ftctest::ReferenceCrc32("other version"));
   EXPECT_EQ(cache.Computations(), 2u);
   // A replacement file (new inode) is a new version too.
   ftctest::WriteHostFile(path + ".new", "third");
   rename((path + ".new").c_str(), path.c_str());
-  EXPECT_EQ(crcOf(), servertest::ReferenceCrc32("third"));
+  EXPECT_EQ(crcOf(), ftctest::ReferenceCrc32("third"));
   EXPECT_EQ(cache.Computations(), 3u);
 }
 
