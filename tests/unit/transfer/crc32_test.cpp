@@ -52,10 +52,6 @@ TEST(Crc32, FastPathsMatchTheTable) {
   EXPECT_EQ(~running, ftctest::ReferenceCrc32(data));
 }
 
-std::string LogText(const ftctest::DeviceRoot& root) {
-  return root.ReadFile("/tmp/FileXfer.txt");
-}
-
 TEST(Crc32, FileCrcReadsThroughThePlatform) {
   ftctest::DeviceRoot root;
   std::string big(600 * 1024 + 3, '\0');  // more than one read
@@ -78,7 +74,7 @@ TEST(Crc32, FileCrcReadsThroughThePlatform) {
     EXPECT_EQ(crc.FileCRC32(c.path, value), c.result) << c.path;
     EXPECT_EQ(value, c.crc) << c.path;
   }
-  EXPECT_EQ(LogText(root),
+  EXPECT_EQ(root.Log(),
             "FTCCCRC32::FileCRC32 - In\r\nFTCCCRC32::FileCRC32 - readFile file\r\n"
             "FTCCCRC32::FileCRC32 - close file\r\nFTCCCRC32::FileCRC32 - Out\r\n"
             "FTCCCRC32::FileCRC32 - In\r\nFTCCCRC32::FileCRC32 - readFile file\r\n"

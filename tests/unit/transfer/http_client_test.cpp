@@ -1,12 +1,12 @@
 #include <gtest/gtest.h>
 
 #include <cstring>
-#include <random>
 #include <string>
 #include <vector>
 
 #include "platform/winux.h"
 #include "support/device_root.h"
+#include "support/helpers.h"
 #include "support/scripted_http_peer.h"
 #include "transfer/CHTTPClient.h"
 
@@ -14,13 +14,6 @@ namespace {
 
 using ftctest::ReferenceCrc32;
 using ftctest::Reply;
-
-std::string Body(size_t size, unsigned seed = 1) {
-  std::mt19937 rng(seed);
-  std::string s(size, '\0');
-  for (char& c : s) c = char(rng());
-  return s;
-}
 
 bool Has(const std::string& text, const std::string& part) {
   return text.find(part) != std::string::npos;
@@ -54,7 +47,7 @@ class HttpClient : public ::testing::Test {
     if (!client.OpenURL(url.c_str(), path)) return -1;
     return client.Get(path, dest);
   }
-  std::string Log() const { return root.ReadFile("/tmp/FileXfer.txt"); }
+  std::string Log() const { return root.Log(); }
   // The lines logged since the previous call.
   std::string NewLog() {
     std::string all = Log();
@@ -85,7 +78,7 @@ TEST_F(HttpClient, RequestCarriesTheDeviceIdentityAndTheDottedAddress) {
 }
 
 TEST_F(HttpClient, FilesShareOneConnectionAndCountTowardsTheBundle) {
-  std::string a = Body(100000, 1), b = Body(50000, 2);
+  std::string a = ftctest::RandomBytes(100000, 1), b = ftctest::RandomBytes(50000, 2);
   Reply ra = Reply::Ok(a, ReferenceCrc32(a), "Content-Attributes: 1\r\n");
   Reply rb = Reply::Ok(b, ReferenceCrc32(b), "Content-timestamp: 03-05-2024 07:08:09\r\n");
   ra.chunk = rb.chunk = 7000;
@@ -124,7 +117,7 @@ TEST_F(HttpClient, FilesShareOneConnectionAndCountTowardsTheBundle) {
 }
 
 TEST_F(HttpClient, AConnectionThePeerClosedIsReplaced) {
-  std::string a = Body(40000, 3);
+  std::string a = ftctest::RandomBytes(40000, 3);
   Reply first = Reply::Ok(a, ReferenceCrc32(a));
   first.chunk = 10000;
   first.close = true;
@@ -159,7 +152,7 @@ TEST_F(HttpClient, OpenURLMovesBetweenServersAndRefusesWhatItCannotReach) {
 }
 
 TEST_F(HttpClient, ADamagedFileIsRequestedAgainOnTheSameConnection) {
-  std::string a = Body(40000, 4);
+  std::string a = ftctest::RandomBytes(40000, 4);
   Reply bad = Reply::Ok(a, ReferenceCrc32(a) ^ 1), good = Reply::Ok(a, ReferenceCrc32(a));
   bad.chunk = good.chunk = 16000;
   ftctest::ScriptedHttpPeer peer({bad, good});
@@ -230,7 +223,7 @@ TEST_F(HttpClient, RequestLevelFailuresEndTheAttemptAndDropTheConnection) {
 
 TEST_F(HttpClient, CheckPointFramingIsAcceptedAndTheBodyReadPlain) {
   for (const char* size : {"4096", "0"}) {
-    std::string a = Body(30000, 5);
+    std::string a = ftctest::RandomBytes(30000, 5);
     Reply r =
         Reply::Ok(a, ReferenceCrc32(a), std::string("CheckPoint-BlockSize: ") + size + "\r\n");
     r.chunk = 9000;
@@ -263,7 +256,7 @@ TEST_F(HttpClient, EmptyAndSingleFrameFilesFinishWithoutACrcCheck) {
 }
 
 TEST_F(HttpClient, HostileResponsesStayBounded) {
-  std::string a = Body(30000, 6);
+  std::string a = ftctest::RandomBytes(30000, 6);
   std::string crc = std::to_string(ReferenceCrc32(a));
 
   // Bytes past the content length are not written, and the connection is not trusted after.
@@ -299,70 +292,25 @@ TEST_F(HttpClient, HostileResponsesStayBounded) {
   EXPECT_TRUE(File() == a);
 }
 
-// Mangled responses (cut, bytes flipped, numbers replaced) end in a result, never an overrun.
-TEST_F(HttpClient, MangledResponsesNeverOverrun) {
-  std::mt19937 rng(11);
-  std::string body = Body(20000, 8);
-  std::string good = Reply::Ok(body, ReferenceCrc32(body),
-                               "Content-timestamp: 01-02-2024 03:04:05\r\n"
-                               "Content-Attributes: 0\r\n")
-                         .bytes;
-  const char* numbers[] = {"0", "1", "4294967295", "4294967296", "-1", "", "99999999999999999999"};
-  client.SetTimeout(50);
-  for (int round = 0; round < 40; ++round) {
-    std::string bytes = good;
-    switch (round % 4) {
-      case 0:  // cut anywhere
-        bytes.resize(rng() % bytes.size());
-        break;
-      case 1:  // a few bytes of the head flipped
-        for (int i = 0; i < 4; ++i) bytes[rng() % 160] = char(rng());
-        break;
-      case 2: {  // the length replaced
-        size_t at = bytes.find("Content-Length: ") + 16;
-        bytes.replace(at, bytes.find('\r', at) - at, numbers[rng() % 7]);
-        break;
-      }
-      case 3:  // head lines without carriage returns
-        for (size_t at = 0; (at = bytes.find("\r\n", at)) != std::string::npos && at < 140;)
-          bytes.erase(at, 1);
-        break;
-    }
-    Reply r = Reply::Raw(bytes, true);
-    r.chunk = 1 + rng() % 9000;
-    ftctest::ScriptedHttpPeer peer({r});
-    int result = Fetch(peer.Url(L"/a.bin"));
-    EXPECT_TRUE(result == 0 || result == 1) << round;
-  }
-}
-
 TEST_F(HttpClient, CompletionReportHasNoPathAndAnOptionalError) {
-  struct Case {
-    const char* error;
-    std::string expected;
-  } cases[] = {
-      {"",
-       "GET HTTP/1.1\r\nCore-name: CORE5\r\nBundle-rx: 777\r\nHTTP-fallback: 1\r\n"
-       "Bundle-transfer: COMPLETE\r\n\r\n"},
-      {nullptr,
-       "GET HTTP/1.1\r\nCore-name: CORE5\r\nBundle-rx: 777\r\nHTTP-fallback: 1\r\n"
-       "Bundle-transfer: COMPLETE\r\n\r\n"},
-      {"disk full",
-       "GET HTTP/1.1\r\nCore-name: CORE5\r\nBundle-rx: 777\r\nHTTP-fallback: 1\r\n"
-       "Bundle-transfer: COMPLETE\r\nError: disk full\r\n\r\n"},
-  };
+  const std::string head =
+      "GET HTTP/1.1\r\nCore-name: CORE5\r\nBundle-rx: 777\r\nHTTP-fallback: 1\r\n"
+      "Bundle-transfer: COMPLETE\r\n";
+  const std::pair<const char*, std::string> cases[] = {
+      {"", head + "\r\n"},
+      {nullptr, head + "\r\n"},
+      {"disk full", head + "Error: disk full\r\n\r\n"}};
   CHTTPClient::SetBundleRxBytes(777);
   CHTTPClient::SetFallBackMode(1);
   for (const auto& c : cases) {
     ftctest::ScriptedHttpPeer peer({Reply::Raw("")});
     wchar_t path[256] = {};
     ASSERT_TRUE(client.OpenURL(peer.Url().c_str(), path));
-    client.SendUpgradeComplete(c.error);
+    client.SendUpgradeComplete(c.first);
     ASSERT_TRUE(peer.WaitForRequests(1));
-    EXPECT_EQ(peer.Requests()[0], c.expected);
-    EXPECT_TRUE(Has(NewLog(), c.expected +
-                                  "FileTransferConfiglet - CHTTPClient::SendUpgradeComplete "
-                                  "- Exiting\r\n"));
+    EXPECT_EQ(peer.Requests()[0], c.second);
+    EXPECT_TRUE(Has(NewLog(), c.second + "FileTransferConfiglet - CHTTPClient::SendUpgradeComplete "
+                                         "- Exiting\r\n"));
     client.CloseURL();
   }
 }
@@ -374,7 +322,7 @@ TEST_F(HttpClient, CheckPointBlocks) {
       for (int shift = 24; shift >= 0; shift -= 8) b += char((v >> shift) & 0xFF);
     return b + data;
   };
-  std::string data = Body(3000, 7);
+  std::string data = ftctest::RandomBytes(3000, 7);
   struct Case {
     const char* name;
     std::string bytes;
