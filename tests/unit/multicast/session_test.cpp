@@ -1,14 +1,6 @@
 // A whole job through the loaded plug-in: a real multicast session on loopback delivers what it
 // can, and the upgrade server repairs over HTTP only what did not arrive intact.
-#include <arpa/inet.h>
-#include <fcntl.h>
 #include <gtest/gtest.h>
-#include <netinet/in.h>
-#include <signal.h>
-#include <spawn.h>
-#include <sys/socket.h>
-#include <sys/wait.h>
-#include <unistd.h>
 
 #include <chrono>
 #include <cstdio>
@@ -43,7 +35,7 @@ class MulticastJob : public ::testing::Test {
   }
   ~MulticastJob() override { WinuxRegisterStatusDisplay(nullptr); }
 
-  std::string Log() const { return ftctest::PluginHost::LogText(root); }
+  std::string Log() const { return root.Log(); }
   bool Shown(const std::string& text) {
     std::lock_guard<std::mutex> g(g_messagesLock);
     for (const auto& m : g_messages)
@@ -89,15 +81,6 @@ class MulticastJob : public ::testing::Test {
     return rc;
   }
 
-  bool WaitForLog(const std::string& text, std::chrono::seconds timeout) {
-    auto until = Clock::now() + timeout;
-    while (Clock::now() < until) {
-      if (Log().find(text) != std::string::npos) return true;
-      std::this_thread::sleep_for(std::chrono::milliseconds(10));
-    }
-    return false;
-  }
-
   ftctest::DeviceRoot root;
   e2e::Bundle bundle;  // what the upgrade server holds
   e2e::Bundle sent;    // what the multicast sender holds
@@ -116,11 +99,13 @@ TEST_F(MulticastJob, SessionDeliversAndHttpRepairsOnlyTheRest) {
 
   e2e::Server server(bundle.dir());
   ftctest::PluginHost host;
-  int sessionPort = mctest::FreeUdpPort();
+  int sessionPort = ftctest::FreeUdpPort();
   ASSERT_EQ(Submit(host, server.port(), sessionPort, 20), 0u);
-  ASSERT_TRUE(WaitForLog("StartMulticastClient - mc.Start", std::chrono::seconds(20)));
+  ASSERT_TRUE(ftctest::WaitUntil(
+      [&] { return Log().find("StartMulticastClient - mc.Start") != std::string::npos; },
+      std::chrono::seconds(20)));
 
-  mctest::Child sender(mctest::SenderArgs(
+  ftctest::Child sender(mctest::SenderArgs(
       sessionPort,
       {sent.dir() + "/filelist.txt", sent.dir() + "/good.bin", sent.dir() + "/damaged.bin"}));
   EXPECT_EQ(sender.Wait(std::chrono::seconds(30)), 0);
@@ -150,7 +135,7 @@ TEST_F(MulticastJob, NoSessionInTimeLeavesEverythingToHttp) {
   e2e::Server server(bundle.dir());
   ftctest::PluginHost host;
   auto started = Clock::now();
-  ASSERT_EQ(Submit(host, server.port(), mctest::FreeUdpPort(), 1), 0u);
+  ASSERT_EQ(Submit(host, server.port(), ftctest::FreeUdpPort(), 1), 0u);
   ASSERT_TRUE(e2e::WaitForJobEnd(root, std::chrono::seconds(60)));
   EXPECT_LT(Clock::now() - started, std::chrono::seconds(15));
 

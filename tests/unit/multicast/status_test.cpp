@@ -1,9 +1,6 @@
 // The plug-in's side of multicast reception: status datagrams, the status socket and thread,
 // and the launch of the receiver.
-#include <arpa/inet.h>
 #include <gtest/gtest.h>
-#include <netinet/in.h>
-#include <sys/socket.h>
 #include <unistd.h>
 
 #include <chrono>
@@ -18,55 +15,26 @@
 #include "platform/display.h"
 #include "platform/winux.h"
 #include "support/device_root.h"
-#include "support/plugin_host.h"
+#include "support/helpers.h"
 #include "transfer/multicast.h"
-#include "udp_helpers.h"
 
 namespace {
 
+// Progress and amount big-endian at 2 and 8; bytes 0 and 4 are read but not used.
 std::string Datagram(int progress, uint32_t amount, const std::string& text) {
-  std::string d(12, '\0');
-  d[0] = 1;  // read, not used
-  d[2] = static_cast<char>(progress >> 8);
-  d[3] = static_cast<char>(progress);
-  d[4] = '\x7f';  // read, not used
-  d[8] = static_cast<char>(amount >> 24);
-  d[9] = static_cast<char>(amount >> 16);
-  d[10] = static_cast<char>(amount >> 8);
-  d[11] = static_cast<char>(amount);
-  return d + text;
-}
-
-TEST(MulticastStatus, DatagramsDecodeWithinTheirLength) {
-  const std::string full = Datagram(100, 0x01020304u, "Receiving a.bin");
-  const std::string longText(600, 'x');
-  struct Case {
-    const char* name;
-    std::string bytes;
-    int progress;
-    DWORD amount;
-    std::string text;
-  } cases[] = {
-      {"whole", full, 100, 0x01020304u, "Receiving a.bin"},
-      {"header only", full.substr(0, 12), 100, 0x01020304u, ""},
-      {"cut inside the amount", full.substr(0, 10), 100, 0x01020000u, ""},
-      {"cut inside the progress", full.substr(0, 3), 0, 0, ""},
-      {"one byte", full.substr(0, 1), 0, 0, ""},
-      {"empty", "", 0, 0, ""},
-      {"overlong text keeps 255", Datagram(42, 7, longText), 42, 7, std::string(255, 'x')},
-      {"large progress", Datagram(0xFFFF, 0, ""), 0xFFFF, 0, ""},
-  };
-  for (const Case& c : cases) {
-    // An exactly sized heap copy, so the sanitizer sees any read past the datagram.
-    std::unique_ptr<unsigned char[]> data(new unsigned char[c.bytes.size()]);
-    memcpy(data.get(), c.bytes.data(), c.bytes.size());
-    MCStatus s;
-    memset(&s, 0xAB, sizeof s);
-    DecodeStatusDatagram(data.get(), static_cast<int>(c.bytes.size()), &s);
-    EXPECT_EQ(s.progress, c.progress) << c.name;
-    EXPECT_EQ(s.amount, c.amount) << c.name;
-    EXPECT_EQ(std::string(s.text), c.text) << c.name;
-  }
+  return std::string{1,
+                     0,
+                     char(progress >> 8),
+                     char(progress),
+                     '\x7f',
+                     0,
+                     0,
+                     0,
+                     char(amount >> 24),
+                     char(amount >> 16),
+                     char(amount >> 8),
+                     char(amount)} +
+         text;
 }
 
 // What the registered status display was asked to show.
@@ -108,16 +76,8 @@ class MulticastStatusThread : public ::testing::Test {
 
   // Sends one datagram to the status port and waits until the display has seen n events.
   std::vector<std::string> Send(int port, const std::string& bytes, size_t n) {
-    int s = socket(AF_INET, SOCK_DGRAM, 0);
-    sockaddr_in to{};
-    to.sin_family = AF_INET;
-    to.sin_port = htons(static_cast<uint16_t>(port));
-    to.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    sendto(s, bytes.data(), bytes.size(), 0, reinterpret_cast<sockaddr*>(&to), sizeof to);
-    close(s);
-    auto until = std::chrono::steady_clock::now() + std::chrono::seconds(5);
-    while (shown.Count() < n && std::chrono::steady_clock::now() < until)
-      std::this_thread::sleep_for(std::chrono::milliseconds(2));
+    ftctest::SendDatagram(port, bytes);
+    ftctest::WaitUntil([&] { return shown.Count() >= n; }, std::chrono::seconds(5));
     return shown.Take();
   }
 
@@ -151,7 +111,7 @@ TEST_F(MulticastStatusThread, DatagramsDriveTheProgressBars) {
 
   CloseStatusThreadSocket();
   // The thread leaves through its receive error once the socket is shut.
-  std::string log = ftctest::PluginHost::LogText(root);
+  std::string log = root.Log();
   EXPECT_NE(log.find("FileTransferConfiglet - MCStatusThread - recvfrom got error\r\n"),
             std::string::npos);
 }
@@ -159,13 +119,13 @@ TEST_F(MulticastStatusThread, DatagramsDriveTheProgressBars) {
 TEST(MulticastLaunch, StatusPortMovesUpWhenTakenAndTheReceiverLearnsIt) {
   ftctest::DeviceRoot root;
   int taken = 5655;
-  int held = mctest::BoundUdp(&taken);  // already taken by another case is as good
+  int held = ftctest::BoundUdp(&taken);  // already taken by another case is as good
   UpgradeConfig cfg;
   // An option the receiver refuses: Start returns at once.
   cfg.SetMCProcessParms("-Q 1");
   StartMulticastClient(&cfg);
 
-  std::string log = ftctest::PluginHost::LogText(root);
+  std::string log = root.Log();
   const std::string head =
       "FileTransferConfiglet - StartMulticastClient - mc.Start, !-Q 1 -UA=127.0.0.1 -UP=";
   size_t at = log.find(head);
@@ -178,7 +138,7 @@ TEST(MulticastLaunch, StatusPortMovesUpWhenTakenAndTheReceiverLearnsIt) {
             std::string::npos);
   // The status thread has ended and the port is free again.
   int again = port;
-  close(mctest::BoundUdp(&again));
+  close(ftctest::BoundUdp(&again));
   EXPECT_EQ(again, port);
   close(held);
 }
@@ -187,7 +147,7 @@ TEST(MulticastLaunch, EmptyParametersStartNothing) {
   ftctest::DeviceRoot root;
   UpgradeConfig cfg;
   StartMulticastClient(&cfg);
-  std::string log = ftctest::PluginHost::LogText(root);
+  std::string log = root.Log();
   EXPECT_EQ(log.find("mc.Start"), std::string::npos);
   const std::string exiting = "FileTransferConfiglet - StartMulticastClient - Exiting\r\n";
   ASSERT_GE(log.size(), exiting.size());
