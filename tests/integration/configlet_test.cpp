@@ -1,13 +1,13 @@
 // The plug-in as a host meets it: loaded with dlopen, driven through configlet.h alone.
-#include <dlfcn.h>
 #include <gtest/gtest.h>
 
-#include <cstdio>
 #include <cstring>
 #include <set>
+#include <sstream>
 #include <string>
 
 #include "support/device_root.h"
+#include "support/helpers.h"
 #include "support/plugin_host.h"
 
 namespace {
@@ -48,17 +48,13 @@ TEST(Configlet, InterfaceReportsItsVersionsAndOneUnnamedInstance) {
 }
 
 TEST(Configlet, OnlyTheInterfaceIsExported) {
-  std::string command =
-      "nm -D --defined-only " + ftctest::LibDir() + "/libFileTransferConfiglet.so 2>/dev/null";
-  FILE* pipe = popen(command.c_str(), "r");
-  ASSERT_NE(pipe, nullptr);
+  int status = -1;
+  std::string out = ftctest::RunCommand(
+      "nm -D --defined-only " + ftctest::LibDir() + "/libFileTransferConfiglet.so", &status);
+  if (status != 0) GTEST_SKIP() << "nm is not available";
   std::set<std::string> names;
-  char line[512];
-  while (fgets(line, sizeof(line), pipe)) {
-    char address[64], type[8], name[400];
-    if (sscanf(line, "%63s %7s %399s", address, type, name) == 3) names.insert(name);
-  }
-  if (pclose(pipe) != 0 && names.empty()) GTEST_SKIP() << "nm is not available";
+  std::istringstream lines(out);
+  for (std::string address, type, name; lines >> address >> type >> name;) names.insert(name);
   const std::set<std::string> expected = {
       "DllMain",
       "IcfgBeginGroup",
@@ -134,10 +130,6 @@ TEST(Configlet, MissingArgumentsAreRefusedWithoutACrash) {
   EXPECT_EQ(api.GetSchemaVersion(0, nullptr, nullptr), 0u);
 }
 
-}  // namespace
-
-namespace {
-
 TEST(Configlet, ProvisioningStateGoesUpThroughTheHostCallback) {
   ftctest::DeviceRoot root;
   root.WriteIdentity("uniqueid=DEV-42\n");
@@ -157,73 +149,6 @@ TEST(Configlet, ProvisioningStateGoesUpThroughTheHostCallback) {
   for (const ftctest::SendUpCall& call : PluginHost::SendUps()) {
     EXPECT_EQ(call.context, PluginHost::kContext);
     EXPECT_EQ(call.length, call.message.size() + 1);  // the NUL counts
-  }
-}
-
-}  // namespace
-
-namespace {
-
-// Any order of groups and fields, balanced or not, with any values: only the two protocol
-// answers come back and the sanitizers see no fault or leak.
-TEST(Configlet, ArbitrarySequencesAreSafe) {
-  ftctest::DeviceRoot root;
-  PluginHost host;
-  // Upgrade, PullFile and Provisioning start real work; they have their own tests.
-  const char* const groups[] = {
-      "FileTransferConfiglet",
-      "Syslog",
-      "MultiCast",
-      "MulticastClient",
-      "HTTPServer",
-      "Download",
-      "Store",
-      "DiskCleanup",
-      "File",
-      "FileList",
-      "StartProcess",
-      "StopProcess",
-      "Registry",
-      "PreProcessing",
-      "PostProcessing",
-      "Set",
-      "DeleteKey",
-      "Save",
-      "Copy",
-      "CopyDir",
-      "Executable",
-      "Bogus",
-      "",
-  };
-  const char* const fields[] = {
-      "Address",    "P",       "Reboot",   "BaseURL",       "Version", "Proc",
-      "Parameters", "Wait",    "ShowGUI",  "Action",        "Name",    "Source",
-      "Dest",       "CRC",     "MCTMask",  "RequiredSpace", "Root",    "Key",
-      "ValueName",  "Value",   "ErrorMsg", "SrcUrl",        "KeyName", "CmdLine",
-      "SourceDir",  "DestDir", "Type",     "Bogus",
-  };
-  const std::string values[] = {"", "false", "Save", "Delete", "TRUE", std::string(3000, 'v')};
-  uint32_t seed = 12345;
-  auto next = [&seed](uint32_t n) {
-    seed = seed * 1103515245u + 12345u;
-    return (seed >> 16) % n;
-  };
-  const uint32_t nGroups = sizeof(groups) / sizeof(groups[0]);
-  const uint32_t nFields = sizeof(fields) / sizeof(fields[0]);
-  for (int i = 0; i < 3000; ++i) {
-    uint32_t result = 0;
-    switch (next(3)) {
-      case 0:
-        result = host.BeginGroup(groups[next(nGroups)], next(4) == 0 ? 1 : 0);
-        break;
-      case 1:
-        result = host.SetField(fields[next(nFields)], values[next(6)]);
-        break;
-      default:
-        result = host.EndGroup(groups[next(nGroups)]);
-        break;
-    }
-    ASSERT_TRUE(result == 0 || result == ICFG_E_UNKNOWN) << i << ": " << std::hex << result;
   }
 }
 
