@@ -65,12 +65,6 @@ bool TraverseTo(CPlixDOM& dom, CPlixIterator& it, const char* tag) {
   return false;
 }
 
-char* HeapCopy(const char* text) {
-  char* copy = static_cast<char*>(malloc(strlen(text) + 1));
-  strcpy(copy, text);
-  return copy;
-}
-
 }  // namespace
 
 TEST(ProcessingModel, XmlFragmentGivesTheSameListsAsFieldByFieldBuilding) {
@@ -85,35 +79,7 @@ TEST(ProcessingModel, XmlFragmentGivesTheSameListsAsFieldByFieldBuilding) {
   ASSERT_EQ(1, it.ContinueTraverse());
   EXPECT_STREQ("PostProcessing", it.GetElement()->GetTagName());
 
-  // The same job as the group/field protocol hands it over.
-  CQVProcessingHandler built;
-  built.AddProcess("app.exe");
-  built.AddProcess("Agent.exe");
-  auto* set = new CQVRegistryEntry;
-  set->SetOperation("Set");
-  set->SetKeyName("HKEY_LOCAL_MACHINE\\Software\\Demo");
-  set->SetValueName("Mode");
-  set->SetValue("7");
-  set->SetType("REG_DWORD");
-  built.GetRegistryHandler()->AddEntry(set);
-  built.GetRegistryHandler()->AddEntry(new CQVRegistryEntry(
-      "DeleteValue", "HKEY_LOCAL_MACHINE\\Software\\Demo", "Old", nullptr, nullptr));
-  built.GetRegistryHandler()->AddEntry(new CQVRegistryEntry("Set", "", "", "", ""));
-  built.GetFileHandler()->AddSaveEntry(HeapCopy("\\Data\\keep.txt"));
-  built.GetFileHandler()->AddEntry(new CQVFileEntry("Delete", "\\Data", ""));
-  built.GetFileHandler()->AddEntry(new CQVFileEntry("Rename", "\\a.txt", "\\b.txt"));
-  built.GetFileHandler()->AddEntry(new CQVFileEntry("CopyDir", "\\src", "\\dst"));
-  built.GetFileHandler()->AddEntry(new CQVFileEntry("Shred", "\\c.txt", nullptr));
-  auto* exe = new CQVExeEntry;
-  exe->SetFile("\\Windows\\updatebin.exe");
-  exe->SetCmdLine("/QV_Silent");
-  exe->SetStartIn("\\temp");
-  built.GetExeHandler()->AddEntry(exe);
-  built.GetExeHandler()->AddEntry(new CQVExeEntry("\\x.exe", nullptr, nullptr, 0));
-  EXPECT_EQ(0, built.GetExeHandler()->AddEntry(nullptr));
-  EXPECT_EQ(0, built.GetFileHandler()->AddSaveEntry(nullptr));
-
-  EXPECT_EQ(Dump(built), Dump(loaded));
+  // Actions without a name are dropped; only "true" exactly asks to wait.
   EXPECT_EQ(
       "reg Set|HKEY_LOCAL_MACHINE\\Software\\Demo|Mode|7|REG_DWORD\n"
       "reg DeleteValue|HKEY_LOCAL_MACHINE\\Software\\Demo|Old||\n"
@@ -128,31 +94,9 @@ TEST(ProcessingModel, XmlFragmentGivesTheSameListsAsFieldByFieldBuilding) {
       "stop app.exe\n"
       "stop Agent.exe\n",
       Dump(loaded));
-  EXPECT_NE(std::string::npos,
-            root.ReadFile("/tmp/FileXfer.txt").find("File - adding Rename, \\a.txt, \\b.txt\r\n"));
-}
-
-TEST(ProcessingModel, FragmentThatEndsBeforeItsOuterElementStillReturns) {
-  ftctest::DeviceRoot root;
-  // The traversal's top is not a processing element, so its end is never the outer end.
-  const char* docs[] = {
-      "<Job><Registry><Set KeyName='HKEY_USERS\\k' Type='REG_SZ'/></Registry></Job>",
-      "<StopProcesses><Process>a.exe</Process></StopProcesses>",
-      "<Job/>",
-  };
-  for (const char* text : docs) {
-    SCOPED_TRACE(text);
-    CPlixDOM dom;
-    ASSERT_TRUE(dom.ReadDoc(text));
-    CPlixIterator it;
-    ASSERT_TRUE(it.BindToDOM(&dom) && it.ToRootElement() && it.BeginTraverseHere());
-    ASSERT_EQ(1, it.ContinueTraverse());
-    CQVProcessingHandler handler;
-    EXPECT_EQ(0, handler.LoadData(&it));
-    EXPECT_EQ(0, it.ContinueTraverse());
-  }
-  CQVProcessingHandler handler;
-  EXPECT_EQ(0, handler.LoadData(nullptr));
+  EXPECT_EQ(0, loaded.GetExeHandler()->AddEntry(nullptr));
+  EXPECT_EQ(0, loaded.GetFileHandler()->AddSaveEntry(nullptr));
+  EXPECT_NE(std::string::npos, root.Log().find("File - adding Rename, \\a.txt, \\b.txt\r\n"));
 }
 
 TEST(ProcessingModel, OverlongTextsAreRefusedNotCut) {

@@ -80,7 +80,7 @@ TEST(RegistryOperations, OnlySetIsCarriedOutWithItsTypeConversions) {
     EXPECT_EQ(e.value, ReadValue(e.root, e.key, e.name));
   }
 
-  const std::string log = root.ReadFile("/tmp/FileXfer.txt");
+  const std::string log = root.Log();
   const char* block =
       "CQVRegistryEntry.m_szOperation = !Set!\r\n"
       "CQVRegistryEntry.m_szKeyName = !HKEY_LOCAL_MACHINE\\Software\\Ftc!\r\n"
@@ -92,7 +92,6 @@ TEST(RegistryOperations, OnlySetIsCarriedOutWithItsTypeConversions) {
   EXPECT_NE(std::string::npos, log.find(block));
   for (const char* line : {
            "CQVProcessingHandler::DoReigstry ()\r\n",
-           "CQVRegistryHandler::DoIt - Set DWORD",
            "FileTransferConfiglet - CQVRegistryHandler::DoIt - Unsupported reg type, reg_sz\r\n",
            "FileTransferConfiglet - CQVRegistryHandler::DoIt - CreateKeyError, Software\\NoRoot, ",
        }) {
@@ -161,8 +160,8 @@ TEST(ImageUpdateFixUp, CommandLineWithoutTheSilentSwitchWritesNoKeys) {
   EXPECT_EQ("", ReadValue(HKEY_LOCAL_MACHINE, L"System\\ImageUpdate\\UpdateApp", L"SilentInstall"));
   // A program that is not there is reported and its start-in folder is left alone.
   EXPECT_FALSE(root.Exists("\\Work\\Here"));
-  EXPECT_NE(std::string::npos,
-            root.ReadFile("/tmp/FileXfer.txt")
-                .find("FileTransferConfiglet - Can not start \\Windows\\updatebin.exe, does not "
+  EXPECT_NE(
+      std::string::npos,
+      root.Log().find("FileTransferConfiglet - Can not start \\Windows\\updatebin.exe, does not "
                       "exist\r\n"));
 }
