@@ -20,6 +20,8 @@ namespace winux {
 namespace {
 
 const LSTATUS kKeyDeleted = 1018;
+// The depth a registry tree may have on the device's system.
+const size_t kMaxKeyDepth = 512;
 
 struct Value {
   std::wstring name;
@@ -266,7 +268,9 @@ void Parse(const std::string& text, Hive& hive) {
       size_t close = line.rfind(']');
       if (close == std::string::npos) continue;
       std::vector<std::wstring> parts = SplitKeyPath(FromUtf8(line.substr(1, close - 1)));
-      if (parts.empty()) continue;
+      // Saving and freeing recurse per level: a deeper section in an edited file would overflow
+      // the stack, so it is skipped like any other line not understood.
+      if (parts.empty() || parts.size() > kMaxKeyDepth + 1) continue;
       int r = RootIndex(ToUtf8(parts[0]));
       if (r < 0) continue;
       current = &hive.roots[r];
