@@ -324,9 +324,12 @@ int main(int argc, char** argv) {
   // overflow still gets its input saved.
   static char altStack[1 << 16];
   stack_t ss{};
-  ss.ss_sp = altStack;
-  ss.ss_size = sizeof altStack;
-  sigaltstack(&ss, nullptr);
+  if (sigaltstack(nullptr, &ss) == 0 && (ss.ss_flags & SS_DISABLE)) {
+    ss.ss_sp = altStack;
+    ss.ss_size = sizeof altStack;
+    ss.ss_flags = 0;
+    sigaltstack(&ss, nullptr);
+  }
   std::vector<int> signals = {SIGABRT, SIGILL, SIGALRM};
   if (__sanitizer_set_death_callback)
     __sanitizer_set_death_callback(OnDeath);
