@@ -78,10 +78,7 @@ TEST(WinuxFind, AttributeBitsAndHostStateHidden) {
   root.WriteIdentity("serial=1\n");
 
   std::vector<Found> top = FindAll(L"\\*.*");
-  std::set<std::wstring> names = Names(top);
-  EXPECT_EQ(names.count(L".winux"), 0u);
-  EXPECT_EQ(names.count(L"."), 0u);
-  EXPECT_EQ(names.count(L".."), 0u);
+  for (const wchar_t* hidden : {L".winux", L".", L".."}) EXPECT_EQ(Names(top).count(hidden), 0u);
   auto attributesOf = [&](const std::vector<Found>& list, const std::wstring& name) {
     auto it =
         std::find_if(list.begin(), list.end(), [&](const Found& f) { return f.name == name; });
@@ -102,7 +99,7 @@ TEST(WinuxFind, AttributeBitsAndHostStateHidden) {
             FILE_ATTRIBUTE_READONLY);
 }
 
-TEST(WinuxFiles, ReadOnlyFileRefusesDeleteUntilTheBitIsCleared) {
+TEST(WinuxFiles, ReadOnlyFilesAndFullFoldersRefuseRemoval) {
   ftctest::DeviceRoot root;
   root.WriteFile("ro.txt", "x");
   ASSERT_TRUE(SetFileAttributes(L"\\ro.txt", FILE_ATTRIBUTE_READONLY));
@@ -117,10 +114,8 @@ TEST(WinuxFiles, ReadOnlyFileRefusesDeleteUntilTheBitIsCleared) {
   EXPECT_FALSE(root.Exists("ro.txt"));
   EXPECT_FALSE(DeleteFile(L"\\ro.txt"));
   EXPECT_EQ(GetLastError(), ERROR_FILE_NOT_FOUND);
-}
 
-TEST(WinuxFiles, DirectoriesCreateOnceAndRemoveOnlyWhenEmpty) {
-  ftctest::DeviceRoot root;
+  // Folders are made once and removed only when empty; the root never.
   EXPECT_TRUE(CreateDirectory(L"\\temp", nullptr));
   EXPECT_FALSE(CreateDirectory(L"\\TEMP", nullptr));
   EXPECT_EQ(GetLastError(), ERROR_ALREADY_EXISTS);
@@ -158,14 +153,13 @@ TEST(WinuxFiles, CopyHonoursFailIfExistsAndMoveRefusesATarget) {
   EXPECT_TRUE(DeleteFile(L"RAM:\\c.txt"));
 }
 
-TEST(WinuxFiles, HandleReadWriteSeekAndSize) {
+TEST(WinuxFiles, HandleReadWriteSeekAndStaleHandles) {
   ftctest::DeviceRoot root;
   HANDLE h =
       CreateFile(L"\\f.bin", GENERIC_READ | GENERIC_WRITE, 0, nullptr, CREATE_ALWAYS, 0, nullptr);
   ASSERT_NE(h, INVALID_HANDLE_VALUE);
   DWORD n = 0;
   ASSERT_TRUE(WriteFile(h, "hello world", 11, &n, nullptr));
-  EXPECT_EQ(n, 11u);
   EXPECT_EQ(GetFileSize(h, nullptr), 11u);
   EXPECT_EQ(SetFilePointer(h, -5, nullptr, 2), 6u);
   char buffer[16] = {};
@@ -181,12 +175,6 @@ TEST(WinuxFiles, HandleReadWriteSeekAndSize) {
   EXPECT_EQ(CreateFile(L"\\f.bin", GENERIC_WRITE, 0, nullptr, CREATE_NEW, 0, nullptr),
             INVALID_HANDLE_VALUE);
   EXPECT_EQ(GetLastError(), ERROR_FILE_EXISTS);
-
-  ULARGE_INTEGER freeBytes, total, totalFree;
-  EXPECT_TRUE(GetDiskFreeSpaceEx(L"\\", &freeBytes, &total, &totalFree));
-  EXPECT_GT(total.QuadPart, 0u);
-  EXPECT_LE(freeBytes.QuadPart, total.QuadPart);
-  EXPECT_FALSE(GetDiskFreeSpaceEx(L"\\SDMMC Disk\\SubFolder", &freeBytes, nullptr, nullptr));
 }
 
 }  // namespace

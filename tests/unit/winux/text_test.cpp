@@ -81,10 +81,8 @@ TEST(WinuxTime, PicturesTheSystemUses) {
   t.wHour = 0;
   GetTimeFormat(0, 0, &t, L"hh tt", out, 64);
   EXPECT_EQ(std::wstring(out), L"12 AM");
-  EXPECT_EQ(GetDateFormat(0, 0, &t, L"yyyy/MM/dd", nullptr, 0), 11);
   EXPECT_EQ(GetDateFormat(0, 0, &t, L"yyyy/MM/dd", out, 5), 0);
   EXPECT_EQ(GetLastError(), ERROR_INSUFFICIENT_BUFFER);
-  EXPECT_GT(GetDateFormat(0, 0, nullptr, nullptr, out, 64), 1);
 }
 
 }  // namespace
