@@ -43,19 +43,6 @@ class SpoolTest : public ::testing::Test {
     return write(handle, 60, 1, 248, 0, 0, &status, queue, message.c_str(),
                  static_cast<uint32_t>(message.size() + 1), 1, 0, 0, core);
   }
-  // Runs body in a child process; returns its wait status.
-  template <typename F>
-  int InChild(F body) {
-    pid_t pid = fork();
-    if (pid == 0) {
-      body();
-      _exit(0);
-    }
-    int status = -1;
-    waitpid(pid, &status, 0);
-    return status;
-  }
-
   ftctest::DeviceRoot root;
   lapi_open_fn open = nullptr;
   lapi_close_fn close = nullptr;
@@ -168,9 +155,13 @@ TEST_F(SpoolTest, RecordSurvivesKillRightAfterWrite) {
   std::string big(256 * 1024, 'x');
   for (size_t i = 0; i < big.size(); i += 97) big[i] = char('a' + i % 26);
   for (int round = 0; round < 3; ++round) {
-    int status = InChild([&] {
+    pid_t pid = fork();
+    if (pid == 0) {
       if (Write(Open(), "QV_Event_DB", big + std::to_string(round)) == 0) raise(SIGKILL);
-    });
+      _exit(0);
+    }
+    int status = -1;
+    waitpid(pid, &status, 0);
     ASSERT_TRUE(WIFSIGNALED(status) && WTERMSIG(status) == SIGKILL) << "write failed";
   }
   auto records = ReadSpool(root.path(), "QV_Event_DB");
