@@ -11,6 +11,7 @@
 #include "platform/plix.h"
 #include "platform/winux.h"
 #include "support/device_root.h"
+#include "support/registry.h"
 
 namespace {
 
@@ -126,13 +127,8 @@ TEST(VersionFiles, WrittenWhereTheRegistrySaysAndReplacedWhenReadOnly) {
     std::string folder = "\\Quovera\\QVSubSystems";
     if (registryPath) {
       folder = "\\Flash File Store\\Sub";
-      HKEY key = nullptr;
-      ASSERT_EQ(RegCreateKeyEx(HKEY_LOCAL_MACHINE, L"Software\\Tervalon\\QVClient\\Subsystems", 0,
-                               nullptr, 0, KEY_ALL_ACCESS, nullptr, &key, nullptr),
-                ERROR_SUCCESS);
-      RegSetValueEx(key, L"Path", 0, REG_SZ, reinterpret_cast<const BYTE*>(registryPath),
-                    static_cast<DWORD>((wcslen(registryPath) + 1) * sizeof(wchar_t)));
-      RegCloseKey(key);
+      ASSERT_TRUE(ftctest::SetRegistryString(
+          HKEY_LOCAL_MACHINE, L"Software\\Tervalon\\QVClient\\Subsystems", L"Path", registryPath));
     }
     std::string ftc = folder + "\\FileTransferConfiglet.ini", mcftp = folder + "\\MCFTP.ini";
     root.WriteFile(ftc, "Version=0.1 old and longer");
