@@ -3,46 +3,31 @@
 #include "transfer/pull_file.h"
 
 #include <gtest/gtest.h>
-#include <sys/wait.h>
 
 #include <chrono>
-#include <cstring>
 #include <string>
 #include <thread>
 #include <vector>
 
 #include "platform/winux.h"
 #include "support/device_root.h"
+#include "support/helpers.h"
 #include "support/plugin_host.h"
+#include "support/registry.h"
 #include "support/scripted_http_peer.h"
 #include "xq/spool.h"
 
 namespace {
 
 using ftctest::Reply;
-using Clock = std::chrono::steady_clock;
 
 const char kDest[] = "\\Flash File Store\\pulled\\app.bin";
-
-void SetServerIP(const wchar_t* value) {
-  HKEY key = nullptr;
-  ASSERT_EQ(RegCreateKeyEx(HKEY_LOCAL_MACHINE, L"SOFTWARE\\Tervalon\\XQueue", 0, nullptr, 0, 0,
-                           nullptr, &key, nullptr),
-            ERROR_SUCCESS);
-  RegSetValueEx(key, L"ServerIP", 0, REG_SZ, reinterpret_cast<const BYTE*>(value),
-                static_cast<DWORD>((wcslen(value) + 1) * sizeof(wchar_t)));
-  RegCloseKey(key);
-}
 
 std::string Narrow(const std::wstring& w) {
   return std::string(w.begin(), w.end());
 }
 
-int Count(const std::string& text, const std::string& what) {
-  int n = 0;
-  for (size_t at = text.find(what); at != std::string::npos; at = text.find(what, at + 1)) ++n;
-  return n;
-}
+using ftctest::Count;
 
 class PullFile : public ::testing::Test {
  protected:
@@ -51,7 +36,7 @@ class PullFile : public ::testing::Test {
     ftctest::PluginHost::ClearSendUps();
   }
 
-  std::string Log() const { return ftctest::PluginHost::LogText(root); }
+  std::string Log() const { return root.Log(); }
   // "CODE TEXT" of each device event in the spool, in order.
   std::vector<std::string> Events() const {
     std::vector<std::string> out;
@@ -70,16 +55,8 @@ class PullFile : public ::testing::Test {
     }
     return out;
   }
-  bool WaitFor(const std::function<bool()>& done, std::chrono::seconds timeout) {
-    auto until = Clock::now() + timeout;
-    while (Clock::now() < until) {
-      if (done()) return true;
-      std::this_thread::sleep_for(std::chrono::milliseconds(10));
-    }
-    return false;
-  }
   bool WaitForComplete() {
-    return WaitFor(
+    return ftctest::WaitUntil(
         [&] {
           auto s = States();
           return !s.empty() && s.back() == "1 File Transfer Complete";
@@ -99,13 +76,15 @@ class PullFile : public ::testing::Test {
 const std::string kBody = "pulled file body\n";
 const Reply kCompletionAck = Reply::Raw("HTTP/1.1 200 OK\r\nContent-Length: 0\r\n\r\n");
 
+// The server is the registered one; the file arrives on the third attempt.
 TEST_F(PullFile, SucceedsAfterTwoFailedAttempts) {
   ftctest::ScriptedHttpPeer peer({Reply::Raw("HTTP/1.1 404 Not Found\r\nContent-Length: 0\r\n\r\n"),
                                   Reply::Raw("HTTP/1.1 503 Busy\r\nContent-Length: 0\r\n\r\n"),
                                   Reply::Ok(kBody, ftctest::ReferenceCrc32(kBody)),
                                   kCompletionAck});
+  ASSERT_TRUE(ftctest::SetServerIP(L"127.0.0.1:" + std::to_wstring(peer.Port())));
   ftctest::PluginHost host;
-  ASSERT_EQ(Pull(host, Narrow(peer.Url())), 0u);
+  ASSERT_EQ(Pull(host, "http://%XQ_SERVERIP%:1"), 0u);
   ASSERT_TRUE(WaitForComplete()) << Log();
 
   EXPECT_EQ(root.ReadFile(kDest), kBody);
@@ -135,7 +114,8 @@ TEST_F(PullFile, GivesUpAfterTenAttemptsWithoutACompleteEvent) {
   ftctest::ScriptedHttpPeer peer(failures);
   ftctest::PluginHost host;
   ASSERT_EQ(Pull(host, Narrow(peer.Url())), 0u);
-  ASSERT_TRUE(WaitFor([&] { return Count(Log(), "retrying 1") == 10; }, std::chrono::seconds(20)));
+  ASSERT_TRUE(ftctest::WaitUntil([&] { return Count(Log(), "retrying 1") == 10; },
+                                 std::chrono::seconds(20)));
   // The tenth pause is the thread's last act; give it time to have reported anything more.
   std::this_thread::sleep_for(std::chrono::milliseconds(300));
   EXPECT_EQ(Count(Log(), "retrying 1"), 10);
@@ -144,19 +124,6 @@ TEST_F(PullFile, GivesUpAfterTenAttemptsWithoutACompleteEvent) {
   EXPECT_EQ(Events(), (std::vector<std::string>{"205186 " + dest}));
   EXPECT_EQ(States(), (std::vector<std::string>{"1 Transfering file - " + dest}));
   EXPECT_FALSE(root.Exists(kDest));
-}
-
-TEST_F(PullFile, ServerAddressComesFromTheRegistry) {
-  ftctest::ScriptedHttpPeer peer(
-      {Reply::Ok(kBody, ftctest::ReferenceCrc32(kBody)), kCompletionAck});
-  std::wstring server = L"127.0.0.1:" + std::to_wstring(peer.Port());
-  SetServerIP(server.c_str());
-  ftctest::PluginHost host;
-  ASSERT_EQ(Pull(host, "http://%XQ_SERVERIP%:1"), 0u);
-  ASSERT_TRUE(WaitForComplete()) << Log();
-  EXPECT_EQ(root.ReadFile(kDest), kBody);
-  EXPECT_NE(Log().find("PullFileThread - http://" + Narrow(server) + ", pkg\\app.bin"),
-            std::string::npos);
 }
 
 TEST(PullFileServer, TokenIsReplacedByTheRegisteredAddress) {
@@ -176,7 +143,9 @@ TEST(PullFileServer, TokenIsReplacedByTheRegisteredAddress) {
   };
   for (const Case& c : cases) {
     ftctest::DeviceRoot root;
-    if (c.value) SetServerIP(c.value);
+    if (c.value) {
+      ASSERT_TRUE(ftctest::SetServerIP(c.value));
+    }
     char url[256];
     snprintf(url, sizeof url, "%s", c.url);
     SubstituteServerIP(url);
@@ -200,17 +169,13 @@ TEST(PullCommand, ReportsTheOutcomeInItsExitCode) {
   };
   for (const Case& c : cases) {
     ftctest::DeviceRoot root;
-    std::string cmd = ftctest::BinDir() + "/ftc-host pull --url '" + c.url +
-                      "' --file 'pkg\\app.bin' --dest '" + kDest + "' --root " + root.path() +
-                      " --time-scale 0.001" +
-                      (c.bundle[0] ? " --bundle " + std::string(c.bundle) : "") + " 2>&1";
-    FILE* p = popen(cmd.c_str(), "r");
-    ASSERT_NE(p, nullptr);
-    std::string out;
-    char buf[512];
-    while (size_t n = fread(buf, 1, sizeof buf, p)) out.append(buf, n);
-    int status = pclose(p);
-    EXPECT_EQ(WEXITSTATUS(status), c.exitCode) << out;
+    int status = -1;
+    std::string out = ftctest::RunCommand(
+        ftctest::BinDir() + "/ftc-host pull --url '" + c.url + "' --file 'pkg\\app.bin' --dest '" +
+            kDest + "' --root " + root.path() + " --time-scale 0.001" +
+            (c.bundle[0] ? " --bundle " + std::string(c.bundle) : ""),
+        &status);
+    EXPECT_EQ(status, c.exitCode) << out;
     EXPECT_NE(out.find(c.said), std::string::npos) << out;
     EXPECT_EQ(root.Exists(kDest), c.exitCode == 0) << c.url;
     if (c.exitCode == 0) {
