@@ -77,12 +77,14 @@ TEST_F(HttpClient, RequestCarriesTheDeviceIdentityAndTheDottedAddress) {
             "Cache-Control: no-cache\r\n\r\n");
 }
 
+// Files share one connection until the peer closes it, and count towards the bundle.
 TEST_F(HttpClient, FilesShareOneConnectionAndCountTowardsTheBundle) {
   std::string a = ftctest::RandomBytes(100000, 1), b = ftctest::RandomBytes(50000, 2);
   Reply ra = Reply::Ok(a, ReferenceCrc32(a), "Content-Attributes: 1\r\n");
   Reply rb = Reply::Ok(b, ReferenceCrc32(b), "Content-timestamp: 03-05-2024 07:08:09\r\n");
   ra.chunk = rb.chunk = 7000;
-  ftctest::ScriptedHttpPeer peer({ra, rb});
+  rb.close = true;
+  ftctest::ScriptedHttpPeer peer({ra, rb, Reply::Ok(b, ReferenceCrc32(b))});
   HANDLE working = CreateSemaphore(nullptr, 0, 100000, nullptr);
   client.SetWorkingSemaphore(working);
   client.SetStatusFunction(RecordStatus);
@@ -99,32 +101,22 @@ TEST_F(HttpClient, FilesShareOneConnectionAndCountTowardsTheBundle) {
   EXPECT_EQ(peer.Connections(), 1);
   EXPECT_TRUE(File() == a);
   EXPECT_TRUE(File("\\Flash File Store\\b.bin") == b);
-  EXPECT_EQ(CHTTPClient::GetBundleRxBytes(), a.size() + b.size());
+  EXPECT_EQ(Fetch(peer.Url(L"/c.bin"), L"\\Flash File Store\\c.bin"), 1);
+  EXPECT_EQ(peer.Connections(), 2);
+  EXPECT_EQ(CHTTPClient::GetBundleRxBytes(), a.size() + 2 * b.size());
   EXPECT_EQ(GetFileAttributes(L"\\Flash File Store\\a.bin") & FILE_ATTRIBUTE_READONLY, 1u);
   std::string log = Log();
   EXPECT_TRUE(Has(log, "FileTransferConfiglet - CHttpClient:Get - No Content-timestamp\r\n"));
   EXPECT_TRUE(Has(log, "FileTransferConfiglet - CHttpClient:Get - No Content-Attributes\r\n"));
   EXPECT_TRUE(Has(log, "FileTransferConfiglet - Content-timestamp:  03-05-2024 07:08:09\r\n"));
-  EXPECT_TRUE(Has(log, "Setting file attributes, \\Flash File Store\\a.bin, 1, 1\r\n"));
   EXPECT_TRUE(Has(log,
                   "FileTransferConfiglet - http file size match, transfer success\r\n"
-                  "Setting file attributes"));
+                  "Setting file attributes, \\Flash File Store\\a.bin, 1, 1\r\n"));
   EXPECT_TRUE(Has(log,
                   "performing CRC check\r\nFileTransferConfiglet - FILECRC32\r\n"
                   "FTCCCRC32::FileCRC32 - In\r\n"));
   EXPECT_TRUE(Has(log, "FileTransferConfiglet - good CRC\r\n"));
   CloseHandle(working);
-}
-
-TEST_F(HttpClient, AConnectionThePeerClosedIsReplaced) {
-  std::string a = ftctest::RandomBytes(40000, 3);
-  Reply first = Reply::Ok(a, ReferenceCrc32(a));
-  first.chunk = 10000;
-  first.close = true;
-  ftctest::ScriptedHttpPeer peer({first, Reply::Ok(a, ReferenceCrc32(a))});
-  EXPECT_EQ(Fetch(peer.Url(L"/a.bin")), 1);
-  EXPECT_EQ(Fetch(peer.Url(L"/a.bin")), 1);
-  EXPECT_EQ(peer.Connections(), 2);
 }
 
 TEST_F(HttpClient, OpenURLMovesBetweenServersAndRefusesWhatItCannotReach) {
@@ -329,9 +321,7 @@ TEST_F(HttpClient, CheckPointBlocks) {
     int result;
   } cases[] = {
       {"good", block(data, ReferenceCrc32(data), 3000), 1},
-      {"empty", block("", 0, 0), 1},
       {"damaged", block(data, ReferenceCrc32(data) ^ 4, 3000), 0},
-      {"longer than the buffer", block(data, ReferenceCrc32(data), 0x7FFFFFF0), 0},
       {"cut short", block(data, ReferenceCrc32(data), 3000).substr(0, 2000), 0},
   };
   client.SetTimeout(200);
@@ -345,9 +335,8 @@ TEST_F(HttpClient, CheckPointBlocks) {
     std::vector<char> buffer(4096);
     DWORD count = 0;
     EXPECT_EQ(client.GetChkPntBlk(buffer.data(), count, DWORD(buffer.size())), c.result) << c.name;
-    if (c.result && c.name == std::string("good")) {
-      EXPECT_EQ(count, 3000u);
-      EXPECT_EQ(std::string(buffer.data(), 3000), data);
+    if (c.result) {
+      EXPECT_EQ(std::string(buffer.data(), count), data);
     }
     client.CloseURL();
   }
@@ -384,26 +373,13 @@ TEST(HttpUrl, ParseURL) {
   EXPECT_EQ(client.ParseURL(tooLong.c_str(), host, path, &port), 0);
 }
 
-TEST(HttpUrl, TimestampHeader) {
-  struct Case {
-    const char* text;
-    int result;
-    SYSTEMTIME time;
-  } cases[] = {
-      {"03-05-2024 07:08:09", 1, {2024, 3, 0, 5, 7, 8, 9, 0}},
-      {"12-31-1999 23:59:58", 1, {1999, 12, 0, 31, 23, 59, 58, 0}},
-      {"03-05-2024", 0, {2024, 3, 0, 5, 0, 0, 0, 0}},
-      {"", 0, {}},
-  };
-  for (const auto& c : cases) {
-    char text[64];
-    snprintf(text, sizeof text, "%s", c.text);
-    SYSTEMTIME t;
-    std::memset(&t, 0xAB, sizeof t);
-    EXPECT_EQ(GetFileDateTimeFromHeader(text, &t), c.result) << c.text;
-    if (!c.text[0]) continue;
-    EXPECT_EQ(std::memcmp(&t, &c.time, sizeof t), 0) << c.text;
-  }
+TEST(HttpUrl, TimestampHeaderNeedsDateAndTime) {
+  char whole[] = "03-05-2024 07:08:09", dateOnly[] = "03-05-2024";
+  SYSTEMTIME t, expected = {2024, 3, 0, 5, 7, 8, 9, 0};
+  std::memset(&t, 0xAB, sizeof t);
+  EXPECT_EQ(GetFileDateTimeFromHeader(whole, &t), 1);
+  EXPECT_EQ(std::memcmp(&t, &expected, sizeof t), 0);
+  EXPECT_EQ(GetFileDateTimeFromHeader(dateOnly, &t), 0);
 }
 
 }  // namespace
