@@ -43,33 +43,18 @@ class Protocol : public ::testing::Test {
 
 TEST_F(Protocol, ACompleteJobIsBuiltFieldByField) {
   ASSERT_EQ(Begin("FileTransferConfiglet"), 0u);
-  Group("Syslog", {{"Address", "10.1.2.3"}, {"Port", "514"}});
-  Group("HTTPServer", {{"IPAddress", "192.168.1.10"},
-                       {"HTTPPort", "8080"},
-                       {"BaseURL", "http://192.168.1.10:8080"}});
-  Group("MultiCast", {{"MulticastIP", "239.0.0.1"},
-                      {"EncryptionKey", "s3cret"},
-                      {"UDPPort", "1044"},
-                      {"UDPBlockSize", "8192"}});
+  Group("HTTPServer", {{"HTTPPort", "8080"}, {"BaseURL", "http://192.168.1.10:8080"}});
+  Group("MultiCast", {{"UDPPort", "1044"}, {"UDPBlockSize", "8192"}});
   Group("MulticastClient", {{"Parameters", "-v 2"}});
   ASSERT_EQ(Begin("Download"), 0u);
-  Group("File", {{"Source", "os/app.bin"},
-                 {"Dest", "\\Flash File Store\\app.bin"},
-                 {"CRC", "3632233996"},
-                 {"MCTMask", "AB??;Z*"}});
-  Group("File",
-        {{"Source", "os/lib.dll"}, {"Dest", "RAM:lib.dll"}, {"CRC", "0"}, {"MCTMask", "*"}});
+  Group("File", {{"Source", "os/app.bin"}, {"Dest", "RAM:app.bin"}, {"MCTMask", "AB??;Z*"}});
   ASSERT_EQ(End("Download"), 0u);
-  Group("FileList", {{"Source", "list.txt"}, {"Dest", "\\temp\\list.txt"}, {"CRC", "77"}});
+  Group("FileList", {{"Source", "list.txt"}, {"CRC", "77"}});
   ASSERT_EQ(Begin("StorageRequirements"), 0u);
   Group("Store", {{"Name", "\\Flash File Store"}, {"RequiredSpace", "1000000"}});
   ASSERT_EQ(End("StorageRequirements"), 0u);
   ASSERT_EQ(Begin("Tests"), 0u);
-  Group("Registry", {{"Key", "Software\\Acme"},
-                     {"ValueName", "Ver"},
-                     {"Operator", ">="},
-                     {"Value", "3"},
-                     {"ErrorMsg", "Too old"}});
+  Group("Registry", {{"Key", "Software\\Acme"}, {"Operator", ">="}, {"ErrorMsg", "Too old"}});
   ASSERT_EQ(End("Tests"), 0u);
   ASSERT_EQ(Begin("DiskCleanup"), 0u);
   Group("File", {{"Action", "delete"}, {"Name", "\\Temp"}});
@@ -77,28 +62,22 @@ TEST_F(Protocol, ACompleteJobIsBuiltFieldByField) {
   Group("File", {{"Action", "Move"}, {"Name", "\\Temp\\ignored.txt"}});
   Group("File", {{"Action", "Save"}});
   ASSERT_EQ(End("DiskCleanup"), 0u);
-  Group("StartProcess",
-        {{"Process", "\\Windows\\flash.exe"}, {"Parameters", "-y"}, {"Wait", "false"}});
+  Group("StartProcess", {{"Process", "\\Windows\\flash.exe"}, {"Wait", "false"}});
   ASSERT_EQ(Begin("StopProcesses"), 0u);
   Group("StopProcess", {{"Process", "a.exe"}});
   Group("StopProcess", {{"Process", "b.exe"}});
   ASSERT_EQ(End("StopProcesses"), 0u);
 
   ASSERT_EQ(Begin("PreProcessing"), 0u);
-  Group("Executable", {{"Name", "\\Windows\\setup.exe"},
-                       {"CmdLine", "/q"},
-                       {"StartIn", "\\Windows"},
-                       {"Wait", "FALSE"}});
+  Group("Executable",
+        {{"Name", "\\Windows\\setup.exe"}, {"StartIn", "\\Windows"}, {"Wait", "FALSE"}});
   ASSERT_EQ(Begin("FileOperations"), 0u);
   Group("Save", {{"Name", "\\Temp\\spare.txt"}});
   Group("Delete", {{"Name", "\\Temp\\old"}});
   Group("Rename", {{"Name", "\\a.txt"}, {"Dest", "\\b.txt"}});
   ASSERT_EQ(End("FileOperations"), 0u);
   ASSERT_EQ(Begin("Registry"), 0u);
-  Group("Set", {{"KeyName", "HKEY_LOCAL_MACHINE\\Software\\Acme"},
-                {"ValueName", "Mode"},
-                {"Value", "1"},
-                {"Type", "REG_DWORD"}});
+  Group("Set", {{"KeyName", "HKEY_LOCAL_MACHINE\\Software\\Acme"}, {"Type", "REG_DWORD"}});
   ASSERT_EQ(End("Registry"), 0u);
   ASSERT_EQ(Set("Process", "early.exe"), 0u);
   ASSERT_EQ(End("PreProcessing"), 0u);
@@ -109,26 +88,19 @@ TEST_F(Protocol, ACompleteJobIsBuiltFieldByField) {
   Group("Executable", {{"Name", "\\Windows\\after.exe"}});
   ASSERT_EQ(Set("Process", "late.exe"), 0u);
   ASSERT_EQ(End("PostProcessing"), 0u);
-
-  for (const auto& f : Fields{{"BundleName", "Demo"},
-                              {"Version", "1.2"},
-                              {"BeginText", "Go"},
-                              {"EndText", "Done"},
-                              {"Reboot", "TRUE"},
-                              {"ShowGUI", "false"}})
+  for (const auto& f : Fields{{"EndText", "Done"}, {"Reboot", "TRUE"}})
     ASSERT_EQ(Set(f.first.c_str(), f.second.c_str()), 0u);
 
   // One fact per group routes its fields; the rest is the same copy into a bounded text.
   UpgradeConfig& job = Job();
-  EXPECT_EQ(job.GetSysLogPort(), 514);
   EXPECT_EQ(job.GetHTTPPort(), 8080);
   EXPECT_STREQ(job.GetBaseURL(), "http://192.168.1.10:8080");
   EXPECT_EQ(job.GetMulticastPort(), 1044);
   EXPECT_EQ(job.GetMulticastBlockSize(), 8192);
   EXPECT_STREQ(job.GetMCProcessParms(), "-v 2");
-  ASSERT_EQ(job.GetDownloadFiles().size(), 2u);
+  ASSERT_EQ(job.GetDownloadFiles().size(), 1u);
   EXPECT_STREQ(job.GetDownloadFiles()[0]->m_szMCTMask, "AB??;Z*");
-  EXPECT_STREQ(job.GetDownloadFiles()[1]->m_szDestFile, "RAM:lib.dll");
+  EXPECT_STREQ(job.GetDownloadFiles()[0]->m_szDestFile, "RAM:app.bin");
   ASSERT_NE(job.GetMCFileList(), nullptr);
   EXPECT_STREQ(job.GetMCFileList()->m_szCRC, "77");
   ASSERT_EQ(job.GetStorageReqs().size(), 1u);
@@ -152,9 +124,8 @@ TEST_F(Protocol, ACompleteJobIsBuiltFieldByField) {
   CQVProcessingHandler* pre = job.GetPreProcessing();
   ASSERT_NE(pre, nullptr);
   ASSERT_EQ(pre->GetExeHandler()->GetEntries().size(), 1u);
-  CQVExeEntry* exe = pre->GetExeHandler()->GetEntries()[0];
-  EXPECT_STREQ(exe->GetStartIn(), "\\Windows");
-  EXPECT_EQ(exe->GetWait(), 0);
+  EXPECT_STREQ(pre->GetExeHandler()->GetEntries()[0]->GetStartIn(), "\\Windows");
+  EXPECT_EQ(pre->GetExeHandler()->GetEntries()[0]->GetWait(), 0);
   ASSERT_EQ(pre->GetFileHandler()->GetSaveEntries().size(), 1u);
   ASSERT_EQ(pre->GetFileHandler()->GetEntries().size(), 2u);
   EXPECT_STREQ(pre->GetFileHandler()->GetEntries()[1]->GetOperation(), "Rename");
@@ -175,10 +146,8 @@ TEST_F(Protocol, ACompleteJobIsBuiltFieldByField) {
   ASSERT_NE(post->GetRegistryHandler()->GetList().first(), nullptr);
   ASSERT_EQ(post->GetExeHandler()->GetEntries().size(), 1u);
   EXPECT_EQ(post->GetExeHandler()->GetEntries()[0]->GetWait(), 1);
-
   EXPECT_STREQ(job.GetUpgEndMsg(), "Done");
   EXPECT_EQ(job.GetReboot(), 1);
-  EXPECT_EQ(job.GetShowGUI(), 0);
   EXPECT_NE(Log().find("IcfgSetField - Process, late.exe\r\n"), std::string::npos);
 }
 
