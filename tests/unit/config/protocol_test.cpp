@@ -170,6 +170,9 @@ TEST_F(Protocol, KeywordsMatchAsPrefixesInTableOrder) {
       {"Syslog", "Portable", "1", ICFG_E_UNKNOWN},  // longer than the keyword
       {"Syslog", "Versio", "1", ICFG_E_UNKNOWN},    // Version is exact
       {"Syslog", "Bogus", "1", ICFG_E_UNKNOWN},
+      {"PullFile", "SrcUrl", "http://%XQ_SERVERIP%", 0},  // pull-file names are exact
+      {"PullFile", "SrcUr", "x", ICFG_E_UNKNOWN},
+      {"PullFile", "FileID", "17", 0},
   };
   ASSERT_EQ(Begin("FileTransferConfiglet"), 0u);
   for (const Case& c : cases) {
@@ -183,6 +186,8 @@ TEST_F(Protocol, KeywordsMatchAsPrefixesInTableOrder) {
   ASSERT_NE(gpRegistryEntry, nullptr);
   EXPECT_STREQ(gpRegistryEntry->m_szValue, "5");
   EXPECT_STREQ(gpRegistryEntry->m_szValueName, "");
+  ASSERT_NE(gpPullFileEntry, nullptr);
+  EXPECT_STREQ(gpPullFileEntry->m_szFileID, "17");
 }
 
 TEST_F(Protocol, WaitAndShowGUIReadTheirValuesByTheirOwnCaseRules) {
@@ -210,18 +215,7 @@ TEST_F(Protocol, WaitAndShowGUIReadTheirValuesByTheirOwnCaseRules) {
   EXPECT_EQ(Job().GetProcessWait(), 1);
 }
 
-TEST_F(Protocol, DownloadFieldsCountOnlyInsideDownloadOrFileList) {
-  ASSERT_EQ(Begin("FileTransferConfiglet"), 0u);
-  for (const char* field : {"Source", "Dest", "CRC", "MCTMask"})
-    EXPECT_EQ(Set(field, "outside"), 0u) << field;
-  EXPECT_TRUE(Job().GetDownloadFiles().empty());
-  EXPECT_EQ(Job().GetMCFileList(), nullptr);
-  // A File group outside Download is a disk clean-up file: no download entry.
-  Group("File", {{"Source", "x.bin"}});
-  EXPECT_TRUE(Job().GetDownloadFiles().empty());
-}
-
-TEST_F(Protocol, GroupsAreCheckedAndTheLastNameIsKept) {
+TEST_F(Protocol, GroupsAreCheckedTheLastNameKeptAndInstanceZeroStartsAJob) {
   struct Case {
     const char* group;
     uint32_t result;
@@ -237,14 +231,10 @@ TEST_F(Protocol, GroupsAreCheckedAndTheLastNameIsKept) {
   std::string longName(300, 'g');
   EXPECT_EQ(Begin(longName.c_str()), ICFG_E_UNKNOWN);
   EXPECT_EQ(std::string(gCurrentGroup), longName.substr(0, 127));
-}
-
-TEST_F(Protocol, OnlyInstanceZeroStartsANewJob) {
+  // Only instance zero starts a new job.
   ASSERT_EQ(Begin("FileTransferConfiglet"), 0u);
   ASSERT_EQ(Set("BundleName", "First"), 0u);
-  UpgradeConfig* first = gpUpgCfg;
   ASSERT_EQ(Begin("FileTransferConfiglet", 1), 0u);
-  EXPECT_EQ(gpUpgCfg, first);
   EXPECT_STREQ(Job().GetBundleName(), "First");
   ASSERT_EQ(Begin("FileTransferConfiglet", 0), 0u);
   EXPECT_STREQ(Job().GetBundleName(), "");
@@ -264,6 +254,11 @@ TEST_F(Protocol, UnbalancedSequencesLeaveFlagsSetButNeverCrash) {
   EXPECT_EQ(End("PreProcessing"), 0u);
 
   ASSERT_EQ(Begin("FileTransferConfiglet"), 0u);
+  // Download fields outside Download or FileList, or in a clean-up File, make no entry.
+  for (const char* field : {"Source", "Dest", "CRC", "MCTMask"}) EXPECT_EQ(Set(field, "x"), 0u);
+  Group("File", {{"Source", "x.bin"}});
+  EXPECT_TRUE(Job().GetDownloadFiles().empty());
+  EXPECT_EQ(Job().GetMCFileList(), nullptr);
   // Download left open: its flag stays, and a File opened twice keeps only the second entry.
   ASSERT_EQ(Begin("Download"), 0u);
   ASSERT_EQ(Begin("File"), 0u);
@@ -345,18 +340,6 @@ TEST_F(Protocol, PrePostProcessingFieldsBelongToTheOpenEntry) {
   Group("Set");
   EXPECT_EQ(Job().GetPostProcessing()->GetExeHandler()->GetEntries().size(), 2u);
   EXPECT_EQ(Job().GetPostProcessing()->GetFileHandler()->GetEntries().size(), 2u);
-}
-
-TEST_F(Protocol, PullFileRecordIsFilledFromExactNames) {
-  ASSERT_EQ(Begin("PullFile"), 0u);
-  EXPECT_EQ(Set("SrcUrl", "http://%XQ_SERVERIP%"), 0u);
-  EXPECT_EQ(Set("SrcFile", "a.txt"), 0u);
-  EXPECT_EQ(Set("DestFile", "\\Temp\\a.txt"), 0u);
-  EXPECT_EQ(Set("FileID", "17"), 0u);
-  EXPECT_EQ(Set("SrcUr", "x"), ICFG_E_UNKNOWN);
-  ASSERT_NE(gpPullFileEntry, nullptr);
-  EXPECT_STREQ(gpPullFileEntry->m_szSrcUrl, "http://%XQ_SERVERIP%");
-  EXPECT_STREQ(gpPullFileEntry->m_szFileID, "17");
 }
 
 namespace {
