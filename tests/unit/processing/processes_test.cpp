@@ -32,6 +32,13 @@ std::unique_ptr<ftctest::Child> StartSleeper(const ftctest::DeviceRoot& root,
 
 TEST(StopProcesses, StopsTheExactNameAndLeavesADifferentlyCasedOneRunning) {
   ftctest::DeviceRoot root;
+  // An empty list takes no snapshot but still reports returning.
+  CQVProcessingHandler().StopProcesses();
+  EXPECT_NE(root.Log().find("CQVProcessingHandler::QVStopProcesses - returning\r\n"),
+            std::string::npos);
+  EXPECT_EQ(root.Log().find("snapshot"), std::string::npos);
+  root.WriteFile("/tmp/FileXfer.txt", "");
+
   auto doomed = StartSleeper(root, "FtcStopMeSleeperLongName");
   auto spared = StartSleeper(root, "FtcKeepMeSleeperLongName");
 
@@ -52,15 +59,6 @@ TEST(StopProcesses, StopsTheExactNameAndLeavesADifferentlyCasedOneRunning) {
                      "CQVProcessingHandler::QVTerminateProc !FtcKeepMeSleeper! \r\n"
                      "CQVProcessingHandler::QVStopProcesses - Closing snapshot\r\n"
                      "CQVProcessingHandler::QVStopProcesses - returning\r\n"));
-}
-
-TEST(StopProcesses, AnEmptyListTakesNoSnapshotButStillReportsReturning) {
-  ftctest::DeviceRoot root;
-  CQVProcessingHandler handler;
-  handler.StopProcesses();
-  const std::string log = root.Log();
-  EXPECT_NE(std::string::npos, log.find("CQVProcessingHandler::QVStopProcesses - returning\r\n"));
-  EXPECT_EQ(std::string::npos, log.find("snapshot"));
 }
 
 TEST(ExecFile, AnExistingProgramGetsItsStartInFolderAndIsNotLaunched) {
