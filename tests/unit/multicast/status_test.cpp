@@ -22,19 +22,10 @@ namespace {
 
 // Progress and amount big-endian at 2 and 8; bytes 0 and 4 are read but not used.
 std::string Datagram(int progress, uint32_t amount, const std::string& text) {
-  return std::string{1,
-                     0,
-                     char(progress >> 8),
-                     char(progress),
-                     '\x7f',
-                     0,
-                     0,
-                     0,
-                     char(amount >> 24),
-                     char(amount >> 16),
-                     char(amount >> 8),
-                     char(amount)} +
-         text;
+  std::string d(12, '\0');
+  d[0] = 1, d[4] = '\x7f', d[2] = char(progress >> 8), d[3] = char(progress);
+  for (int i = 0; i < 4; ++i) d[8 + i] = char(amount >> (24 - 8 * i));
+  return d + text;
 }
 
 // What the registered status display was asked to show.
