@@ -9,22 +9,6 @@
 
 namespace {
 
-TEST(Crc32, KnownValues) {
-  struct Case {
-    std::string text;
-    DWORD crc;
-  } cases[] = {
-      {"", 0},
-      {"123456789", 0xCBF43926u},
-      {"a", 0xE8B7BE43u},
-      {"The quick brown fox jumps over the lazy dog", 0x414FA339u},
-      {std::string(100, '\0'), ftctest::ReferenceCrc32(std::string(100, '\0'))},
-  };
-  FTCCCRC32 crc;
-  for (const auto& c : cases)
-    EXPECT_EQ(crc.CalcBufferCRC(c.text.data(), DWORD(c.text.size())), c.crc) << c.text;
-}
-
 // The fast paths (table slicing, carry-less multiply) must agree with the stored table byte by
 // byte at every length and alignment, around each path's block boundaries.
 TEST(Crc32, FastPathsMatchTheTable) {
@@ -32,6 +16,7 @@ TEST(Crc32, FastPathsMatchTheTable) {
   std::string data(70000, '\0');
   for (char& c : data) c = char(rng());
   FTCCCRC32 crc;
+  EXPECT_EQ(crc.CalcBufferCRC("123456789", 9), 0xCBF43926u);  // the standard check value
   auto bytewise = [&](size_t at, size_t len) {
     DWORD r = 0xFFFFFFFFu;
     for (size_t i = 0; i < len; ++i) crc.CalcCrc32(static_cast<unsigned char>(data[at + i]), r);
