@@ -10,16 +10,19 @@
 
 #include "platform/hostclasses.h"
 #include "platform/winux.h"
+#include "sdk_internal.h"
 #include "winux/winux_host.h"
 
 namespace {
 
 std::string Map(const char* path) {
-  if (!path || !*path) {
-    SetLastError(ERROR_INVALID_PARAMETER);
-    return "";
-  }
-  return WinuxMapPath(path);
+  return SdkNoThrow<std::string>(std::string(), [&]() -> std::string {
+    if (!path || !*path) {
+      SetLastError(ERROR_INVALID_PARAMETER);
+      return "";
+    }
+    return WinuxMapPath(path);
+  });
 }
 
 // Write permission follows the device's read-only bit; only the owner's is given back.

@@ -111,20 +111,24 @@ bool MapPair(const wchar_t* existing, const wchar_t* target, std::string* from, 
 }  // namespace
 
 BOOL QVFileExists(const char* path) {
-  return path && Exists(WinuxMapPath(path)) ? TRUE : FALSE;
+  return SdkNoThrow<BOOL>(
+      FALSE, [&]() -> BOOL { return path && Exists(WinuxMapPath(path)) ? TRUE : FALSE; });
 }
 
 BOOL QVFileExists(const wchar_t* path) {
-  return path && Exists(WinuxMapPathW(path)) ? TRUE : FALSE;
+  return SdkNoThrow<BOOL>(
+      FALSE, [&]() -> BOOL { return path && Exists(WinuxMapPathW(path)) ? TRUE : FALSE; });
 }
 
 HANDLE QVOpenFile(const wchar_t* path, int mode) {
-  return Open(path, mode);
+  return SdkNoThrow<HANDLE>(INVALID_HANDLE_VALUE, [&]() -> HANDLE { return Open(path, mode); });
 }
 
 HANDLE QVOpenFile(const char* path, int mode) {
-  if (!path) return Open(nullptr, mode);
-  return Open(SdkWiden(path).c_str(), mode);
+  return SdkNoThrow<HANDLE>(INVALID_HANDLE_VALUE, [&]() -> HANDLE {
+    if (!path) return Open(nullptr, mode);
+    return Open(SdkWiden(path).c_str(), mode);
+  });
 }
 
 DWORD QVGetFileSize(HANDLE file) {
@@ -144,29 +148,33 @@ BOOL QVCloseFile(HANDLE file) {
 }
 
 BOOL TVLRenameFileW(const wchar_t* existing, const wchar_t* target) {
-  std::string from, to;
-  if (!MapPair(existing, target, &from, &to)) return FALSE;
-  struct stat st;
-  if (stat(to.c_str(), &st) == 0 && S_ISDIR(st.st_mode)) {
-    SetLastError(ERROR_ACCESS_DENIED);
-    return FALSE;
-  }
-  if (rename(from.c_str(), to.c_str()) == 0) return TRUE;
-  if (errno != EXDEV) {
-    WinuxSetLastErrorFromErrno(errno);
-    return FALSE;
-  }
-  // Another file system (the memory-backed area, say): copy, then remove the original.
-  if (!CopyHostFile(from, to)) return FALSE;
-  if (unlink(from.c_str()) != 0) {
-    WinuxSetLastErrorFromErrno(errno);
-    return FALSE;
-  }
-  return TRUE;
+  return SdkNoThrow<BOOL>(FALSE, [&]() -> BOOL {
+    std::string from, to;
+    if (!MapPair(existing, target, &from, &to)) return FALSE;
+    struct stat st;
+    if (stat(to.c_str(), &st) == 0 && S_ISDIR(st.st_mode)) {
+      SetLastError(ERROR_ACCESS_DENIED);
+      return FALSE;
+    }
+    if (rename(from.c_str(), to.c_str()) == 0) return TRUE;
+    if (errno != EXDEV) {
+      WinuxSetLastErrorFromErrno(errno);
+      return FALSE;
+    }
+    // Another file system (the memory-backed area, say): copy, then remove the original.
+    if (!CopyHostFile(from, to)) return FALSE;
+    if (unlink(from.c_str()) != 0) {
+      WinuxSetLastErrorFromErrno(errno);
+      return FALSE;
+    }
+    return TRUE;
+  });
 }
 
 BOOL TVLCopyFileW(const wchar_t* existing, const wchar_t* target) {
-  std::string from, to;
-  if (!MapPair(existing, target, &from, &to)) return FALSE;
-  return CopyHostFile(from, to) ? TRUE : FALSE;
+  return SdkNoThrow<BOOL>(FALSE, [&]() -> BOOL {
+    std::string from, to;
+    if (!MapPair(existing, target, &from, &to)) return FALSE;
+    return CopyHostFile(from, to) ? TRUE : FALSE;
+  });
 }

@@ -20,6 +20,7 @@
 
 #include "platform/helpers.h"
 #include "platform/winux.h"
+#include "sdk_internal.h"
 #include "winux/winux_host.h"
 
 extern char** environ;
@@ -90,65 +91,72 @@ bool WriteAll(int fd, const std::string& text) {
 }  // namespace
 
 DWORD TVLHWID::GetSerialNumber(char* buffer, DWORD* length) {
-  return Fill(SerialNumber(), buffer, length);
+  return SdkNoThrow<DWORD>(ERROR_NOT_ENOUGH_MEMORY,
+                           [&]() -> DWORD { return Fill(SerialNumber(), buffer, length); });
 }
 
 DWORD TVLHWID::GetHardwareCfg(char* buffer, DWORD* length) {
-  return Fill(HardwareCfg(), buffer, length);
+  return SdkNoThrow<DWORD>(ERROR_NOT_ENOUGH_MEMORY,
+                           [&]() -> DWORD { return Fill(HardwareCfg(), buffer, length); });
 }
 
 DWORD TVLHWID::GetUniqueID(char* buffer, DWORD* length) {
-  return Fill(UniqueId(), buffer, length);
+  return SdkNoThrow<DWORD>(ERROR_NOT_ENOUGH_MEMORY,
+                           [&]() -> DWORD { return Fill(UniqueId(), buffer, length); });
 }
 
 DWORD TVLHWID::Reboot(DWORD argument) {
-  std::string root = WinuxRoot();
-  std::string dir = root + "/.winux";
-  mkdir(root.c_str(), 0777);
-  if (mkdir(dir.c_str(), 0777) != 0 && errno != EEXIST) {
-    WinuxSetLastErrorFromErrno(errno);
-    return ERROR_PATH_NOT_FOUND;
-  }
-  std::time_t now = std::time(nullptr);
-  std::tm tm{};
-  localtime_r(&now, &tm);
-  char line[96];
-  std::snprintf(line, sizeof line, "%04d-%02d-%02d %02d:%02d:%02d argument=%u\n", tm.tm_year + 1900,
-                tm.tm_mon + 1, tm.tm_mday, tm.tm_hour, tm.tm_min, tm.tm_sec,
-                static_cast<unsigned>(argument));
-  // One append write per request, so requests from several processes never interleave.
-  std::string path = dir + "/reboot-requested";
-  int fd = open(path.c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0666);
-  if (fd < 0) {
-    WinuxSetLastErrorFromErrno(errno);
-    return ERROR_ACCESS_DENIED;
-  }
-  bool ok = WriteAll(fd, line) && fsync(fd) == 0;
-  close(fd);
-  if (!ok) return ERROR_WRITE_FAULT;
+  return SdkNoThrow<DWORD>(ERROR_NOT_ENOUGH_MEMORY, [&]() -> DWORD {
+    std::string root = WinuxRoot();
+    std::string dir = root + "/.winux";
+    mkdir(root.c_str(), 0777);
+    if (mkdir(dir.c_str(), 0777) != 0 && errno != EEXIST) {
+      WinuxSetLastErrorFromErrno(errno);
+      return ERROR_PATH_NOT_FOUND;
+    }
+    std::time_t now = std::time(nullptr);
+    std::tm tm{};
+    localtime_r(&now, &tm);
+    char line[96];
+    std::snprintf(line, sizeof line, "%04d-%02d-%02d %02d:%02d:%02d argument=%u\n",
+                  tm.tm_year + 1900, tm.tm_mon + 1, tm.tm_mday, tm.tm_hour, tm.tm_min, tm.tm_sec,
+                  static_cast<unsigned>(argument));
+    // One append write per request, so requests from several processes never interleave.
+    std::string path = dir + "/reboot-requested";
+    int fd = open(path.c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0666);
+    if (fd < 0) {
+      WinuxSetLastErrorFromErrno(errno);
+      return ERROR_ACCESS_DENIED;
+    }
+    bool ok = WriteAll(fd, line) && fsync(fd) == 0;
+    close(fd);
+    if (!ok) return ERROR_WRITE_FAULT;
 
-  const char* command = std::getenv("WINUX_REBOOT_COMMAND");
-  if (command && *command) {
-    // The argument reaches the command in its environment (setenv is not safe among threads).
-    std::string arg = "WINUX_REBOOT_ARGUMENT=" + std::to_string(argument);
-    std::vector<char*> env;
-    for (char** e = environ; e && *e; ++e)
-      if (std::strncmp(*e, "WINUX_REBOOT_ARGUMENT=", 22) != 0) env.push_back(*e);
-    env.push_back(&arg[0]);
-    env.push_back(nullptr);
-    char sh[] = "/bin/sh", dashC[] = "-c";
-    std::string cmd(command);
-    char* argv[] = {sh, dashC, &cmd[0], nullptr};
-    pid_t pid;
-    if (posix_spawn(&pid, "/bin/sh", nullptr, nullptr, argv, env.data()) == 0) {
-      int status;
-      while (waitpid(pid, &status, 0) < 0 && errno == EINTR) {
+    const char* command = std::getenv("WINUX_REBOOT_COMMAND");
+    if (command && *command) {
+      // The argument reaches the command in its environment (setenv is not safe among threads).
+      std::string arg = "WINUX_REBOOT_ARGUMENT=" + std::to_string(argument);
+      std::vector<char*> env;
+      for (char** e = environ; e && *e; ++e)
+        if (std::strncmp(*e, "WINUX_REBOOT_ARGUMENT=", 22) != 0) env.push_back(*e);
+      env.push_back(&arg[0]);
+      env.push_back(nullptr);
+      char sh[] = "/bin/sh", dashC[] = "-c";
+      std::string cmd(command);
+      char* argv[] = {sh, dashC, &cmd[0], nullptr};
+      pid_t pid;
+      if (posix_spawn(&pid, "/bin/sh", nullptr, nullptr, argv, env.data()) == 0) {
+        int status;
+        while (waitpid(pid, &status, 0) < 0 && errno == EINTR) {
+        }
       }
     }
-  }
-  return ERROR_SUCCESS;
+    return ERROR_SUCCESS;
+  });
 }
 
 int IsProvisioning() {
-  return std::atoi(WinuxIdentityValue("provisioning").c_str()) != 0 ? 1 : 0;
+  return SdkNoThrow<int>(0, [&]() -> int {
+    return std::atoi(WinuxIdentityValue("provisioning").c_str()) != 0 ? 1 : 0;
+  });
 }

@@ -13,6 +13,8 @@
 #include <string>
 #include <unordered_map>
 
+#include "sdk_internal.h"
+
 namespace {
 
 using Node = pugi::xml_node;
@@ -116,8 +118,7 @@ struct CPlixIterator::Impl {
   // Where the traversal goes once `gone` (which holds the current or next position) is removed:
   // on as if `gone` had just ended.
   Position After(Node gone) const {
-    Node t(top);
-    if (!top || IsWithin(t, gone) || gone == t) return Position();
+    if (!top || IsWithin(Node(top), gone)) return Position();
     if (Node sibling = NextElementSibling(gone)) return Position{sibling.internal_object(), kStart};
     return Position{gone.parent().internal_object(), kEnd};
   }
@@ -206,14 +207,16 @@ const char* CPlixElement::GetAttribute(const char* name) const {
 }
 
 const char* CPlixElement::GetData() const {
-  if (!m_pNode || !m_pDom) return "";
-  Node node = ToNode(m_pNode);
-  CPlixDOM::Impl::Handle* h = m_pDom->m_pImpl->HandleFor(m_pDom, node);
-  if (!h) return "";
-  h->data.clear();
-  for (Node c = node.first_child(); c; c = c.next_sibling())
-    if (IsText(c)) h->data += c.value();
-  return h->data.c_str();
+  return SdkNoThrow<const char*>("", [&]() -> const char* {
+    if (!m_pNode || !m_pDom) return "";
+    Node node = ToNode(m_pNode);
+    CPlixDOM::Impl::Handle* h = m_pDom->m_pImpl->HandleFor(m_pDom, node);
+    if (!h) return "";
+    h->data.clear();
+    for (Node c = node.first_child(); c; c = c.next_sibling())
+      if (IsText(c)) h->data += c.value();
+    return h->data.c_str();
+  });
 }
 
 int CPlixElement::SetAttribute(const char* name, const char* value) {
@@ -238,18 +241,22 @@ int CPlixElement::SetData(const char* text) {
 }
 
 CPlixElement* CPlixElement::InsertChild(const char* tag) {
-  if (!m_pNode || !tag || !*tag) return nullptr;
-  Node child = ToNode(m_pNode).append_child(tag);
-  return child ? m_pDom->m_pImpl->ElementFor(m_pDom, child) : nullptr;
+  return SdkNoThrow<CPlixElement*>(nullptr, [&]() -> CPlixElement* {
+    if (!m_pNode || !tag || !*tag) return nullptr;
+    Node child = ToNode(m_pNode).append_child(tag);
+    return child ? m_pDom->m_pImpl->ElementFor(m_pDom, child) : nullptr;
+  });
 }
 
 CPlixElement* CPlixElement::InsertNextSibling(const char* tag) {
-  if (!m_pNode || !tag || !*tag) return nullptr;
-  Node node = ToNode(m_pNode);
-  Node parent = node.parent();
-  if (!parent || parent.type() != pugi::node_element) return nullptr;
-  Node sibling = parent.insert_child_after(tag, node);
-  return sibling ? m_pDom->m_pImpl->ElementFor(m_pDom, sibling) : nullptr;
+  return SdkNoThrow<CPlixElement*>(nullptr, [&]() -> CPlixElement* {
+    if (!m_pNode || !tag || !*tag) return nullptr;
+    Node node = ToNode(m_pNode);
+    Node parent = node.parent();
+    if (!parent || parent.type() != pugi::node_element) return nullptr;
+    Node sibling = parent.insert_child_after(tag, node);
+    return sibling ? m_pDom->m_pImpl->ElementFor(m_pDom, sibling) : nullptr;
+  });
 }
 
 int CPlixElement::Delete() {
@@ -285,17 +292,19 @@ CPlixDOM::~CPlixDOM() {
 }
 
 int CPlixDOM::ReadDoc(const char* text) {
-  std::unique_ptr<pugi::xml_document> fresh(new (std::nothrow) pugi::xml_document);
-  if (!fresh) return 0;
-  bool ok = false;
-  if (text) {
-    pugi::xml_parse_result r =
-        fresh->load_string(text, pugi::parse_default | pugi::parse_declaration);
-    ok = r && IsSingleRooted(*fresh);
-  }
-  if (!ok) fresh->reset();
-  m_pImpl->Replace(std::move(fresh));
-  return ok ? 1 : 0;
+  return SdkNoThrow<int>(0, [&]() -> int {
+    std::unique_ptr<pugi::xml_document> fresh(new (std::nothrow) pugi::xml_document);
+    if (!fresh) return 0;
+    bool ok = false;
+    if (text) {
+      pugi::xml_parse_result r =
+          fresh->load_string(text, pugi::parse_default | pugi::parse_declaration);
+      ok = r && IsSingleRooted(*fresh);
+    }
+    if (!ok) fresh->reset();
+    m_pImpl->Replace(std::move(fresh));
+    return ok ? 1 : 0;
+  });
 }
 
 namespace {
@@ -309,28 +318,31 @@ struct StringWriter : pugi::xml_writer {
 }  // namespace
 
 int CPlixDOM::WriteDoc(char** text) {
-  if (!text) return 0;
-  *text = nullptr;
-  if (!m_pImpl->Root()) return 0;
-  std::string& out = m_pImpl->writeScratch;
-  out.clear();
-  StringWriter writer(&out);
-  // Indentation grows with the square of the nesting: a deep document is written unindented.
-  unsigned flags = pugi::format_no_declaration;
-  if (MaxDepth(m_pImpl->Root()) <= 64) flags |= pugi::format_indent;
-  m_pImpl->doc->save(writer, "  ", flags, pugi::encoding_utf8);
-  char* block = static_cast<char*>(std::malloc(out.size() + 1));
-  if (!block) return 0;
-  std::memcpy(block, out.data(), out.size());
-  block[out.size()] = '\0';
-  *text = block;
-  out.clear();
-  out.shrink_to_fit();
-  return 1;
+  return SdkNoThrow<int>(0, [&]() -> int {
+    if (!text) return 0;
+    *text = nullptr;
+    if (!m_pImpl->Root()) return 0;
+    std::string& out = m_pImpl->writeScratch;
+    out.clear();
+    StringWriter writer(&out);
+    // Indentation grows with the square of the nesting: a deep document is written unindented.
+    unsigned flags = pugi::format_no_declaration;
+    if (MaxDepth(m_pImpl->Root()) <= 64) flags |= pugi::format_indent;
+    m_pImpl->doc->save(writer, "  ", flags, pugi::encoding_utf8);
+    char* block = static_cast<char*>(std::malloc(out.size() + 1));
+    if (!block) return 0;
+    std::memcpy(block, out.data(), out.size());
+    block[out.size()] = '\0';
+    *text = block;
+    out.clear();
+    out.shrink_to_fit();
+    return 1;
+  });
 }
 
 CPlixElement* CPlixDOM::GetRootElement() {
-  return m_pImpl->ElementFor(this, m_pImpl->Root());
+  return SdkNoThrow<CPlixElement*>(
+      nullptr, [&]() -> CPlixElement* { return m_pImpl->ElementFor(this, m_pImpl->Root()); });
 }
 
 // ---- CPlixIterator --------------------------------------------------------------------------
@@ -343,12 +355,16 @@ CPlixIterator::~CPlixIterator() {
 }
 
 int CPlixIterator::BindToDOM(CPlixDOM* dom) {
-  if (m_pImpl->dom) m_pImpl->dom->m_pImpl->iterators.erase(m_pImpl);
-  m_pImpl->Reset();
-  m_pImpl->dom = dom;
-  if (!dom) return 0;
-  dom->m_pImpl->iterators.insert(m_pImpl);
-  return 1;
+  return SdkNoThrow<int>(0, [&]() -> int {
+    if (m_pImpl->dom) m_pImpl->dom->m_pImpl->iterators.erase(m_pImpl);
+    m_pImpl->Reset();
+    m_pImpl->dom = nullptr;
+    if (!dom) return 0;
+    // Registered before it is bound: an iterator that is never told of deletions must not walk.
+    dom->m_pImpl->iterators.insert(m_pImpl);
+    m_pImpl->dom = dom;
+    return 1;
+  });
 }
 
 int CPlixIterator::ToRootElement() {
@@ -403,6 +419,8 @@ int CPlixIterator::ContinueTraverse() {
 }
 
 CPlixElement* CPlixIterator::GetElement() {
-  if (!m_pImpl->dom || !m_pImpl->current.node) return nullptr;
-  return m_pImpl->dom->m_pImpl->ElementFor(m_pImpl->dom, Node(m_pImpl->current.node));
+  return SdkNoThrow<CPlixElement*>(nullptr, [&]() -> CPlixElement* {
+    if (!m_pImpl->dom || !m_pImpl->current.node) return nullptr;
+    return m_pImpl->dom->m_pImpl->ElementFor(m_pImpl->dom, Node(m_pImpl->current.node));
+  });
 }

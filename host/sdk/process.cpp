@@ -201,21 +201,26 @@ int Terminate(const wchar_t* name) {
 }  // namespace
 
 int QVTerminateProc(const char* name) {
-  if (!name) return 0;
-  return Terminate(SdkWiden(name).c_str());
+  return SdkNoThrow<int>(0, [&]() -> int {
+    if (!name) return 0;
+    return Terminate(SdkWiden(name).c_str());
+  });
 }
 
 int QVTerminateProc(const wchar_t* name) {
-  return Terminate(name);
+  return SdkNoThrow<int>(0, [&]() -> int { return Terminate(name); });
 }
 
 int QVStartProcessAndWait(const char* name, const char* parameters, int wait) {
-  return Start(name, parameters, wait);
+  return SdkNoThrow<int>(static_cast<int>(ERROR_NOT_ENOUGH_MEMORY),
+                         [&]() -> int { return Start(name, parameters, wait); });
 }
 
 int QVStartProcessAndWait(const wchar_t* name, const wchar_t* parameters, int wait) {
-  if (!name) return Start(nullptr, nullptr, wait);
-  std::string narrowName = SdkNarrow(name);
-  std::string narrowParams = SdkNarrow(parameters);
-  return Start(narrowName.c_str(), parameters ? narrowParams.c_str() : nullptr, wait);
+  return SdkNoThrow<int>(static_cast<int>(ERROR_NOT_ENOUGH_MEMORY), [&]() -> int {
+    if (!name) return Start(nullptr, nullptr, wait);
+    std::string narrowName = SdkNarrow(name);
+    std::string narrowParams = SdkNarrow(parameters);
+    return Start(narrowName.c_str(), parameters ? narrowParams.c_str() : nullptr, wait);
+  });
 }

@@ -103,20 +103,26 @@ int SetValue(const char* valuePath, DWORD type, const BYTE* data, DWORD size) {
 }  // namespace
 
 int Registry::CreateKey(const char* keyPath) {
-  KeyPath key;
-  if (!keyPath || !SplitKeyPath(keyPath, &key)) return 0;
-  HKEY handle = CreateKeyAt(key);
-  if (!handle) return 0;
-  RegCloseKey(handle);
-  return 1;
+  return SdkNoThrow<int>(0, [&]() -> int {
+    KeyPath key;
+    if (!keyPath || !SplitKeyPath(keyPath, &key)) return 0;
+    HKEY handle = CreateKeyAt(key);
+    if (!handle) return 0;
+    RegCloseKey(handle);
+    return 1;
+  });
 }
 
 int Registry::SetNumber(const char* valuePath, DWORD value) {
-  return SetValue(valuePath, REG_DWORD, reinterpret_cast<const BYTE*>(&value), sizeof value);
+  return SdkNoThrow<int>(0, [&]() -> int {
+    return SetValue(valuePath, REG_DWORD, reinterpret_cast<const BYTE*>(&value), sizeof value);
+  });
 }
 
 int Registry::SetString(const char* valuePath, const char* value) {
-  std::wstring wide = Widen(value ? value : "");
-  return SetValue(valuePath, REG_SZ, reinterpret_cast<const BYTE*>(wide.c_str()),
-                  static_cast<DWORD>((wide.size() + 1) * sizeof(wchar_t)));
+  return SdkNoThrow<int>(0, [&]() -> int {
+    std::wstring wide = Widen(value ? value : "");
+    return SetValue(valuePath, REG_SZ, reinterpret_cast<const BYTE*>(wide.c_str()),
+                    static_cast<DWORD>((wide.size() + 1) * sizeof(wchar_t)));
+  });
 }
