@@ -10,6 +10,7 @@
 #include <chrono>
 #include <condition_variable>
 #include <cstdlib>
+#include <cwchar>
 #include <memory>
 #include <mutex>
 #include <string>
@@ -125,8 +126,8 @@ std::shared_ptr<Reaper> StartReaper(pid_t pid) {
       reaper->done = true;
       reaper->ended.notify_all();
     }).detach();
-  } catch (...) {
-    return nullptr;
+  } catch (const std::exception&) {
+    return nullptr;  // never reaped: a zombie until the host ends, nothing worse
   }
   return reaper;
 }
@@ -188,7 +189,7 @@ int Terminate(const wchar_t* name) {
   entry.dwSize = sizeof entry;
   for (BOOL more = Process32First(snapshot, &entry); more; more = Process32Next(snapshot, &entry)) {
     entry.szExeFile[255] = L'\0';
-    if (entry.th32ProcessID == self || std::wstring(entry.szExeFile) != name) continue;
+    if (entry.th32ProcessID == self || std::wcscmp(entry.szExeFile, name) != 0) continue;
     HANDLE process = OpenProcess(PROCESS_TERMINATE, FALSE, entry.th32ProcessID);
     if (!process) continue;
     if (TerminateProcess(process, 0)) ended = 1;
