@@ -89,6 +89,19 @@ TEST(SdkFileIO, StaleReadOnlyFileIsPreparedRemovedAndDeleted) {
   EXPECT_EQ(FileIO::Delete("\\Flash File Store"), 0);  // folders are not files
 }
 
+// "sz:text", "dword:n", or "absent", as the system registry holds the value.
+std::wstring Query(HKEY root, const wchar_t* keyPath, const wchar_t* name) {
+  HKEY key = nullptr;
+  if (RegOpenKeyEx(root, keyPath, 0, KEY_READ, &key) != 0) return L"absent";
+  wchar_t data[64] = {};
+  DWORD type = 0, size = sizeof data;
+  LSTATUS rc = RegQueryValueEx(key, name, nullptr, &type, reinterpret_cast<BYTE*>(data), &size);
+  RegCloseKey(key);
+  if (rc != 0) return L"absent";
+  if (type == REG_DWORD) return L"dword:" + std::to_wstring(*reinterpret_cast<DWORD*>(data));
+  return L"sz:" + std::wstring(data);
+}
+
 TEST(SdkRegistry, FullPathWritesAreVisibleThroughTheSystemRegistry) {
   ftctest::DeviceRoot root;
   Registry reg;
@@ -104,26 +117,9 @@ TEST(SdkRegistry, FullPathWritesAreVisibleThroughTheSystemRegistry) {
   ASSERT_EQ(RegOpenKeyEx(HKEY_LOCAL_MACHINE, L"System\\ImageUpdate\\UpdateApp", 0, KEY_READ, &key),
             0);
   RegCloseKey(key);
-  ASSERT_EQ(RegOpenKeyEx(HKEY_LOCAL_MACHINE, L"init", 0, KEY_READ, &key), 0);
-  DWORD type = 0, number = 0, size = sizeof number;
-  ASSERT_EQ(
-      RegQueryValueEx(key, L"Launch130", nullptr, &type, reinterpret_cast<BYTE*>(&number), &size),
-      0);
-  EXPECT_EQ(type, REG_DWORD);
-  EXPECT_EQ(number, 130u);
-  wchar_t text[64] = {};
-  size = sizeof text;
-  ASSERT_EQ(
-      RegQueryValueEx(key, L"Launch130Name", nullptr, &type, reinterpret_cast<BYTE*>(text), &size),
-      0);
-  EXPECT_EQ(type, REG_SZ);
-  EXPECT_EQ(std::wstring(text), L"\\windows\\app.exe");
-  RegCloseKey(key);
-  ASSERT_EQ(RegOpenKeyEx(HKEY_CURRENT_USER, L"Software\\Caf\u00E9", 0, KEY_READ, &key), 0);
-  size = sizeof text;
-  ASSERT_EQ(RegQueryValueEx(key, L"Sign", nullptr, &type, reinterpret_cast<BYTE*>(text), &size), 0);
-  EXPECT_EQ(std::wstring(text), L"\u20AC");
-  RegCloseKey(key);
+  EXPECT_EQ(Query(HKEY_LOCAL_MACHINE, L"init", L"Launch130"), L"dword:130");
+  EXPECT_EQ(Query(HKEY_LOCAL_MACHINE, L"Init", L"Launch130Name"), L"sz:\\windows\\app.exe");
+  EXPECT_EQ(Query(HKEY_CURRENT_USER, L"Software\\Caf\u00E9", L"Sign"), L"sz:\u20AC");
 }
 
 TEST(SdkNetwork, SendsADatagramToTheDottedDestination) {
