@@ -401,7 +401,12 @@ LSTATUS WithHive(bool write, Op op) {
   Hive& hive = TheHive();
   std::lock_guard<std::mutex> guard(hive.lock);
   std::string dir = StateDir();
-  if (write) mkdir(dir.c_str(), 0755);
+  // The first write on a fresh device makes the root and its state folder.
+  if (write) {
+    for (size_t at = dir.find('/', 1); at != std::string::npos; at = dir.find('/', at + 1))
+      mkdir(dir.substr(0, at).c_str(), 0755);
+    mkdir(dir.c_str(), 0755);
+  }
   int lockFd = open((dir + "/registry.lock").c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0644);
   if (lockFd < 0 && write) {
     WinuxSetLastErrorFromErrno(errno);
