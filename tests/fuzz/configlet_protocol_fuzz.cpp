@@ -3,7 +3,8 @@
 // over-long values, must leave every record under construction and the job itself bounded,
 // and every message sent up terminated as announced.
 //
-// The Upgrade and PullFile closes are never sent: they start work that reaches for a server.
+// The PullFile close is never sent: it starts a transfer from whatever server the bytes name.
+// The Upgrade close is sent only with a job that is bound to fail its checks.
 // Input: a program of operations (open, field, close), each taking its names and values from
 // the bytes that follow it.
 #include <strings.h>
@@ -11,6 +12,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <cstring>
+#include <filesystem>
 #include <string>
 
 #include "configlet/configlet.h"
@@ -18,8 +20,11 @@
 #include "engine/upgrade.h"
 #include "fuzz/fuzz_support.h"
 #include "fuzz/job_checks.h"
+#include "platform/plix.h"
 
 namespace {
+
+namespace fs = std::filesystem;
 
 const char* const kGroups[] = {"FileTransferConfiglet",
                                "Syslog",
@@ -99,8 +104,38 @@ std::string Value(ftcfuzz::Reader& in) {
   }
 }
 
-bool StartsWork(const std::string& group) {
-  return !strcasecmp(group.c_str(), "Upgrade") || !strcasecmp(group.c_str(), "PullFile");
+// Reports carry the server's texts: each queued message must still be a document.
+void CheckSpool() {
+  std::error_code ec;
+  for (const auto& queue : fs::directory_iterator(ftcfuzz::Root().path() + "/.winux/spool", ec)) {
+    for (const auto& record : fs::directory_iterator(queue.path(), ec)) {
+      if (record.path().extension() != ".xml") continue;
+      std::string text = ftctest::ReadHostFile(record.path().string());
+      CPlixDOM dom;
+      FUZZ_EXPECT(dom.ReadDoc(text.c_str()) == 1);
+      fs::remove(record.path(), ec);
+    }
+  }
+}
+
+// The job's own checks run, reports of the failure go out with the job's texts, and the job is
+// released; a registry test that cannot pass keeps the worker from starting, and the log stays
+// local.
+void CloseFailingUpgrade(const std::string& group) {
+  UpgradeConfig* job = gpUpgCfg;
+  if (job) {
+    job->SetSysLogPort(0);
+    if (tagRegistryEntry* test = NewRecord<tagRegistryEntry>()) {
+      std::strcpy(test->m_szRoot, "HKEY_LOCAL_MACHINE");
+      std::strcpy(test->m_szKey, "Software\\FuzzNoSuchKey");
+      std::strcpy(test->m_szOperator, "EQ");
+      job->AddRegistryTest(test);
+    }
+  }
+  uint32_t rc = IcfgEndGroup(group.c_str(), 0, 0);
+  FUZZ_EXPECT(job ? rc == ICFG_E_TEST_FAILED : rc == ICFG_OK);
+  FUZZ_EXPECT(gpUpgCfg == nullptr && !IsUpgradeInProgress());
+  CheckSpool();
 }
 
 uint32_t SendUp(uint32_t, const char* message, uint32_t length) {
@@ -162,10 +197,14 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
         FUZZ_EXPECT(rc == ICFG_OK || rc == ICFG_E_UNKNOWN);
     } else {
       std::string group = Pick(in, kGroups);
-      if (!StartsWork(group)) FUZZ_EXPECT(IcfgEndGroup(group.c_str(), 0, 0) == ICFG_OK);
+      if (!strcasecmp(group.c_str(), "Upgrade"))
+        CloseFailingUpgrade(group);
+      else if (strcasecmp(group.c_str(), "PullFile") != 0)
+        FUZZ_EXPECT(IcfgEndGroup(group.c_str(), 0, 0) == ICFG_OK);
     }
     CheckPending();
   }
+  CheckSpool();
   Reset();
   return 0;
 }
