@@ -2,9 +2,10 @@
 // bounded number of deterministic random mutations of it. It takes libFuzzer's flag names, so
 // the same command line works with either:
 //
-//   fuzz_x [-runs=N (-1: no limit)] [-max_total_time=S] [-seed=N] [-max_len=N] [-timeout=S]
-//   [-dict=FILE]
+//   fuzz_x [-runs=N] [-max_total_time=S] [-seed=N] [-max_len=N] [-timeout=S] [-dict=FILE]
 //          [-artifact_prefix=DIR/] CORPUS_DIR_OR_FILE...
+//
+// -runs counts mutations (-1: no limit, 0: replay only); -max_total_time 0 sets no time limit.
 //
 // Given only files, it runs each once and stops (reproducing a crash). An input that crashes or
 // overruns -timeout is written to <artifact_prefix>crash-<hash> (or timeout-<hash>).
@@ -320,8 +321,8 @@ int main(int argc, char** argv) {
   Options o = ParseArguments(argc, argv);
   std::snprintf(g_artifactPrefix, sizeof g_artifactPrefix, "%s", o.artifactPrefix.c_str());
   // A sanitizer reports memory faults itself and then calls back; the signals it leaves alone
-  // (abort, trap, time-out) come here. The handler has a stack of its own, so that a stack
-  // overflow still gets its input saved.
+  // (abort, trap, time-out) come here. Handlers run on a stack of their own (the sanitizer's
+  // when it set one), so that a stack overflow is still reported.
   static char altStack[1 << 16];
   stack_t ss{};
   if (sigaltstack(nullptr, &ss) == 0 && (ss.ss_flags & SS_DISABLE)) {
