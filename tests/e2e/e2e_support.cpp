@@ -2,71 +2,25 @@
 
 #include <arpa/inet.h>
 #include <netinet/in.h>
-#include <signal.h>
-#include <sys/prctl.h>
 #include <sys/socket.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
-#include <cstdlib>
 #include <filesystem>
-#include <random>
 #include <stdexcept>
 #include <thread>
 
 #include "platform/winux.h"
 #include "transfer/FTCCCRC32.h"
+#include "xq/spool.h"
 
 namespace fs = std::filesystem;
 
 namespace e2e {
 
-Server::Server(const std::string& dir, uint16_t port) {
-  m_reports = dir + "/../reports-" + std::to_string(getpid()) + "-" + std::to_string(port);
-  int out[2];
-  if (pipe(out) != 0) throw std::runtime_error("pipe");
-  std::string bin = ftctest::BinDir() + "/ftc-server";
-  std::string portText = std::to_string(port);
-  m_pid = fork();
-  if (m_pid == 0) {
-    // A test that dies before its destructor runs must not leave a server behind.
-    prctl(PR_SET_PDEATHSIG, SIGTERM);
-    if (getppid() == 1) _exit(0);
-    dup2(out[1], 1);
-    close(out[0]);
-    close(out[1]);
-    execl(bin.c_str(), bin.c_str(), "--root", dir.c_str(), "--bind", "127.0.0.1", "--port",
-          portText.c_str(), "--reports", m_reports.c_str(), static_cast<char*>(nullptr));
-    _exit(127);
-  }
-  close(out[1]);
-  std::string text;
-  char buf[256];
-  while (text.find('\n') == std::string::npos) {
-    ssize_t n = read(out[0], buf, sizeof buf);
-    if (n <= 0) break;
-    text.append(buf, static_cast<size_t>(n));
-  }
-  close(out[0]);
-  size_t colon = text.rfind(':');
-  if (text.find("listening on") == std::string::npos || colon == std::string::npos)
-    throw std::runtime_error("ftc-server did not start: " + text);
-  m_port = static_cast<uint16_t>(atoi(text.c_str() + colon + 1));
-}
-
-Server::~Server() {
-  if (m_pid > 0) {
-    kill(m_pid, SIGTERM);
-    int status;
-    waitpid(m_pid, &status, 0);
-  }
-  std::error_code ec;
-  fs::remove(m_reports, ec);
-}
-
-std::string Server::Reports() const {
-  return ftctest::ReadHostFile(m_reports);
-}
+Server::Server(const std::string& dir, uint16_t port)
+    : ftctest::ServerProcess(dir, {"--port", std::to_string(port), "--reports",
+                                   dir + "/../reports-" + std::to_string(port)}),
+      m_reports(dir + "/../reports-" + std::to_string(port)) {}
 
 uint16_t UnusedPort() {
   int s = socket(AF_INET, SOCK_STREAM, 0);
@@ -97,13 +51,6 @@ uint32_t Bundle::Add(const std::string& rel, const std::string& content) {
   fs::create_directories(p.parent_path());
   ftctest::WriteHostFile(p.string(), content);
   return Crc(content);
-}
-
-std::string RandomBytes(size_t n, uint32_t seed) {
-  std::mt19937 gen(seed);
-  std::string s(n, '\0');
-  for (char& c : s) c = static_cast<char>(gen());
-  return s;
 }
 
 uint32_t Crc(const std::string& bytes) {
@@ -155,10 +102,11 @@ bool WaitForJobEnd(const ftctest::DeviceRoot& root, std::chrono::milliseconds ti
   return false;
 }
 
-int Count(const std::string& text, const std::string& what) {
-  int n = 0;
-  for (size_t at = text.find(what); at != std::string::npos; at = text.find(what, at + 1)) ++n;
-  return n;
+std::vector<std::string> Spooled(const ftctest::DeviceRoot& root, const std::string& kind) {
+  std::vector<std::string> out;
+  for (const SpoolRecord& r : ReadSpool(root.path(), ""))
+    if (r.kind == kind) out.push_back(r.code + (r.text.empty() ? "" : " " + r.text));
+  return out;
 }
 
 }  // namespace e2e

@@ -2,32 +2,24 @@
 // test host, and readers for what a job leaves on the device.
 #pragma once
 
-#include <sys/types.h>
-
 #include <chrono>
 #include <cstdint>
 #include <string>
 #include <vector>
 
 #include "support/device_root.h"
+#include "support/helpers.h"
 #include "support/plugin_host.h"
 
 namespace e2e {
 
-// ftc-server on 127.0.0.1 serving dir; port 0 picks a free one.
-class Server {
+// ftc-server serving dir and recording completion reports; port 0 picks a free one.
+class Server : public ftctest::ServerProcess {
  public:
   Server(const std::string& dir, uint16_t port = 0);
-  ~Server();
-  Server(const Server&) = delete;
-  Server& operator=(const Server&) = delete;
-  uint16_t port() const { return m_port; }
-  std::string reportsPath() const { return m_reports; }
-  std::string Reports() const;
+  std::string Reports() const { return ftctest::ReadHostFile(m_reports); }
 
  private:
-  pid_t m_pid = -1;
-  uint16_t m_port = 0;
   std::string m_reports;
 };
 
@@ -47,7 +39,6 @@ class Bundle {
   std::string m_dir;
 };
 
-std::string RandomBytes(size_t n, uint32_t seed);
 uint32_t Crc(const std::string& bytes);
 
 struct File {
@@ -72,6 +63,7 @@ bool InProgress();
 // Waits (real time) until the worker has logged its last line and the in-progress event is gone.
 bool WaitForJobEnd(const ftctest::DeviceRoot& root,
                    std::chrono::milliseconds timeout = std::chrono::seconds(30));
-int Count(const std::string& text, const std::string& what);
+// What the spool holds of one kind ("event", "state", ...), each as "code text".
+std::vector<std::string> Spooled(const ftctest::DeviceRoot& root, const std::string& kind);
 
 }  // namespace e2e

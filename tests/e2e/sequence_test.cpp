@@ -1,8 +1,6 @@
 // The worker's sequence driven directly (no plug-in interface): firmware through the flash
 // writer, multi-pass runs and their pass file, the wait for the device's start-up programs.
 #include <gtest/gtest.h>
-#include <signal.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <chrono>
@@ -15,7 +13,6 @@
 #include "engine/startup.h"
 #include "engine/upgrade.h"
 #include "platform/winux.h"
-#include "xq/spool.h"
 
 namespace fs = std::filesystem;
 
@@ -43,12 +40,7 @@ class Sequence : public ::testing::Test {
     return job;
   }
 
-  std::vector<std::string> Records(const std::string& kind) {
-    std::vector<std::string> out;
-    for (const SpoolRecord& r : ReadSpool(root.path(), ""))
-      if (r.kind == kind) out.push_back(r.code + (r.text.empty() ? "" : " " + r.text));
-    return out;
-  }
+  std::vector<std::string> Records(const std::string& kind) { return e2e::Spooled(root, kind); }
 
   std::string Log() const { return ftctest::PluginHost::LogText(root); }
 
@@ -156,11 +148,7 @@ TEST_F(Sequence, StartupWaitEndsAnOverstayingTransferAgent) {
   fs::create_directories(dir);
   fs::path exe = dir / "QVTransferAgent.exe";
   fs::copy_file("/bin/sleep", exe, fs::copy_options::overwrite_existing);
-  pid_t pid = fork();
-  if (pid == 0) {
-    execl(exe.c_str(), exe.c_str(), "60", static_cast<char*>(nullptr));
-    _exit(127);
-  }
+  ftctest::Child agent({exe.string(), "60"});
   std::this_thread::sleep_for(std::chrono::milliseconds(100));
 
   UpgradeConfig cfg;
@@ -169,22 +157,11 @@ TEST_F(Sequence, StartupWaitEndsAnOverstayingTransferAgent) {
   m_pUpgCfg = &cfg;
   EXPECT_EQ(WaitForStartupProcesses(), 0);
   m_pUpgCfg = nullptr;
-
-  int status = 0;
-  bool ended = false;
-  for (int i = 0; i < 200 && !ended; ++i) {
-    ended = waitpid(pid, &status, WNOHANG) == pid;
-    if (!ended) std::this_thread::sleep_for(std::chrono::milliseconds(10));
-  }
-  if (!ended) {
-    kill(pid, SIGKILL);
-    waitpid(pid, &status, 0);
-  }
+  EXPECT_EQ(agent.Wait(std::chrono::seconds(2)), 128);
   fs::remove_all(dir);
-  EXPECT_TRUE(ended);
 
   std::string log = Log();
-  EXPECT_EQ(e2e::Count(log, "Waiting for device startup"), 3);
+  EXPECT_EQ(ftctest::Count(log, "Waiting for device startup"), 3);
   EXPECT_NE(log.find("killing QVTransferAgent\r\n"), std::string::npos);
   EXPECT_EQ(Records("autodeploy"), (std::vector<std::string>{"101", "0"}));
   EXPECT_EQ(Records("state"), (std::vector<std::string>{"4 Device Waiting", "4 Device Upgrading"}));

@@ -2,33 +2,27 @@
 #include <gtest/gtest.h>
 
 #include <chrono>
-#include <thread>
 
 #include "e2e_support.h"
 #include "xq/spool.h"
 
 namespace {
 
-using e2e::Count;
+using ftctest::Count;
 
 class UpgradeJob : public ::testing::Test {
  protected:
   UpgradeJob() : root(0.001) { root.WriteIdentity("hwcfg=AB12CD34\nuniqueid=E2E-DEVICE\n"); }
 
   std::string Log() const { return ftctest::PluginHost::LogText(root); }
-  std::vector<std::string> Events() const {
-    std::vector<std::string> out;
-    for (const SpoolRecord& r : ReadSpool(root.path(), ""))
-      if (r.kind == "event") out.push_back(r.code);
-    return out;
-  }
+  std::vector<std::string> Events() const { return e2e::Spooled(root, "event"); }
 
   ftctest::DeviceRoot root;
   e2e::Bundle bundle;
 };
 
 TEST_F(UpgradeJob, FetchesEveryFileAndReportsCompletion) {
-  std::string big = e2e::RandomBytes(2 * 1024 * 1024 + 17, 1);
+  std::string big = ftctest::RandomBytes(2 * 1024 * 1024 + 17, 1);
   uint32_t bigCrc = bundle.Add("os/big.bin", big);
   uint32_t aCrc = bundle.Add("a.txt", "alpha\n");
   e2e::Server server(bundle.dir());
@@ -50,7 +44,7 @@ TEST_F(UpgradeJob, FetchesEveryFileAndReportsCompletion) {
   EXPECT_NE(log.find("CretaeUpgradeInProgressEvent - Success"), std::string::npos);
   EXPECT_NE(log.find("Send Upgrade complete event"), std::string::npos);
   EXPECT_NE(server.Reports().find("E2E-DEVICE"), std::string::npos);
-  EXPECT_EQ(Events(), (std::vector<std::string>{"205181", "205182"}));
+  EXPECT_EQ(Events(), (std::vector<std::string>{"205181 E2E, 1.0", "205182 E2E, 1.0"}));
   EXPECT_FALSE(root.Exists("\\.winux\\reboot-requested"));
 }
 
@@ -99,7 +93,7 @@ TEST_F(UpgradeJob, ListFileDeliversTheDownloadList) {
   std::string list;
   for (int i = 0; i < 3; ++i) {
     std::string name = "list" + std::to_string(i) + ".bin";
-    uint32_t crc = bundle.Add(name, e2e::RandomBytes(1000 + i, i));
+    uint32_t crc = bundle.Add(name, ftctest::RandomBytes(1000 + i, i));
     list += name + ",\\Flash File Store\\listed\\" + name + "," + (i == 2 ? "ZZ*" : "AB*") + "," +
             std::to_string(crc) + "," + std::to_string(1000 + i) + "\r\n";
   }
@@ -169,8 +163,7 @@ TEST_F(UpgradeJob, ReportsOfARefusedJobAndOfARebootJobUnderProvisioning) {
   ASSERT_EQ(host.BeginGroup("Upgrade"), 0u);
   EXPECT_EQ(host.EndGroup("Upgrade"), 0xC4111005u);
   host.EndGroup("FileTransferConfiglet");
-  EXPECT_EQ(Events(), (std::vector<std::string>{"205180"}));
-  EXPECT_EQ(ReadSpool(root.path(), "").back().text, "not docked, Refused, 9");
+  EXPECT_EQ(Events(), (std::vector<std::string>{"205180 not docked, Refused, 9"}));
   EXPECT_EQ(states(), (std::vector<std::string>{"state 1 Upgrade Failed: not docked"}));
 
   ftctest::PluginHost::ClearSendUps();
@@ -180,7 +173,8 @@ TEST_F(UpgradeJob, ReportsOfARefusedJobAndOfARebootJobUnderProvisioning) {
   job.reboot = 1;
   ASSERT_EQ(e2e::Submit(host, job), 0u);
   ASSERT_TRUE(e2e::WaitForJobEnd(root));
-  EXPECT_EQ(Events(), (std::vector<std::string>{"205180", "205181", "205182"}));
+  EXPECT_EQ(Events(), (std::vector<std::string>{"205180 not docked, Refused, 9", "205181 E2E, 1.0",
+                                                "205182 E2E, 1.0"}));
   EXPECT_EQ(states(), (std::vector<std::string>{"state 4 Device Upgrading", "autodeploy 10 ",
                                                 "state 1 Upgrade Complete"}));
   EXPECT_TRUE(root.Exists("\\.winux\\reboot-requested"));
@@ -197,10 +191,8 @@ TEST_F(UpgradeJob, WaitsForAnUnreachableServerAndRefusesASecondJob) {
   job.files = {{"late.bin", "\\Flash File Store\\late.bin", std::to_string(crc)}};
   ASSERT_EQ(e2e::Submit(host, job), 0u);
 
-  auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(20);
-  while (Count(Log(), "before OpenURL") < 3 && std::chrono::steady_clock::now() < deadline)
-    std::this_thread::sleep_for(std::chrono::milliseconds(10));
-  EXPECT_GE(Count(Log(), "before OpenURL"), 3);
+  EXPECT_TRUE(ftctest::WaitUntil([&] { return Count(Log(), "before OpenURL") >= 3; },
+                                 std::chrono::seconds(20)));
   EXPECT_TRUE(e2e::InProgress());
 
   host.BeginGroup("FileTransferConfiglet");
@@ -211,7 +203,6 @@ TEST_F(UpgradeJob, WaitsForAnUnreachableServerAndRefusesASecondJob) {
   e2e::Server server(bundle.dir(), port);
   ASSERT_TRUE(e2e::WaitForJobEnd(root));
   EXPECT_EQ(root.ReadFile("\\Flash File Store\\late.bin"), "worth the wait");
-  EXPECT_EQ(Events(), (std::vector<std::string>{"205181", "205182"}));
 }
 
 }  // namespace
