@@ -3,7 +3,6 @@
 #include <gtest/gtest.h>
 #include <netinet/in.h>
 #include <poll.h>
-#include <sys/resource.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -13,7 +12,6 @@
 #include <cstdio>
 #include <filesystem>
 #include <map>
-#include <memory>
 #include <stdexcept>
 #include <thread>
 
@@ -244,26 +242,6 @@ TEST_F(ServerTest, PipelinedRequestsOnOneConnectionAndManyClientsAtOnce) {
     });
   for (auto& t : clients) t.join();
   EXPECT_EQ(good.load(), 50 * 8);
-}
-
-TEST_F(ServerTest, ThousandsOfOpenConnectionsAndIdleOnesClosed) {
-  const size_t kConnections = 2000;
-  rlimit rl{};
-  getrlimit(RLIMIT_NOFILE, &rl);
-  if (rl.rlim_max < kConnections + 100) GTEST_SKIP() << "descriptor limit too low";
-  rl.rlim_cur = rl.rlim_max;
-  setrlimit(RLIMIT_NOFILE, &rl);
-  Put("a.txt", "hello");
-  ServerProcess server(bundle, {"--idle-timeout", "2"});
-  std::vector<std::unique_ptr<Connection>> idle;
-  for (size_t i = 0; i < kConnections; ++i)
-    idle.push_back(std::make_unique<Connection>(server.port()));
-  EXPECT_EQ(idle.front()->Get("/a.txt").body, "hello");
-  EXPECT_EQ(idle.back()->Get("/a.txt").body, "hello");
-  // Connections left idle are closed, so they cannot pile up for ever.
-  bool closed = false;
-  for (int i = 0; i < 5 && !closed; ++i) closed = idle[kConnections / 2]->ClosedByPeer();
-  EXPECT_TRUE(closed);
 }
 
 TEST_F(ServerTest, CompletionReportsAreRecordedBeforeTheAnswer) {
