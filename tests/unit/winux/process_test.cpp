@@ -1,4 +1,4 @@
-// Processes by image name, memory figures and dynamic loading.
+// Processes by image name.
 #include <gtest/gtest.h>
 
 #include <filesystem>
@@ -47,57 +47,6 @@ TEST(WinuxProcess, SnapshotFindsALongImageNameAndTerminateEndsIt) {
   EXPECT_FALSE(Process32First(snap, &entry));
   EXPECT_FALSE(CloseHandle(nullptr));
   EXPECT_TRUE(CloseToolhelp32Snapshot(snap));
-}
-
-TEST(WinuxMemory, FiguresAreThirtyTwoBitAndTheDivisionIsKept) {
-  ftctest::DeviceRoot root;
-  root.WriteIdentity("flash_bytes=67108864\n");
-  MEMORYSTATUS status{};
-  GlobalMemoryStatus(&status);
-  EXPECT_LE(status.dwAvailPhys, status.dwTotalPhys);
-  STORE_INFORMATION store{};
-  ASSERT_TRUE(GetStoreInformation(&store));
-  EXPECT_EQ(store.dwStoreSize, 67108864u);
-  EXPECT_LE(store.dwFreeSize, store.dwStoreSize);
-
-  DWORD storePages = 0, ramPages = 0, pageSize = 0;
-  ASSERT_TRUE(GetSystemMemoryDivision(&storePages, &ramPages, &pageSize));
-  EXPECT_EQ(pageSize, 4096u);
-  EXPECT_EQ(storePages, 16384u);
-  const DWORD total = storePages + ramPages;
-  EXPECT_EQ(SetSystemMemoryDivision(storePages + 100), 0u);
-  ASSERT_TRUE(GetSystemMemoryDivision(&storePages, &ramPages, &pageSize));
-  EXPECT_EQ(storePages, 16484u);
-  EXPECT_EQ(storePages + ramPages, total);
-  EXPECT_NE(SetSystemMemoryDivision(total + 1), 0u);
-
-  void* block = malloc(16);
-  EXPECT_EQ(LocalFree(block), nullptr);  // blocks from malloc are accepted
-  EXPECT_EQ(LocalFree(LocalAlloc(0x40, 32)), nullptr);
-}
-
-TEST(WinuxLoading, LibrariesAreFoundByShortNameBesideTheHost) {
-  ftctest::DeviceRoot root;
-  unsetenv("WINUX_LIBRARY_PATH");
-  HMODULE self = LoadLibrary(L"winux");  // libwinux.so in the host's own folder
-  ASSERT_NE(self, nullptr);
-  EXPECT_EQ(GetProcAddress(self, L"Sleep"), reinterpret_cast<FARPROC>(&Sleep));
-  EXPECT_EQ(GetProcAddress(self, L"NoSuchEntry"), nullptr);
-  EXPECT_EQ(GetLastError(), ERROR_PROC_NOT_FOUND);
-  EXPECT_TRUE(FreeLibrary(self));
-
-  EXPECT_EQ(LoadLibrary(L"xq_no_such_library"), nullptr);
-  EXPECT_EQ(GetLastError(), ERROR_MOD_NOT_FOUND);
-
-  // WINUX_LIBRARY_PATH comes first.
-  fs::create_directories(root.path() + "/libs");
-  fs::copy_file(ftctest::LibDir() + "/libwinux.so", root.path() + "/libs/libother.so");
-  setenv("WINUX_LIBRARY_PATH", ("/nonexistent:" + root.path() + "/libs").c_str(), 1);
-  HMODULE other = LoadLibrary(L"other");
-  EXPECT_NE(other, nullptr);
-  EXPECT_TRUE(FreeLibrary(other));
-  unsetenv("WINUX_LIBRARY_PATH");
-  EXPECT_EQ(WSACleanup(), 0);
 }
 
 }  // namespace
