@@ -37,33 +37,22 @@ TEST(Crc32, FastPathsMatchTheTable) {
   EXPECT_EQ(~running, ftctest::ReferenceCrc32(data));
 }
 
-TEST(Crc32, FileCrcReadsThroughThePlatform) {
+// Whole files are checked by every job; here the empty and the missing one.
+TEST(Crc32, FileCrcOfAnEmptyOrMissingFile) {
   ftctest::DeviceRoot root;
-  std::string big(600 * 1024 + 3, '\0');  // more than one read
-  for (size_t i = 0; i < big.size(); ++i) big[i] = char(i * 31 + (i >> 9));
-  root.WriteFile("\\Flash File Store\\big.bin", big);
   root.WriteFile("\\Flash File Store\\empty.bin", "");
-
-  struct Case {
-    const wchar_t* path;
-    DWORD result;
-    DWORD crc;
-  } cases[] = {
-      {L"\\Flash File Store\\big.bin", 0, ftctest::ReferenceCrc32(big)},
-      {L"\\Flash File Store\\empty.bin", 0, 0},
-      {L"\\Flash File Store\\missing.bin", ERROR_FILE_NOT_FOUND, 0},
-  };
   FTCCCRC32 crc;
-  for (const auto& c : cases) {
-    DWORD value = 12345;
-    EXPECT_EQ(crc.FileCRC32(c.path, value), c.result) << c.path;
-    EXPECT_EQ(value, c.crc) << c.path;
-  }
+  DWORD value = 12345;
+  EXPECT_EQ(crc.FileCRC32(L"\\Flash File Store\\empty.bin", value), 0u);
+  EXPECT_EQ(value, 0u);
+  value = 12345;
+  EXPECT_EQ(crc.FileCRC32(L"\\Flash File Store\\missing.bin", value), DWORD(ERROR_FILE_NOT_FOUND));
+  EXPECT_EQ(value, 0u);
   auto lines = [](const char* middle) {
     return std::string("FTCCCRC32::FileCRC32 - In\r\nFTCCCRC32::FileCRC32 - ") + middle +
            "\r\nFTCCCRC32::FileCRC32 - close file\r\nFTCCCRC32::FileCRC32 - Out\r\n";
   };
-  EXPECT_EQ(root.Log(), lines("readFile file") + lines("readFile file") + lines("file open error"));
+  EXPECT_EQ(root.Log(), lines("readFile file") + lines("file open error"));
 
   DWORD untouched = 77;
   EXPECT_EQ(crc.RAMFileCRC32(L"RAM:x", untouched, 10), 0u);

@@ -51,15 +51,6 @@ class UpgradeServerTest : public ::testing::Test {
   std::string bundle = root.path() + "/.bundle";
 };
 
-TEST_F(UpgradeServerTest, LargeFileArrivesIntact) {
-  const std::string big = Serve("big", 1, 100u << 20, 0)[0];
-  ftctest::ServerProcess server(bundle);
-  ProbeClient client;
-  EXPECT_EQ(client.Fetch(server, "big0.bin", L"\\Flash File Store\\big.bin"), 1);
-  EXPECT_EQ(CHTTPClient::GetBundleRxBytes(), big.size());
-  EXPECT_TRUE(root.ReadFile("\\Flash File Store\\big.bin") == big);
-}
-
 TEST_F(UpgradeServerTest, ConcurrentClientsEachGetEveryFile) {
   std::vector<std::string> files = Serve("f", 8, 30000, 4000);
   ftctest::ServerProcess server(bundle);
