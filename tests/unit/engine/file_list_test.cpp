@@ -1,9 +1,8 @@
-// The download list: device masks, list-file parsing, destination folders and the URL forms the
+// The download list: device masks, list-file parsing and the URL forms the
 // engine asks the server for.
 #include <gtest/gtest.h>
 
 #include <cstring>
-#include <random>
 #include <string>
 #include <vector>
 
@@ -89,33 +88,6 @@ TEST(ListFile, OverlongTokensAreCutToTheirFields) {
   EXPECT_EQ(e[0].source.size(), 255u);
   EXPECT_EQ(e[0].masks.size(), 2047u);
   EXPECT_EQ(e[0].crc.size(), 31u);
-}
-
-TEST(ListFile, AnyBytesParseWithinTheRecords) {
-  std::mt19937 gen(7);
-  const char alphabet[] = ",,\r\n\0abc;* 0123456789";
-  for (int round = 0; round < 300; ++round) {
-    std::string text(gen() % 6000, '\0');
-    for (char& c : text) c = gen() % 4 ? alphabet[gen() % (sizeof alphabet - 1)] : char(gen());
-    for (const Entry& e : Parse(text)) {
-      EXPECT_LT(e.source.size(), 256u);
-      EXPECT_LT(e.masks.size(), 2048u);
-      EXPECT_LT(e.size.size(), 32u);
-    }
-  }
-}
-
-TEST(Folders, DestinationFoldersAreCreatedLevelByLevel) {
-  ftctest::DeviceRoot root;
-  wchar_t path[] = L"\\one\\two\\three\\file.bin";
-  EXPECT_EQ(AttemptToCreateDesinationFolder(path), 1);
-  EXPECT_TRUE(root.Exists("\\one\\two\\three"));
-  EXPECT_FALSE(root.Exists("\\one\\two\\three\\file.bin"));
-  EXPECT_EQ(Exists(L"\\one\\two"), 1);
-  EXPECT_EQ(Exists(L"\\one\\nothing"), 0);
-  EXPECT_EQ(Exists(L""), 0);
-  wchar_t bare[] = L"file.bin";
-  EXPECT_EQ(AttemptToCreateDesinationFolder(bare), 0);
 }
 
 // GetFile's request path, as the server sees it, for each base URL form.
