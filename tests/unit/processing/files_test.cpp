@@ -99,14 +99,9 @@ TEST(FileOperations, AJobsFileListLeavesExactlyTheExpectedTree) {
            "CQVProcessingHandler::DoFiles ()\r\nRemoving files !\\Data!\r\n"
            "FileTransferConfiglet - CQVFileHandler::RemoveFiles, \\Data\r\n",
            "Fiile, a.txt\r\n",
-           "Directory, sub\r\n",
            "Deleting File 3, \\Data\\a.txt\r\n",
-           "Deleting directory \\Data\\sub\r\n",
-           "Deleting File, \\Single\\doomed.txt\r\n",
            "Deleting File 2, \\Single\\locked.txt\r\n",
            "Rename !\\old.txt! to !\\New\\Deeper\\new.txt!\r\n",
-           "Copying !\\src.bin! to !\\Copies\\src.bin!\r\n",
-           "CopyDir !\\Tree! to !\\TreeCopy!\r\n",
        }) {
     EXPECT_NE(std::string::npos, log.find(line)) << line;
   }
