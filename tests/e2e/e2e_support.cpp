@@ -90,9 +90,7 @@ bool InProgress() {
 bool WaitForJobEnd(const ftctest::DeviceRoot& root, std::chrono::milliseconds timeout) {
   auto end = std::chrono::steady_clock::now() + timeout;
   while (std::chrono::steady_clock::now() < end) {
-    if (ftctest::PluginHost::LogText(root).find("UpgradeThread - final exit") !=
-            std::string::npos &&
-        !InProgress()) {
+    if (root.Log().find("UpgradeThread - final exit") != std::string::npos && !InProgress()) {
       // The worker returns right after its last line.
       std::this_thread::sleep_for(std::chrono::milliseconds(50));
       return true;

@@ -42,7 +42,7 @@ class Sequence : public ::testing::Test {
 
   std::vector<std::string> Records(const std::string& kind) { return e2e::Spooled(root, kind); }
 
-  std::string Log() const { return ftctest::PluginHost::LogText(root); }
+  std::string Log() const { return root.Log(); }
 
   ftctest::DeviceRoot root;
   e2e::Bundle bundle;

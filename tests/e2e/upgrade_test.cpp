@@ -14,7 +14,7 @@ class UpgradeJob : public ::testing::Test {
  protected:
   UpgradeJob() : root(0.001) { root.WriteIdentity("hwcfg=AB12CD34\nuniqueid=E2E-DEVICE\n"); }
 
-  std::string Log() const { return ftctest::PluginHost::LogText(root); }
+  std::string Log() const { return root.Log(); }
   std::vector<std::string> Events() const { return e2e::Spooled(root, "event"); }
 
   ftctest::DeviceRoot root;

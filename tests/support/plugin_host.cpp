@@ -2,7 +2,6 @@
 
 #include <dlfcn.h>
 
-#include <condition_variable>
 #include <cstring>
 #include <mutex>
 #include <stdexcept>
@@ -14,15 +13,11 @@ namespace ftctest {
 namespace {
 
 std::mutex g_mutex;
-std::condition_variable g_changed;
 std::vector<SendUpCall> g_sendUps;
 
 uint32_t RecordSendUp(uint32_t context, const char* message, uint32_t length) {
-  {
-    std::lock_guard<std::mutex> lock(g_mutex);
-    g_sendUps.push_back({context, message ? std::string(message) : std::string(), length});
-  }
-  g_changed.notify_all();
+  std::lock_guard<std::mutex> lock(g_mutex);
+  g_sendUps.push_back({context, message ? std::string(message) : std::string(), length});
   return 0;
 }
 
@@ -83,10 +78,6 @@ PluginHost::~PluginHost() {
   if (m_started) m_api.Uninitialize();
 }
 
-void* const* PluginHost::table() const {
-  return g_table;
-}
-
 uint32_t PluginHost::BeginGroup(const std::string& group, uint32_t instance) {
   return m_api.BeginGroup(group.c_str(), 0, instance);
 }
@@ -130,24 +121,6 @@ std::vector<SendUpCall> PluginHost::SendUps() {
 void PluginHost::ClearSendUps() {
   std::lock_guard<std::mutex> lock(g_mutex);
   g_sendUps.clear();
-}
-
-bool PluginHost::WaitForSendUp(const std::function<bool(const SendUpCall&)>& pred,
-                               std::chrono::milliseconds timeout) {
-  std::unique_lock<std::mutex> lock(g_mutex);
-  return g_changed.wait_for(lock, timeout, [&] {
-    for (const SendUpCall& call : g_sendUps)
-      if (pred(call)) return true;
-    return false;
-  });
-}
-
-std::string PluginHost::LogPath(const DeviceRoot& root) {
-  return root.HostPath("/tmp/FileXfer.txt");
-}
-
-std::string PluginHost::LogText(const DeviceRoot& root) {
-  return ReadHostFile(LogPath(root));
 }
 
 }  // namespace ftctest

@@ -7,15 +7,13 @@
 //   host.Group("HTTPServer", {{"IPAddress", "127.0.0.1"}, {"HTTPPort", "8080"}});
 //   ...
 //   host.EndGroup("FileTransferConfiglet");
-//   EXPECT_NE(ftctest::PluginHost::LogText(root).find("..."), std::string::npos);
+//   EXPECT_NE(root.Log().find("..."), std::string::npos);
 //
 // The library is loaded once per process and never unloaded (its worker threads may outlive a
 // case); a second PluginHost in the same process shares the plug-in's state.
 #pragma once
 
-#include <chrono>
 #include <cstdint>
-#include <functional>
 #include <string>
 #include <utility>
 #include <vector>
@@ -23,8 +21,6 @@
 #include "configlet/configlet.h"
 
 namespace ftctest {
-
-class DeviceRoot;
 
 // One call of the host's send-up function (slot 4 of the callback table).
 struct SendUpCall {
@@ -66,8 +62,6 @@ class PluginHost {
   PluginHost& operator=(const PluginHost&) = delete;
 
   const ConfigletApi& api() const { return m_api; }
-  // The callback table this host registers (slot 4 records).
-  void* const* table() const;
 
   // The group/field calls, with the unused arguments zero.
   uint32_t BeginGroup(const std::string& group, uint32_t instance = 0);
@@ -82,13 +76,6 @@ class PluginHost {
   // Send-ups recorded since the last ClearSendUps (thread-safe; they may come from workers).
   static std::vector<SendUpCall> SendUps();
   static void ClearSendUps();
-  // Waits until a send-up satisfies pred or the time-out passes (real time, not scaled).
-  static bool WaitForSendUp(const std::function<bool(const SendUpCall&)>& pred,
-                            std::chrono::milliseconds timeout = std::chrono::seconds(10));
-
-  // The plug-in's local log ("/tmp/FileXfer.txt" on the device) under the case's root.
-  static std::string LogPath(const DeviceRoot& root);
-  static std::string LogText(const DeviceRoot& root);
 
   static constexpr uint32_t kContext = 0x5A17C0DEu;
 
