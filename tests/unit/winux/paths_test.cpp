@@ -115,16 +115,4 @@ TEST(WinuxPaths, RamPathsLiveOutsideTheRootAndApartPerRoot) {
   EXPECT_NE(WinuxMapPath("RAM:\\os.bin"), first);
 }
 
-TEST(WinuxPaths, IdentityAndTimeScaleFromTheEnvironment) {
-  ftctest::DeviceRoot root(0.001);
-  root.WriteIdentity("serial=S123\r\n flash_bytes = 1048576\nbroken line\n");
-  EXPECT_EQ(WinuxIdentityValue("serial"), "S123");
-  EXPECT_EQ(WinuxIdentityValue("flash_bytes"), "1048576");
-  EXPECT_EQ(WinuxIdentityValue("hwcfg"), "");
-  EXPECT_EQ(WinuxScaleMs(10000), 10u);
-  EXPECT_EQ(WinuxScaleMs(INFINITE), INFINITE);
-  setenv("WINUX_TIME_SCALE", "junk", 1);
-  EXPECT_EQ(WinuxScaleMs(250), 250u);
-}
-
 }  // namespace

@@ -1,4 +1,4 @@
-// Threads and waits: the 10000 result, scaled time-outs, named objects, mutex ownership, and
+// Threads and waits: the 10000 result, scaled time-outs, mutex ownership, and
 // TerminateThread reaching a thread that sleeps or waits.
 #include <gtest/gtest.h>
 
@@ -42,28 +42,6 @@ TEST(WinuxSync, EventsReportAcquiredAs10000ResetAsAskedAndWaitScaledTime) {
   EXPECT_TRUE(CloseHandle(autoReset));
   EXPECT_EQ(WinuxWaitForSingleObject(autoReset, 0), WAIT_FAILED);
   CloseHandle(manual);
-}
-
-TEST(WinuxSync, NamedObjectsAreSharedByName) {
-  ftctest::DeviceRoot root;
-  HANDLE first = CreateEvent(nullptr, TRUE, FALSE, L"QV_UPGRADE_IN_PROGRESS");
-  EXPECT_EQ(GetLastError(), ERROR_SUCCESS);
-  HANDLE second = CreateEvent(nullptr, TRUE, FALSE, L"QV_UPGRADE_IN_PROGRESS");
-  EXPECT_EQ(GetLastError(), ERROR_ALREADY_EXISTS);
-  HANDLE opened = OpenEvent(0, FALSE, L"QV_UPGRADE_IN_PROGRESS");
-  ASSERT_NE(opened, nullptr);
-  EXPECT_NE(first, second);
-  SetEvent(second);
-  EXPECT_EQ(WinuxWaitForSingleObject(first, 0), WINUX_WAIT_ACQUIRED);
-  EXPECT_EQ(WinuxWaitForSingleObject(opened, 0), WINUX_WAIT_ACQUIRED);
-  EXPECT_EQ(CreateMutex(nullptr, FALSE, L"QV_UPGRADE_IN_PROGRESS"), nullptr);  // another kind
-  EXPECT_EQ(OpenEvent(0, FALSE, L"NoSuchEvent"), nullptr);
-  for (HANDLE h : {first, second, opened}) CloseHandle(h);
-  // Once every handle is closed the name is free again.
-  HANDLE fresh = CreateEvent(nullptr, TRUE, FALSE, L"QV_UPGRADE_IN_PROGRESS");
-  EXPECT_EQ(GetLastError(), ERROR_SUCCESS);
-  EXPECT_EQ(WinuxWaitForSingleObject(fresh, 0), WAIT_TIMEOUT);
-  CloseHandle(fresh);
 }
 
 struct MutexProbe {
