@@ -1,4 +1,4 @@
-// The download writer, the registry by full paths, the UDP sender and the file helpers.
+// The download writer, the UDP sender and the file helpers.
 
 #include <gtest/gtest.h>
 #include <sys/stat.h>
@@ -82,39 +82,6 @@ TEST(SdkFileIO, StaleReadOnlyFileIsPreparedRemovedAndDeleted) {
   EXPECT_EQ(FileIO::Delete(path), 1);
   EXPECT_EQ(FileIO::Delete(path), 0);
   EXPECT_EQ(FileIO::Delete("\\Flash File Store"), 0);  // folders are not files
-}
-
-// "sz:text", "dword:n", or "absent", as the system registry holds the value.
-std::wstring Query(HKEY root, const wchar_t* keyPath, const wchar_t* name) {
-  HKEY key = nullptr;
-  if (RegOpenKeyEx(root, keyPath, 0, KEY_READ, &key) != 0) return L"absent";
-  wchar_t data[64] = {};
-  DWORD type = 0, size = sizeof data;
-  LSTATUS rc = RegQueryValueEx(key, name, nullptr, &type, reinterpret_cast<BYTE*>(data), &size);
-  RegCloseKey(key);
-  if (rc != 0) return L"absent";
-  if (type == REG_DWORD) return L"dword:" + std::to_wstring(*reinterpret_cast<DWORD*>(data));
-  return L"sz:" + std::wstring(data);
-}
-
-TEST(SdkRegistry, FullPathWritesAreVisibleThroughTheSystemRegistry) {
-  ftctest::DeviceRoot root;
-  Registry reg;
-  EXPECT_EQ(reg.CreateKey("HKEY_LOCAL_MACHINE\\System\\ImageUpdate\\UpdateApp"), 1);
-  EXPECT_EQ(reg.SetNumber("HKEY_LOCAL_MACHINE\\Init\\Launch130", 130), 1);
-  EXPECT_EQ(reg.SetString("HKLM\\Init\\Launch130Name", "\\windows\\app.exe"), 1);
-  EXPECT_EQ(reg.SetString("hkcu\\Software\\Caf\xC3\xA9\\Sign", "\xE2\x82\xAC"), 1);
-  EXPECT_EQ(reg.CreateKey("HKEY_NOWHERE\\x"), 0);
-  EXPECT_EQ(reg.SetNumber("HKEY_LOCAL_MACHINE", 1), 0);  // no value name
-  EXPECT_EQ(reg.SetNumber(nullptr, 1), 0);
-
-  HKEY key = nullptr;
-  ASSERT_EQ(RegOpenKeyEx(HKEY_LOCAL_MACHINE, L"System\\ImageUpdate\\UpdateApp", 0, KEY_READ, &key),
-            0);
-  RegCloseKey(key);
-  EXPECT_EQ(Query(HKEY_LOCAL_MACHINE, L"init", L"Launch130"), L"dword:130");
-  EXPECT_EQ(Query(HKEY_LOCAL_MACHINE, L"Init", L"Launch130Name"), L"sz:\\windows\\app.exe");
-  EXPECT_EQ(Query(HKEY_CURRENT_USER, L"Software\\Caf\u00E9", L"Sign"), L"sz:\u20AC");
 }
 
 TEST(SdkNetwork, SendsADatagramToTheDottedDestination) {

@@ -67,18 +67,13 @@ TEST(SdkParseUrl, FindsHostAndPort) {
     int port;
   };
   const Case cases[] = {
-      {"10.0.0.5:8080", 1, "10.0.0.5", 8080},
       {"http://server.example:8789/files/a.bin", 1, "server.example", 8789},
-      {"https://h:443", 1, "h", 443},
       {" 10.0.0.5:80 \r\n", 1, "10.0.0.5", 80},
       {"[::1]:9000", 1, "::1", 9000},
-      {"10.0.0.5", 0, "10.0.0.5", -1},
       {"http://server/path", 0, "server", -1},
-      {"host:", 0, "host", -1},
       {"host:0", 0, "host", -1},
       {"host:65536", 0, "host", -1},
       {"host:99999999999999999999", 0, "host", -1},
-      {"host:80x", 0, "host", -1},
       {"", 0, "", -1},
   };
   for (const Case& c : cases) {
