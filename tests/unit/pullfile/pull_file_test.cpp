@@ -6,7 +6,6 @@
 
 #include <chrono>
 #include <string>
-#include <thread>
 #include <vector>
 
 #include "platform/winux.h"
@@ -106,24 +105,6 @@ TEST_F(PullFile, SucceedsAfterTwoFailedAttempts) {
   EXPECT_NE(requests[3].find("Bundle-transfer: COMPLETE"), std::string::npos) << requests[3];
   EXPECT_NE(root.ReadFile("\\temp\\Quovera\\QVSubSystems\\QVBundles.xml").find("AppBundle"),
             std::string::npos);
-}
-
-TEST_F(PullFile, GivesUpAfterTenAttemptsWithoutACompleteEvent) {
-  std::vector<Reply> failures(10,
-                              Reply::Raw("HTTP/1.1 404 Not Found\r\nContent-Length: 0\r\n\r\n"));
-  ftctest::ScriptedHttpPeer peer(failures);
-  ftctest::PluginHost host;
-  ASSERT_EQ(Pull(host, Narrow(peer.Url())), 0u);
-  ASSERT_TRUE(ftctest::WaitUntil([&] { return Count(Log(), "retrying 1") == 10; },
-                                 std::chrono::seconds(20)));
-  // The tenth pause is the thread's last act; give it time to have reported anything more.
-  std::this_thread::sleep_for(std::chrono::milliseconds(300));
-  EXPECT_EQ(Count(Log(), "retrying 1"), 10);
-  EXPECT_EQ(peer.Requests().size(), 10u);
-  const std::string dest = kDest;
-  EXPECT_EQ(Events(), (std::vector<std::string>{"205186 " + dest}));
-  EXPECT_EQ(States(), (std::vector<std::string>{"1 Transfering file - " + dest}));
-  EXPECT_FALSE(root.Exists(kDest));
 }
 
 TEST(PullFileServer, TokenIsReplacedByTheRegisteredAddress) {

@@ -6,13 +6,11 @@
 
 #include <cstdlib>
 #include <cstring>
-#include <mutex>
 #include <regex>
 #include <string>
 #include <thread>
 #include <vector>
 
-#include "configlet/configlet.h"
 #include "platform/plix.h"
 #include "platform/winux.h"
 #include "report/deploy_state.h"
@@ -194,37 +192,12 @@ TEST_F(ReportTest, MissingLibrarySkipsSendsUntilItAppears) {
   XQTransferState state = GetXQTransferState();
   EXPECT_TRUE(!state.library && !state.entryPoints && !state.handle);
   EXPECT_TRUE(ReadSpool(root.path(), "").empty());
-  EXPECT_NE(Log().find("SetAutoDeployState - via XQ\r\n"), std::string::npos);
 
   setenv("WINUX_LIBRARY_PATH", ftctest::LibDir().c_str(), 1);
   SendDeviceEvent("U", 20, 205182, "y");
   auto records = ReadSpool(root.path(), "");
   ASSERT_EQ(records.size(), 1u);
   EXPECT_EQ(records[0].code, "205182");
-}
-
-// The host's callback takes state reports; the queue library is then never loaded.
-std::mutex g_upLock;
-std::vector<std::string> g_up;
-uint32_t RecordUp(uint32_t context, const char* message, uint32_t length) {
-  std::lock_guard<std::mutex> lock(g_upLock);
-  g_up.push_back(std::to_string(context) + ":" + std::to_string(length) + ":" + message);
-  return 0;  // the host's answer does not matter
-}
-
-TEST_F(ReportTest, HostCallbackTakesStateReportsFirst) {
-  void* table[8] = {};
-  table[ICFG_SENDUP_SLOT] = reinterpret_cast<void*>(&RecordUp);
-  IcfgSetCallbacks(7, table);
-  SetIRIStatus(1, "Upgrade Complete");
-  SetAutoDeployState("0");
-  std::string state = ReadyToWork("1", "Upgrade Complete"), deploy = AutoDeploy("0");
-  EXPECT_EQ(g_up,
-            (std::vector<std::string>{"7:" + std::to_string(state.size() + 1) + ":" + state,
-                                      "7:" + std::to_string(deploy.size() + 1) + ":" + deploy}));
-  EXPECT_EQ(GetXQTransferState().library, nullptr);
-  EXPECT_TRUE(ReadSpool(root.path(), "").empty());
-  EXPECT_EQ(Log().find("via XQ"), std::string::npos);
 }
 
 }  // namespace
