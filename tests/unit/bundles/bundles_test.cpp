@@ -74,17 +74,13 @@ TEST(BundleRecords, RecordsAreCreatedReplacedNotDuplicatedAndCleared) {
 TEST(BundleRecords, RefusedCallsChangeNothingAndSayWhy) {
   Device root;
   const char* null = nullptr;
-  SetBundleNameForAssetMsg(null, "B");
   SetBundleNameForAssetMsg("1", null);
   SetBundleNameForAssetMsg("", "B");
-  SetBundleNameForAssetMsg("1", "");
   ClearQVBundleEntry(null);
   ClearQVBundleEntry("");
   EXPECT_FALSE(root.Exists(kBundleFile));
   EXPECT_EQ(root.Log(),
             "SetBundleNameForAssetMsg - Version and or bundle are null\r\n"
-            "SetBundleNameForAssetMsg - Version and or bundle are null\r\n"
-            "SetBundleNameForAssetMsg - Version and or bundle name are empty\r\n"
             "SetBundleNameForAssetMsg - Version and or bundle name are empty\r\n"
             "ClearQVBundleName bundle is null\r\n"
             "ClearQVBundleName - bundle name is empty\r\n");

@@ -116,7 +116,6 @@ TEST_F(MulticastJob, SessionDeliversAndHttpRepairsOnlyTheRest) {
   // The receiver's status datagrams reached the display through the status thread.
   EXPECT_TRUE(Shown("Receiving good.bin"));
   EXPECT_TRUE(Shown("Receiving damaged.bin"));
-  EXPECT_NE(log.find("MCStatusThread - recvfrom got error"), std::string::npos);
 }
 
 TEST_F(MulticastJob, ProtocolVersionNamesTheReceiver) {
