@@ -21,28 +21,6 @@ bool ConnectTo(CSocketIO& s, uint16_t port) {
   return s.CreateTcpSocket() && s.SetMode(0) && s.Connect(htonl(INADDR_LOOPBACK), port, 2000);
 }
 
-TEST(SocketIO, SendsWholeBuffersAndReadsThePeersClose) {
-  ftctest::DeviceRoot root;
-  ftctest::ScriptedHttpPeer peer({Reply::Raw("", /*close=*/true)});
-  CSocketIO s;
-  ASSERT_TRUE(ConnectTo(s, peer.Port()));
-  EXPECT_EQ(s.SendData("", 0), 0u);
-
-  std::string request = std::string(2996, 'r') + "\r\n\r\n";  // three segments' worth
-  EXPECT_EQ(s.SendData(request.data(), DWORD(request.size())), DWORD(request.size()));
-  ASSERT_TRUE(peer.WaitForRequests(1));
-  EXPECT_EQ(peer.Requests()[0], request);
-
-  char buf[16];
-  int received = -1;
-  ASSERT_TRUE(s.SocketReadable(2000));
-  EXPECT_EQ(s.ReadData(buf, sizeof buf, received), 0);
-  EXPECT_EQ(received, 0);
-  EXPECT_EQ(s.IsConnected(), 1);
-  s.Close();
-  EXPECT_EQ(s.IsConnected(), 0);
-}
-
 TEST(SocketIO, ConnectFailuresCloseTheSocketAndAreLogged) {
   ftctest::DeviceRoot root;
   CSocketIO none;
