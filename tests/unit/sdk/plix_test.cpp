@@ -67,37 +67,6 @@ TEST(SdkPlixTraversal, ReportsStartsAndEndsInDocumentOrderBelowTheTop) {
   EXPECT_EQ(it.ContinueTraverse(), 0);
 }
 
-TEST(SdkPlixEdit, EditsSurviveWriteAndReRead) {
-  CPlixDOM dom;
-  ASSERT_EQ(dom.ReadDoc(kBundles), 1);
-  CPlixIterator it;
-  it.BindToDOM(&dom);
-  CPlixElement* group = Find(it, "Subsystem")->InsertChild("Group");
-  ASSERT_NE(group, nullptr);
-  EXPECT_EQ(group->SetAttribute("Name", "Gamma & <Co>"), 1);
-  CPlixElement* field = group->InsertChild("Field");
-  ASSERT_NE(field, nullptr);
-  field->SetData("3.0");
-  field->SetData("3.1");  // replaces, does not append
-  ASSERT_NE(Find(it, "Empty")->InsertNextSibling("After"), nullptr);
-  EXPECT_EQ(dom.GetRootElement()->InsertNextSibling("Second"), nullptr);
-  Find(it, "Group")->SetAttribute("Name", "Alpha2");
-  EXPECT_EQ(Find(it, "Group")->Delete(), 1);  // Alpha2 goes
-
-  char* text = nullptr;
-  ASSERT_EQ(dom.WriteDoc(&text), 1);
-  std::string written(text);
-  std::free(text);
-  EXPECT_EQ(written.find("\xEF\xBB\xBF"), std::string::npos);
-  CPlixDOM again;
-  ASSERT_EQ(again.ReadDoc(written.c_str()), 1) << written;
-  EXPECT_EQ(WalkDocument(again),
-            (std::vector<std::string>{"+DevInfo", "+Subsystem", "+Group:Beta", "+Field=2.0",
-                                      "-Field", "-Group", "+Empty", "-Empty", "+After", "-After",
-                                      "+Group:Gamma & <Co>", "+Field=3.1", "-Field", "-Group",
-                                      "-Subsystem", "-DevInfo"}));
-}
-
 TEST(SdkPlixEdit, DeletingDuringTraversalNeverWalksFreedNodes) {
   struct Case {
     const char* what;
