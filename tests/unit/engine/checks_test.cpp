@@ -225,10 +225,6 @@ TEST(Progress, ClampedBetweenFiveAndOneHundredAndZeroTotalIsDone) {
   EXPECT_EQ(GetTransferedFileCnt(), 1);  // one-based before any transfer
 }
 
-}  // namespace
-
-namespace {
-
 TEST(StorageCard, ValidOnlyWhenAPackageAsksForSpaceThatIsFree) {
   ftctest::DeviceRoot root;
   UpgradeConfig cfg;
