@@ -8,15 +8,13 @@
 #include "multicast_params.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
-  std::string text(reinterpret_cast<const char*>(data), size);
   MulticastParams p;
   std::string error;
-  if (!ParseMulticastParams(text, p, error)) {
+  if (!ParseMulticastParams(std::string(reinterpret_cast<const char*>(data), size), p, error)) {
     FUZZ_EXPECT(!error.empty());
     return 0;
   }
-  FUZZ_EXPECT(!p.deviceFolder.empty());
-  FUZZ_EXPECT(p.port >= 1 && p.port <= 65535);
+  FUZZ_EXPECT(!p.deviceFolder.empty() && p.port >= 1 && p.port <= 65535);
   FUZZ_EXPECT(p.statusPort >= 0 && p.statusPort <= 65535);
   FUZZ_EXPECT(p.startTimeoutMs >= 1000 && p.startTimeoutMs <= 86400000);
   FUZZ_EXPECT(p.idleTimeoutMs >= 1000 && p.idleTimeoutMs <= 86400000);
