@@ -28,6 +28,9 @@ const char kFields[] =
     "MulticastIP EncryptionKey UDPPort UDPBlockSize Parameters ShowGUI Action BeginText EndText "
     "RequiredSpace Root Key Operator ErrorMsg SrcUrl SrcFile DestFile FileID";
 
+const char kValues[] =
+    "TRUE false Delete Save 0 -1 4294967296 http://127.0.0.1:1/bundle HKEY_LOCAL_MACHINE REG_DWORD";
+
 // A known name, maybe with its case flipped or cut short (the host matches names without case,
 // most fields as prefixes), or any text.
 std::string Name(ftcfuzz::Reader& in, const char* words) {
@@ -44,10 +47,7 @@ std::string Value(ftcfuzz::Reader& in) {
   uint8_t kind = in.Byte() % 4;
   if (kind == 0) return in.Until(0);
   if (kind == 1) return std::string(1 + in.Below(3000), static_cast<char>(in.Byte() | 1));
-  if (kind == 3) return "";
-  return in.Word(
-      "TRUE false Delete Save 0 -1 4294967296 http://127.0.0.1:1/bundle "
-      "HKEY_LOCAL_MACHINE REG_DWORD");
+  return kind == 3 ? "" : in.Word(kValues);
 }
 
 // Reports carry the server's texts: each queued message must still be a document.
@@ -99,7 +99,6 @@ void CheckPending() {
 }  // namespace
 
 extern "C" int LLVMFuzzerInitialize(int*, char***) {
-  ftcfuzz::Root();
   IcfgInitialize();
   IcfgSetCallbacks(7, g_callbacks);
   return 0;

@@ -135,40 +135,32 @@ Bytes Piece(const Bytes& b, size_t from, size_t most) {
                b.begin() + static_cast<long>(from + 1 + Below(std::min(b.size() - from, most))));
 }
 
-void Mutate(Bytes& b, const std::vector<Bytes>& corpus, const std::vector<Bytes>& dict,
-            size_t maxLen) {
-  static const uint8_t kSpecial[] = {0,   0xFF, 0x7F, 0x80, '\n', '\r', '<', '>',
-                                     '"', '\'', '=',  ' ',  ':',  '\\', '/', '&'};
+void Mutate(Bytes& b, const std::vector<Bytes>& corpus, const std::vector<Bytes>& dict) {
+  static const char kSpecial[] = "\0\xff\x7f\x80\n\r<>\"'=: \\/&";
   static const char* const kNumbers[] = {"0",          "-1",          "2147483647",
                                          "4294967295", "65536",       "256",
                                          "4294967296", "-2147483648", "99999999999999999999"};
   size_t at = Below(b.size() + 1), pos = Below(b.size());
   auto it = [&b](size_t i) { return b.begin() + static_cast<long>(i); };
-  Bytes piece;  // inserted at at
-  switch (b.empty() ? 5 + Below(5) : Below(10)) {
-    case 0:
-      b[pos] ^= static_cast<uint8_t>(1u << Below(8));
+  Bytes piece;  // goes in at at
+  switch (b.empty() ? 3 + Below(3) : Below(6)) {
+    case 0:  // a bit, or a byte that parsers treat specially
+      b[pos] = static_cast<uint8_t>(Below(2) ? b[pos] ^ 1u << Below(8)
+                                             : kSpecial[Below(sizeof kSpecial - 1)]);
       break;
     case 1:
-      b[pos] = kSpecial[Below(sizeof kSpecial)];
-      break;
-    case 2:
       b.erase(it(pos), it(pos + Piece(b, pos, 32).size()));
       break;
-    case 3:
-      piece = Piece(b, pos, 64);
-      break;
-    case 4: {  // a short piece many times over: the over-long field
-      Bytes part = Piece(b, pos, 8);
-      for (size_t i = 16 + Below(256); i > 0 && piece.size() < maxLen; --i)
+    case 2: {  // a piece again, sometimes many times over: the over-long field
+      Bytes part = Piece(b, pos, 64);
+      for (size_t i = Below(2) ? 1 : 16 + Below(2048 / part.size()); i > 0; --i)
         piece.insert(piece.end(), part.begin(), part.end());
       break;
     }
-    case 5:
-    case 6:
+    case 3:
       if (!dict.empty()) piece = dict[Below(dict.size())];
       break;
-    case 7:  // splice with another seed
+    case 4:  // splice with another seed
       if (const Bytes& other = corpus[Below(corpus.size())]; !other.empty()) {
         b.resize(at);
         b.insert(b.end(), other.begin() + static_cast<long>(Below(other.size())), other.end());
@@ -249,7 +241,7 @@ int main(int argc, char** argv) {
        !onlyFiles && (runs < 0 || mutations < runs) && (maxSeconds <= 0 || spent() < maxSeconds);
        ++mutations) {
     if (b.empty() || Below(2)) b = corpus[Below(corpus.size())];
-    for (size_t n = 1 + Below(4); n > 0; --n) Mutate(b, corpus, dictionary, maxLen);
+    for (size_t n = 1 + Below(4); n > 0; --n) Mutate(b, corpus, dictionary);
     if (b.size() > maxLen) b.resize(maxLen);
     RunOne(b, timeout, prefix.c_str());
   }

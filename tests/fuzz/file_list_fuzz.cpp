@@ -7,11 +7,6 @@
 #include "engine/upgrade.h"
 #include "fuzz/fuzz_support.h"
 
-extern "C" int LLVMFuzzerInitialize(int*, char***) {
-  ftcfuzz::Root();
-  return 0;
-}
-
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   UpgradeConfig cfg;
   ParseFileList(&cfg, reinterpret_cast<const char*>(data), size);

@@ -16,21 +16,20 @@
 #include "support/device_root.h"
 
 // A broken property: say which, then abort so the driver keeps the input.
-#define FUZZ_EXPECT(cond)                                                              \
-  do {                                                                                 \
-    if (!(cond)) {                                                                     \
-      std::fprintf(stderr, "%s:%d: property failed: %s\n", __FILE__, __LINE__, #cond); \
-      std::abort();                                                                    \
-    }                                                                                  \
-  } while (0)
+#define FUZZ_EXPECT(cond)                                                                  \
+  (void)((cond) ||                                                                         \
+         (std::fprintf(stderr, "%s:%d: property failed: %s\n", __FILE__, __LINE__, #cond), \
+          std::abort(), false))
 
 namespace ftcfuzz {
 
-// The device root for the whole run; a tiny time scale so platform sleeps cost nothing.
+// The device root for the whole run, set before any target starts; a tiny time scale so platform
+// sleeps cost nothing.
 inline ftctest::DeviceRoot& Root() {
   static ftctest::DeviceRoot root(0.0001);
   return root;
 }
+inline ftctest::DeviceRoot& g_root = Root();
 
 // Consumes fuzz bytes front to back; past the end every read gives zeros or empty texts.
 class Reader {

@@ -29,9 +29,6 @@ class PairedClient : public CHTTPClient {
  public:
   explicit PairedClient(const std::string& bytes) {
     FUZZ_EXPECT(socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, m_pair) == 0);
-    int big = 1 << 20;
-    setsockopt(m_pair[1], SOL_SOCKET, SO_SNDBUF, &big, sizeof big);
-    setsockopt(m_pair[0], SOL_SOCKET, SO_RCVBUF, &big, sizeof big);
     fcntl(m_pair[1], F_SETFL, O_NONBLOCK);
     for (size_t done = 0; done < bytes.size();) {
       ssize_t n = send(m_pair[1], bytes.data() + done, bytes.size() - done, MSG_NOSIGNAL);
@@ -95,7 +92,6 @@ void DriveTexts(const std::string& text) {
 }  // namespace
 
 extern "C" int LLVMFuzzerInitialize(int*, char***) {
-  ftcfuzz::Root();
   CreateDirectory(L"\\temp", nullptr);
   return 0;
 }

@@ -36,11 +36,6 @@ void CheckHandler(CQVProcessingHandler& h) {
 
 }  // namespace
 
-extern "C" int LLVMFuzzerInitialize(int*, char***) {
-  ftcfuzz::Root();
-  return 0;
-}
-
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   ftcfuzz::Reader in(data, size);
   bool fromRoot = in.Byte() & 1;

@@ -65,11 +65,6 @@ void ExpectRoundTrip(CPlixDOM& dom) {
 
 }  // namespace
 
-extern "C" int LLVMFuzzerInitialize(int*, char***) {
-  ftcfuzz::Root();
-  return 0;
-}
-
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   static const char* const kTags[] = {"Set", "File", "Process", "Bundle", "x"};
   static const char* const kNames[] = {"Name", "Value", "KeyName", "Action", "a", "x"};
