@@ -52,17 +52,6 @@ void SaveInput(const char* name) {
   (void)!write(2, "\n", 1);
 }
 
-void OnDeath() {
-  SaveInput(g_crashName);
-}
-
-void OnSignal(int sig) {
-  SaveInput(sig == SIGALRM ? g_timeoutName : g_crashName);
-  if (sig == SIGALRM) sig = SIGABRT;
-  signal(sig, SIG_DFL);
-  raise(sig);
-}
-
 // A sanitizer reports memory faults itself and then calls back; the signals it leaves alone come
 // here, on a stack of their own (the sanitizer's when it set one) so a stack overflow is kept.
 void InstallHandlers() {
@@ -76,11 +65,15 @@ void InstallHandlers() {
   }
   std::vector<int> signals = {SIGABRT, SIGILL, SIGALRM};
   if (__sanitizer_set_death_callback)
-    __sanitizer_set_death_callback(OnDeath);
+    __sanitizer_set_death_callback([] { SaveInput(g_crashName); });
   else
     signals.insert(signals.end(), {SIGFPE, SIGBUS, SIGSEGV});
   struct sigaction sa {};
-  sa.sa_handler = OnSignal;
+  sa.sa_handler = [](int sig) {
+    SaveInput(sig == SIGALRM ? g_timeoutName : g_crashName);
+    signal(sig == SIGALRM ? SIGABRT : sig, SIG_DFL);
+    raise(sig == SIGALRM ? SIGABRT : sig);
+  };
   sa.sa_flags = SA_ONSTACK | SA_RESETHAND;
   for (int sig : signals) sigaction(sig, &sa, nullptr);
 }

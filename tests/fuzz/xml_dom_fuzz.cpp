@@ -5,6 +5,7 @@
 //
 // Input: the document, a NUL, then edits: an operation byte, an element number, and a value
 // ending at byte 0x01.
+#include <algorithm>
 #include <cstddef>
 #include <cstdint>
 #include <string>
@@ -45,11 +46,10 @@ std::vector<CPlixElement*> Walk(CPlixDOM& dom) {
 }
 
 // Blanks aside: one trip may normalise line ends and drop blank text between elements.
-std::string Visible(const std::string& text) {
-  std::string out;
-  for (char c : text)
-    if (c != ' ' && c != '\t' && c != '\r' && c != '\n') out += c;
-  return out;
+std::string Visible(std::string text) {
+  auto blank = [](char c) { return c == ' ' || c == '\t' || c == '\r' || c == '\n'; };
+  text.erase(std::remove_if(text.begin(), text.end(), blank), text.end());
+  return text;
 }
 
 // What was written reads back to the same elements, attributes and text; after one trip the
