@@ -14,6 +14,7 @@ for p in ftc-server ftc-bundle ftc-host; do
 done
 
 work=$(mktemp -d "${TMPDIR:-/tmp}/ftc-demo-XXXXXX")
+. "$(dirname "$0")/demo_lib.sh"
 server_pid=""
 finish() {
   if [ -n "$server_pid" ]; then
@@ -36,23 +37,7 @@ printf '<settings>\n  <Server>demo</Server>\n</settings>\n' >"$work/bundle/app/s
 printf 'FileTransferConfiglet demo bundle\n' >"$work/bundle/readme.txt"
 ls -l "$work/bundle" "$work/bundle/app" "$work/bundle/os" | sed 's/^/   /'
 
-echo "== starting ftc-server on 127.0.0.1"
-"$bin/ftc-server" --root "$work/bundle" --bind 127.0.0.1 --port 0 \
-  --reports "$work/reports.log" >"$work/server.log" 2>&1 &
-server_pid=$!
-port=""
-for _ in $(seq 1 100); do
-  port=$(sed -n 's/^listening on [0-9.]*:\([0-9]*\).*/\1/p' "$work/server.log" | head -n1)
-  [ -n "$port" ] && break
-  kill -0 "$server_pid" 2>/dev/null || break
-  sleep 0.05
-done
-if [ -z "$port" ]; then
-  echo "demo: ftc-server did not start:" >&2
-  cat "$work/server.log" >&2
-  exit 1
-fi
-echo "   listening on 127.0.0.1:$port"
+start_server "$work/bundle"
 
 echo "== writing the job file"
 "$bin/ftc-bundle" job "$work/bundle" --server "http://127.0.0.1:$port" \

@@ -18,6 +18,7 @@ for p in uftp uftpd; do
 done
 
 work=$(mktemp -d "${TMPDIR:-/tmp}/ftc-mcdemo-XXXXXX")
+. "$(dirname "$0")/demo_lib.sh"
 server_pid=""
 host_pid=""
 sender_pid=""
@@ -62,23 +63,7 @@ cp -r "$work/bundle" "$work/sent"
 rm "$work/sent/os/image.bin"
 printf 'FileTransferConfiglet multicast demo bundlE\n' >"$work/sent/docs/readme.txt"
 
-echo "== starting ftc-server on 127.0.0.1"
-"$bin/ftc-server" --root "$work/bundle" --bind 127.0.0.1 --port 0 \
-  --reports "$work/reports.log" >"$work/server.log" 2>&1 &
-server_pid=$!
-port=""
-for _ in $(seq 1 100); do
-  port=$(sed -n 's/^listening on [0-9.]*:\([0-9]*\).*/\1/p' "$work/server.log" | head -n1)
-  [ -n "$port" ] && break
-  kill -0 "$server_pid" 2>/dev/null || break
-  sleep 0.05
-done
-if [ -z "$port" ]; then
-  echo "demo: ftc-server did not start:" >&2
-  cat "$work/server.log" >&2
-  exit 1
-fi
-echo "   listening on 127.0.0.1:$port"
+start_server "$work/bundle"
 
 session=$(free_udp_port)
 params="-D \"\\Flash File Store\\demo\" -P $session -M 127.0.0.1 -I 127.0.0.1 -T 30"

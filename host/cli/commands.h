@@ -20,6 +20,11 @@ struct Options {
   bool dword = false;
 };
 
+// The device log, as the plug-in names it.
+constexpr char kDeviceLogFile[] = "/tmp/FileXfer.txt";
+// Threads of this process; a job's worker has ended when the count is back where it was.
+int ThreadCount();
+
 int RunJob(const Options& opt);
 int RegistryCommand(const Options& opt);
 int IdentityCommand(const Options& opt);

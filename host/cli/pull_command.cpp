@@ -28,17 +28,6 @@ using Clock = std::chrono::steady_clock;
 // The plug-in's request record holds each text in 256 bytes.
 constexpr size_t kMaxText = 255;
 constexpr int kAttempts = 10;
-const char kLogFile[] = "/tmp/FileXfer.txt";
-
-int Threads() {
-  int n = 0;
-  if (DIR* d = opendir("/proc/self/task")) {
-    while (dirent* e = readdir(d))
-      if (e->d_name[0] != '.') ++n;
-    closedir(d);
-  }
-  return n;
-}
 
 std::string ReadFrom(const std::string& path, std::streamoff offset) {
   std::ifstream in(path, std::ios::binary);
@@ -117,9 +106,9 @@ int PullCommand(const Options& opt) {
 
   std::set<std::string> seen;
   ReadSpoolNew(opt.root, "", &seen);
-  const std::string log = WinuxMapPath(kLogFile);
+  const std::string log = WinuxMapPath(kDeviceLogFile);
   std::streamoff logStart = SizeOf(log);
-  int threadsBefore = Threads();
+  int threadsBefore = ThreadCount();
   auto started = Clock::now();
 
   const std::pair<const char*, std::string> fields[] = {{"SrcUrl", named["--url"]},
@@ -155,7 +144,7 @@ int PullCommand(const Options& opt) {
   }
   // The thread's last acts are scaled pauses; let it finish before the plug-in is unloaded.
   auto until = Clock::now() + std::chrono::milliseconds(static_cast<int64_t>(4000 * scale) + 2000);
-  while (Threads() > threadsBefore && Clock::now() < until)
+  while (ThreadCount() > threadsBefore && Clock::now() < until)
     std::this_thread::sleep_for(std::chrono::milliseconds(20));
 
   double seconds = std::chrono::duration<double>(Clock::now() - started).count();

@@ -25,18 +25,6 @@ namespace ftchost {
 
 namespace {
 
-const char kLogFile[] = "/tmp/FileXfer.txt";
-
-int ThreadCount() {
-  int n = 0;
-  if (DIR* d = opendir("/proc/self/task")) {
-    while (dirent* e = readdir(d))
-      if (e->d_name[0] != '.') ++n;
-    closedir(d);
-  }
-  return n;
-}
-
 bool InProgressEventExists() {
   HANDLE h = OpenEvent(0, FALSE, L"QV_UPGRADE_IN_PROGRESS");
   if (!h) return false;
@@ -45,7 +33,7 @@ bool InProgressEventExists() {
 }
 
 std::string LogPath() {
-  return WinuxMapPath(kLogFile);
+  return WinuxMapPath(kDeviceLogFile);
 }
 
 uintmax_t FileSize(const std::string& path) {
@@ -340,6 +328,16 @@ int RunJob(const Options& opt) {
   printf("  device log:     %s\n", LogPath().c_str());
   fflush(stdout);
   return success ? kExitOk : kExitFailed;
+}
+
+int ThreadCount() {
+  int n = 0;
+  if (DIR* d = opendir("/proc/self/task")) {
+    while (dirent* e = readdir(d))
+      if (e->d_name[0] != '.') ++n;
+    closedir(d);
+  }
+  return n;
 }
 
 }  // namespace ftchost

@@ -22,9 +22,6 @@ const int kAttempts = 10;
 const DWORD kRetryPauseMs = 3000;
 const DWORD kTimeoutMs = 20000;
 const int kDefaultPort = 8789;
-const DWORD kEventClass = 20;
-const DWORD kEventStarted = 205186;
-const DWORD kEventComplete = 205185;
 
 void RunPullFile(tagPullFileEntry* entry) {
   std::unique_ptr<UpgradeConfig> cfg(new UpgradeConfig());
@@ -32,7 +29,8 @@ void RunPullFile(tagPullFileEntry* entry) {
   snprintf(status, sizeof status, "Transfering file - %s", entry->m_szDestFile);
   SetIRIStatus(1, status);
   Sleep(1000);
-  SendDeviceEvent(cfg->GetUniqueId(), kEventClass, kEventStarted, entry->m_szDestFile);
+  SendDeviceEvent(cfg->GetUniqueId(), QV_EVENT_SYSTEM, QV_EVENT_PULLFILE_STARTED,
+                  entry->m_szDestFile);
 
   SubstituteServerIP(entry->m_szSrcUrl);
 
@@ -86,7 +84,8 @@ void RunPullFile(tagPullFileEntry* entry) {
   if (done) {
     LogMsg("PullFilethread - FileXfer Complete\r\n");
     SetBundleNameForAssetMsg(entry->m_szFileID, entry->m_szDestFile);
-    SendDeviceEvent(cfg->GetUniqueId(), kEventClass, kEventComplete, entry->m_szDestFile);
+    SendDeviceEvent(cfg->GetUniqueId(), QV_EVENT_SYSTEM, QV_EVENT_PULLFILE_COMPLETE,
+                    entry->m_szDestFile);
     Sleep(1000);
     SetIRIStatus(1, "File Transfer Complete");
     Sleep(2000);
