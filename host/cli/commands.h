@@ -15,15 +15,12 @@ struct Options {
   std::string root;               // absolute; WINUX_ROOT is set to it
   std::string plugin;
   std::string queue;
-  double timeScale = 1.0;
   bool follow = false;
   bool dword = false;
 };
 
 // The device log, as the plug-in names it.
 constexpr char kDeviceLogFile[] = "/tmp/FileXfer.txt";
-// Threads of this process; a job's worker has ended when the count is back where it was.
-int ThreadCount();
 
 int RunJob(const Options& opt);
 int RegistryCommand(const Options& opt);

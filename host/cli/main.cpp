@@ -86,7 +86,6 @@ int main(int argc, char** argv) {
     char* end = nullptr;
     double v = strtod(scale.c_str(), &end);
     if (!end || *end || !(v > 0) || v > 1000) return Bad("--time-scale takes a number above 0");
-    opt.timeScale = v;
     setenv("WINUX_TIME_SCALE", scale.c_str(), 1);
   }
   if (root.empty()) root = DefaultRoot();

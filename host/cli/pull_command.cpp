@@ -1,7 +1,6 @@
 // `ftc-host pull`: asks the plug-in to pull one file from an HTTP server, as the management
 // server does, and follows the request's thread to its end.
-#include <dirent.h>
-
+#include <atomic>
 #include <chrono>
 #include <cstdio>
 #include <cstdlib>
@@ -87,16 +86,20 @@ int PullCommand(const Options& opt) {
     printf("%s\n", line.c_str());
     fflush(stdout);
   };
+  // The request's last report: the thread only pauses and frees its record after it.
+  std::atomic<bool> finished{false};
   PluginSession plugin;
   std::string error;
   std::string path = opt.plugin.empty() ? DefaultPluginPath() : opt.plugin;
   bool loaded = plugin.Load(
       path,
-      [&print](const std::string& m) {
+      [&print, &finished](const std::string& m) {
         SpoolRecord r;
         r.message = m;
         xqspool::DecodeMessage(&r);
-        if (r.kind == "state") print("status: " + r.text);
+        if (r.kind != "state") return;
+        print("status: " + r.text);
+        if (r.text == "File Transfer Complete") finished = true;
       },
       &error);
   if (!loaded) {
@@ -108,7 +111,6 @@ int PullCommand(const Options& opt) {
   ReadSpoolNew(opt.root, "", &seen);
   const std::string log = WinuxMapPath(kDeviceLogFile);
   std::streamoff logStart = SizeOf(log);
-  int threadsBefore = ThreadCount();
   auto started = Clock::now();
 
   const std::pair<const char*, std::string> fields[] = {{"SrcUrl", named["--url"]},
@@ -131,7 +133,7 @@ int PullCommand(const Options& opt) {
   const auto limit =
       std::chrono::milliseconds(static_cast<int64_t>(kAttempts * (20000 + 3000 * scale) + 10000));
   bool complete = false, gaveUp = false;
-  while (!complete && !gaveUp && Clock::now() - started < limit) {
+  while (!(complete && finished) && !gaveUp && Clock::now() - started < limit) {
     for (const SpoolRecord& r : ReadSpoolNew(opt.root, "", &seen)) {
       if (r.kind != "event") continue;
       print("event " + r.code + ": " + r.text);
@@ -140,13 +142,9 @@ int PullCommand(const Options& opt) {
     // A request that used up its attempts says nothing more.
     if (!complete && Count(ReadFrom(log, logStart), "PullFilethread - retrying") >= kAttempts)
       gaveUp = true;
-    if (!complete && !gaveUp) std::this_thread::sleep_for(std::chrono::milliseconds(20));
+    if (!(complete && finished) && !gaveUp)
+      std::this_thread::sleep_for(std::chrono::milliseconds(20));
   }
-  // The thread's last acts are scaled pauses; let it finish before the plug-in is unloaded.
-  auto until = Clock::now() + std::chrono::milliseconds(static_cast<int64_t>(4000 * scale) + 2000);
-  while (ThreadCount() > threadsBefore && Clock::now() < until)
-    std::this_thread::sleep_for(std::chrono::milliseconds(20));
-
   double seconds = std::chrono::duration<double>(Clock::now() - started).count();
   std::string text = ReadFrom(log, logStart);
   int retries = Count(text, "PullFilethread - retrying");

@@ -1,5 +1,4 @@
 // `ftc-host run`: replays a job file into the plug-in and follows the upgrade to its end.
-#include <dirent.h>
 #include <strings.h>
 #include <unistd.h>
 
@@ -7,15 +6,15 @@
 #include <cstdio>
 #include <cstdlib>
 #include <filesystem>
-#include <fstream>
-#include <sstream>
-#include <thread>
+#include <map>
+#include <optional>
 
 #include "commands.h"
 #include "job_file.h"
-#include "platform/winux.h"
+#include "job_watch.h"
 #include "plugin_session.h"
 #include "progress_view.h"
+#include "verify.h"
 #include "winux/winux_host.h"
 #include "xq/spool.h"
 
@@ -25,133 +24,35 @@ namespace ftchost {
 
 namespace {
 
-bool InProgressEventExists() {
-  HANDLE h = OpenEvent(0, FALSE, L"QV_UPGRADE_IN_PROGRESS");
-  if (!h) return false;
-  CloseHandle(h);
-  return true;
-}
+using Clock = std::chrono::steady_clock;
 
-std::string LogPath() {
-  return WinuxMapPath(kDeviceLogFile);
-}
+// A job waits for an unreachable server for as long as it takes; an operator should not.
+constexpr std::chrono::hours kJobLimit{1};
 
-uintmax_t FileSize(const std::string& path) {
+// A file as it stood before the job.
+struct Stamp {
+  uintmax_t size;
+  fs::file_time_type written;
+  bool operator==(const Stamp& o) const { return size == o.size && written == o.written; }
+};
+
+// Every file under the device root but the platform's own state, by host path.
+std::map<std::string, Stamp> TakeSnapshot(const std::string& root) {
+  std::map<std::string, Stamp> files;
   std::error_code ec;
-  uintmax_t n = fs::file_size(path, ec);
-  return ec ? 0 : n;
-}
-
-// The part of the device log written since offset.
-std::string LogSince(uintmax_t offset) {
-  std::ifstream in(LogPath(), std::ios::binary);
-  if (!in) return "";
-  in.seekg(static_cast<std::streamoff>(offset));
-  std::ostringstream s;
-  s << in.rdbuf();
-  return s.str();
-}
-
-uint32_t Crc32Of(const std::string& path, bool* ok) {
-  static uint32_t table[256];
-  static bool built = false;
-  if (!built) {
-    for (uint32_t n = 0; n < 256; ++n) {
-      uint32_t c = n;
-      for (int k = 0; k < 8; ++k) c = (c & 1) ? 0xEDB88320u ^ (c >> 1) : c >> 1;
-      table[n] = c;
+  const fs::path platform = fs::path(root) / ".winux";
+  fs::recursive_directory_iterator it(root, fs::directory_options::skip_permission_denied, ec);
+  for (; !ec && it != fs::recursive_directory_iterator(); it.increment(ec)) {
+    if (it->path() == platform) {
+      it.disable_recursion_pending();
+      continue;
     }
-    built = true;
+    std::error_code e;
+    if (!it->is_regular_file(e)) continue;
+    Stamp s{it->file_size(e), it->last_write_time(e)};
+    if (!e) files[it->path().lexically_normal().string()] = s;
   }
-  std::ifstream in(path, std::ios::binary);
-  *ok = static_cast<bool>(in);
-  uint32_t crc = 0xFFFFFFFFu;
-  char buf[65536];
-  while (in) {
-    in.read(buf, sizeof buf);
-    for (std::streamsize i = 0; i < in.gcount(); ++i)
-      crc = table[(crc ^ static_cast<uint8_t>(buf[i])) & 0xFF] ^ (crc >> 8);
-  }
-  return crc ^ 0xFFFFFFFFu;
-}
-
-struct Check {
-  int matched = 0, mismatched = 0, absent = 0;
-  std::vector<std::string> bad;
-};
-
-// The job's own files and those of its list file, checked against their CRCs where the job
-// gives one. Files absent from the device may have been meant for other device kinds.
-Check VerifyFiles(const JobFile& job) {
-  std::vector<JobFile::File> files = job.files;
-  if (job.hasListFile) {
-    std::ifstream in(WinuxMapPath(job.listFile.dest), std::ios::binary);
-    std::ostringstream s;
-    s << in.rdbuf();
-    std::vector<std::string> tokens;
-    std::string cur;
-    for (char c : s.str() + ",") {
-      if (c == ',' || c == '\r' || c == '\n') {
-        if (!cur.empty()) tokens.push_back(cur);
-        cur.clear();
-      } else {
-        cur += c;
-      }
-    }
-    for (size_t i = 0; i + 5 <= tokens.size(); i += 5)
-      files.push_back({tokens[i], tokens[i + 1], tokens[i + 3], tokens[i + 2]});
-  }
-  Check check;
-  for (const JobFile::File& f : files) {
-    uint32_t expected = static_cast<uint32_t>(strtoul(f.crc.c_str(), nullptr, 10));
-    if (expected == 0 || f.dest.rfind("RAM:", 0) == 0) continue;
-    std::string host = WinuxMapPath(f.dest);
-    bool ok = false;
-    uint32_t crc = host.empty() ? 0 : Crc32Of(host, &ok);
-    if (!ok) {
-      ++check.absent;
-    } else if (crc == expected) {
-      ++check.matched;
-    } else {
-      ++check.mismatched;
-      check.bad.push_back(f.dest);
-    }
-  }
-  return check;
-}
-
-// What the device log says about the run.
-struct Outcome {
-  bool sawComplete = false, sawFailed = false, sawExit = false;
-  int fetched = 0;
-  uintmax_t bytes = 0;
-};
-
-Outcome ReadOutcome(const std::string& log) {
-  Outcome o;
-  std::istringstream in(log);
-  std::string line;
-  const std::string fetch = "ValidateFiles - http fetching !";
-  while (std::getline(in, line)) {
-    if (line.find("UpgradeThread - Send Upgrade complete event") != std::string::npos)
-      o.sawComplete = true;
-    if (line.find("UpgradeThread - Send Upgrade failed event") != std::string::npos)
-      o.sawFailed = true;
-    if (line.find("UpgradeThread - final exit") != std::string::npos) o.sawExit = true;
-    size_t at = line.find(fetch);
-    if (at != std::string::npos) {
-      ++o.fetched;
-      size_t to = line.find("! to !", at);
-      if (to != std::string::npos) {
-        std::string dest = line.substr(to + 6);
-        size_t end = dest.rfind('!');
-        if (end != std::string::npos) dest.resize(end);
-        std::string host = WinuxMapPath(dest);
-        if (!host.empty()) o.bytes += FileSize(host);
-      }
-    }
-  }
-  return o;
+  return files;
 }
 
 // The state reports the plug-in sends up, told in a line; anything else as collapsed text.
@@ -176,54 +77,71 @@ std::string Hex(uint32_t v) {
   return b;
 }
 
-}  // namespace
+struct Run {
+  explicit Run(const Options& o) : opt(o), view(stdout, isatty(fileno(stdout))) {}
 
-int RunJob(const Options& opt) {
+  const Options& opt;
   JobFile job;
+  ProgressView view;
+  PluginSession plugin;
+  std::map<std::string, Stamp> before;
+  bool rebootExisted = false;
+  fs::file_time_type rebootBefore{};
+  Clock::time_point started;
+
+  bool upgradeStarted = false, upgradeRefused = false, anyRefused = false;
+  uint32_t upgradeCode = 0;
+  // Set up just before the Upgrade group closes.
+  std::optional<JobWatch> watch;
+  JobOutcome outcome = JobOutcome::kRunning;
+  double seconds = 0;
+
+  int matched = 0, damaged = 0, absent = 0, fetched = 0;
+  uintmax_t bytes = 0;
+  std::vector<std::string> bad;
+
+  std::string RebootFile() const { return opt.root + "/.winux/reboot-requested"; }
+};
+
+int Load(Run& run) {
   std::string error;
-  if (!LoadJob(opt.args[0], &job, &error)) {
+  if (!LoadJob(run.opt.args[0], &run.job, &error)) {
     fprintf(stderr, "ftc-host: bad job file: %s\n", error.c_str());
     return kExitUsage;
   }
-  double scale = opt.timeScale;
-  if (const char* env = getenv("WINUX_TIME_SCALE")) scale = atof(env);
-  printf("device root: %s\n", opt.root.c_str());
-  printf("time scale:  %g (device pauses run at this fraction of their length)\n", scale);
-
-  bool terminal = isatty(fileno(stdout));
-  ProgressView view(stdout, terminal);
-  PluginSession plugin;
-  std::string path = opt.plugin.empty() ? DefaultPluginPath() : opt.plugin;
-  if (!plugin.Load(
+  printf("device root: %s\n", run.opt.root.c_str());
+  printf("time scale:  %g (device pauses run at this fraction of their length)\n",
+         WinuxTimeScale());
+  std::string path = run.opt.plugin.empty() ? DefaultPluginPath() : run.opt.plugin;
+  ProgressView& view = run.view;
+  if (!run.plugin.Load(
           path, [&view](const std::string& m) { view.Print(DescribeSendUp(m)); }, &error)) {
     fprintf(stderr, "ftc-host: %s\n", error.c_str());
     return kExitFailed;
   }
-  view.Register();
+  run.view.Register();
 
-  std::string reboot = opt.root + "/.winux/reboot-requested";
+  run.before = TakeSnapshot(run.opt.root);
   std::error_code ec;
-  fs::file_time_type rebootBefore{};
-  bool rebootExisted = fs::exists(reboot, ec);
-  if (rebootExisted) rebootBefore = fs::last_write_time(reboot, ec);
-  uintmax_t logStart = FileSize(LogPath());
-  auto started = std::chrono::steady_clock::now();
+  run.rebootExisted = fs::exists(run.RebootFile(), ec);
+  if (run.rebootExisted) run.rebootBefore = fs::last_write_time(run.RebootFile(), ec);
+  run.started = Clock::now();
+  return kExitOk;
+}
 
-  // Replay, innermost groups closed first (the order of the calls list).
+// The job's calls in order, innermost groups closed first.
+void Replay(Run& run) {
   int depth = 0;
-  int threadsBefore = 0;
-  bool upgradeStarted = false, upgradeRefused = false, anyRefused = false;
-  uint32_t upgradeCode = 0;
   // A refused group is not entered: its fields and inner groups are not sent, and it is not
   // closed (closing Upgrade would start the job even when opening it was refused).
   int skipping = 0;
-  for (const JobCall& call : job.calls) {
+  for (const JobCall& call : run.job.calls) {
     if (skipping > 0) {
       if (call.kind == JobCall::kBeginGroup) ++skipping;
       if (call.kind == JobCall::kEndGroup && --skipping == 0) {
         --depth;
-        view.Print(std::string(static_cast<size_t>(depth) * 2, ' ') + "EndGroup " + call.name +
-                   " not sent: the group was refused");
+        run.view.Print(std::string(static_cast<size_t>(depth) * 2, ' ') + "EndGroup " + call.name +
+                       " not sent: the group was refused");
       }
       continue;
     }
@@ -233,81 +151,80 @@ int RunJob(const Options& opt) {
     bool upgrade = strcasecmp(call.name.c_str(), "Upgrade") == 0;
     switch (call.kind) {
       case JobCall::kBeginGroup:
-        rc = plugin.BeginGroup(call.name);
+        rc = run.plugin.BeginGroup(call.name);
         shown = indent + "BeginGroup " + call.name;
         ++depth;
         break;
       case JobCall::kSetField:
-        rc = plugin.SetField(call.name, call.value);
+        rc = run.plugin.SetField(call.name, call.value);
         shown = indent + "SetField " + call.name + " = \"" + call.value + "\"";
         break;
       case JobCall::kEndGroup:
         --depth;
         shown = std::string(static_cast<size_t>(depth) * 2, ' ') + "EndGroup " + call.name;
-        if (upgrade) threadsBefore = ThreadCount();
-        rc = plugin.EndGroup(call.name);
+        if (upgrade) run.watch.emplace(run.opt.root);
+        rc = run.plugin.EndGroup(call.name);
         break;
     }
-    view.Print(shown + " -> " + Hex(rc) + " " + ResultMeaning(rc));
-    if (rc != 0) anyRefused = true;
+    run.view.Print(shown + " -> " + Hex(rc) + " " + ResultMeaning(rc));
+    if (rc != 0) run.anyRefused = true;
     if (rc != 0 && call.kind == JobCall::kBeginGroup) skipping = 1;
     if (upgrade && rc != 0) {
-      upgradeRefused = true;
-      upgradeCode = rc;
+      run.upgradeRefused = true;
+      run.upgradeCode = rc;
     }
-    if (upgrade && call.kind == JobCall::kEndGroup && rc == 0 && !upgradeRefused)
-      upgradeStarted = true;
+    if (upgrade && call.kind == JobCall::kEndGroup && rc == 0 && !run.upgradeRefused)
+      run.upgradeStarted = true;
   }
+}
 
-  if (upgradeStarted) {
-    // The worker owns the job now: it is over when the in-progress event is gone and the
-    // worker thread has left (its last act is a pause after the event is deleted).
-    bool gone = false;
-    auto goneAt = std::chrono::steady_clock::now();
-    auto grace = std::chrono::milliseconds(30000 + static_cast<int64_t>(4000 * scale));
-    for (;;) {
-      bool exists = InProgressEventExists();
-      int threads = ThreadCount();
-      if (!exists && threads <= threadsBefore) break;
-      if (!exists && !gone) {
-        gone = true;
-        goneAt = std::chrono::steady_clock::now();
+// The worker owns the job now; the watch says when it has let go.
+void WaitForEnd(Run& run) {
+  if (run.upgradeStarted) run.outcome = run.watch->Wait(kJobLimit);
+  run.view.Finish();
+  run.seconds = std::chrono::duration<double>(Clock::now() - run.started).count();
+}
+
+// A file counts as fetched when it matches its CRC now and was absent before or has been
+// written since: whether multicast or HTTP brought it the plug-in does not report.
+void Verify(Run& run) {
+  for (const FileCheck& f : CheckFiles(run.job)) {
+    if (f.state == FileCheck::kAbsent) {
+      ++run.absent;
+    } else if (f.state == FileCheck::kDamaged) {
+      ++run.damaged;
+      run.bad.push_back(f.dest);
+    } else {
+      ++run.matched;
+      std::error_code sizeError, timeError;
+      std::string path = fs::path(f.host).lexically_normal().string();
+      Stamp now{fs::file_size(path, sizeError), fs::last_write_time(path, timeError)};
+      auto was = run.before.find(path);
+      if (!sizeError && !timeError && (was == run.before.end() || !(was->second == now))) {
+        ++run.fetched;
+        run.bytes += now.size;
       }
-      if (exists) gone = false;
-      if (gone) {
-        auto waited = std::chrono::steady_clock::now() - goneAt;
-        if (waited > grace) {
-          view.Print("warning: the worker has not left; summarising anyway");
-          break;
-        }
-        // After its last line the worker only returns; a host thread may outlive it.
-        if (waited > std::chrono::seconds(2) && ReadOutcome(LogSince(logStart)).sawExit) break;
-      }
-      std::this_thread::sleep_for(std::chrono::milliseconds(50));
     }
   }
-  view.Finish();
+}
 
-  double seconds =
-      std::chrono::duration<double>(std::chrono::steady_clock::now() - started).count();
-  Outcome outcome = ReadOutcome(LogSince(logStart));
-  Check check = VerifyFiles(job);
-  bool rebootRequested =
-      fs::exists(reboot, ec) && (!rebootExisted || fs::last_write_time(reboot, ec) != rebootBefore);
-
+int Summary(const Run& run) {
   std::string result;
-  bool success;
-  if (!job.hasUpgrade) {
-    success = !anyRefused;
+  bool success = false;
+  if (!run.job.hasUpgrade) {
+    success = !run.anyRefused;
     result = success ? "no upgrade in the job; every call accepted" : "some calls were refused";
-  } else if (upgradeRefused || !upgradeStarted) {
-    success = false;
-    result = "refused (" + Hex(upgradeCode) + " " + ResultMeaning(upgradeCode) + ")";
-  } else if (outcome.sawFailed) {
-    success = false;
-    result = "failed";
-  } else if (check.mismatched > 0) {
-    success = false;
+  } else if (run.upgradeRefused || !run.upgradeStarted) {
+    result = "refused (" + Hex(run.upgradeCode) + " " + ResultMeaning(run.upgradeCode) + ")";
+  } else if (run.outcome == JobOutcome::kRunning) {
+    result = "unknown: the job gave no end within " +
+             std::to_string(std::chrono::minutes(kJobLimit).count()) +
+             " minutes and may still be running";
+  } else if (run.outcome == JobOutcome::kUnreported) {
+    result = "unknown: the job ended without queueing its final device event";
+  } else if (run.outcome == JobOutcome::kFailed) {
+    result = "failed (" + run.watch->text() + ")";
+  } else if (run.damaged > 0) {
     result = "failed (files do not match their CRCs)";
   } else {
     success = true;
@@ -316,28 +233,35 @@ int RunJob(const Options& opt) {
 
   printf("\nsummary\n");
   printf("  outcome:        %s\n", result.c_str());
-  if (upgradeStarted) {
-    printf("  files fetched:  %d\n", outcome.fetched);
-    printf("  bytes fetched:  %ju\n", outcome.bytes);
-    printf("  files checked:  %d match their CRC, %d damaged, %d not on this device\n",
-           check.matched, check.mismatched, check.absent);
-    for (const std::string& bad : check.bad) printf("    damaged: %s\n", bad.c_str());
-    printf("  time:           %.2f s\n", seconds);
-    printf("  reboot:         %s\n", rebootRequested ? "requested" : "not requested");
+  if (run.upgradeStarted) {
+    printf("  files fetched:  %d (absent before or rewritten since, and matching)\n", run.fetched);
+    printf("  bytes fetched:  %ju\n", run.bytes);
+    printf("  files checked:  %d match their CRC, %d damaged, %d not on this device\n", run.matched,
+           run.damaged, run.absent);
+    for (const std::string& bad : run.bad) printf("    damaged: %s\n", bad.c_str());
+    printf("  time:           %.2f s\n", run.seconds);
+    // The worker asks for the reboot after the job's end, so it is looked for last.
+    std::error_code ec;
+    bool requested =
+        fs::exists(run.RebootFile(), ec) &&
+        (!run.rebootExisted || fs::last_write_time(run.RebootFile(), ec) != run.rebootBefore);
+    printf("  reboot:         %s\n",
+           requested ? "requested" : "not requested when checked (requests follow the job's end)");
   }
-  printf("  device log:     %s\n", LogPath().c_str());
+  printf("  device log:     %s\n", WinuxMapPath(kDeviceLogFile).c_str());
   fflush(stdout);
   return success ? kExitOk : kExitFailed;
 }
 
-int ThreadCount() {
-  int n = 0;
-  if (DIR* d = opendir("/proc/self/task")) {
-    while (dirent* e = readdir(d))
-      if (e->d_name[0] != '.') ++n;
-    closedir(d);
-  }
-  return n;
+}  // namespace
+
+int RunJob(const Options& opt) {
+  Run run(opt);
+  if (int rc = Load(run); rc != kExitOk) return rc;
+  Replay(run);
+  WaitForEnd(run);
+  Verify(run);
+  return Summary(run);
 }
 
 }  // namespace ftchost
