@@ -7,10 +7,9 @@
 
 #include <filesystem>
 #include <stdexcept>
-#include <thread>
 
-#include "platform/winux.h"
 #include "transfer/FTCCCRC32.h"
+#include "winux/winux_host.h"
 #include "xq/spool.h"
 
 namespace fs = std::filesystem;
@@ -80,24 +79,11 @@ uint32_t Submit(ftctest::PluginHost& host, const Job& job) {
   return rc;
 }
 
-bool InProgress() {
-  HANDLE h = OpenEvent(0, FALSE, L"QV_UPGRADE_IN_PROGRESS");
-  if (!h) return false;
-  CloseHandle(h);
-  return true;
-}
-
-bool WaitForJobEnd(const ftctest::DeviceRoot& root, std::chrono::milliseconds timeout) {
-  auto end = std::chrono::steady_clock::now() + timeout;
-  while (std::chrono::steady_clock::now() < end) {
-    if (root.Log().find("UpgradeThread - final exit") != std::string::npos && !InProgress()) {
-      // The worker returns right after its last line.
-      std::this_thread::sleep_for(std::chrono::milliseconds(50));
-      return true;
-    }
-    std::this_thread::sleep_for(std::chrono::milliseconds(20));
-  }
-  return false;
+ftchost::JobOutcome RunJob(ftctest::PluginHost& host, const Job& job,
+                           std::chrono::milliseconds limit) {
+  ftchost::JobWatch watch(WinuxRoot());
+  Submit(host, job);
+  return watch.Wait(limit);
 }
 
 std::vector<std::string> Spooled(const ftctest::DeviceRoot& root, const std::string& kind) {

@@ -7,6 +7,7 @@
 #include <string>
 #include <vector>
 
+#include "cli/job_watch.h"
 #include "support/device_root.h"
 #include "support/helpers.h"
 #include "support/plugin_host.h"
@@ -57,12 +58,12 @@ struct Job {
 };
 
 // Builds the job through the groups and closes Upgrade; the start result (0 when accepted).
+// Set up a JobWatch before it to follow the job.
 uint32_t Submit(ftctest::PluginHost& host, const Job& job);
-
-bool InProgress();
-// Waits (real time) until the worker has logged its last line and the in-progress event is gone.
-bool WaitForJobEnd(const ftctest::DeviceRoot& root,
-                   std::chrono::milliseconds timeout = std::chrono::seconds(30));
+// Submits the job and waits (real time) for its end as ftc-host learns it; a refused start is
+// a failure.
+ftchost::JobOutcome RunJob(ftctest::PluginHost& host, const Job& job,
+                           std::chrono::milliseconds limit = std::chrono::seconds(30));
 // What the spool holds of one kind ("event", "state", ...), each as "code text".
 std::vector<std::string> Spooled(const ftctest::DeviceRoot& root, const std::string& kind);
 

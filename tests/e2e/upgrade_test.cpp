@@ -16,6 +16,10 @@ class UpgradeJob : public ::testing::Test {
 
   std::string Log() const { return root.Log(); }
   std::vector<std::string> Events() const { return e2e::Spooled(root, "event"); }
+  // The worker asks for it after the job's end.
+  bool RebootFollows() const {
+    return ftctest::WaitUntil([this] { return root.Exists("\\.winux\\reboot-requested"); });
+  }
 
   ftctest::DeviceRoot root;
   e2e::Bundle bundle;
@@ -34,15 +38,13 @@ TEST_F(UpgradeJob, FetchesEveryFileAndReportsCompletion) {
   job.port = server.port();
   job.files = {{"os/big.bin", "\\Flash File Store\\app\\big.bin", std::to_string(bigCrc)},
                {"a.txt", "\\Flash File Store\\app\\a.txt", std::to_string(aCrc)}};
-  ASSERT_EQ(e2e::Submit(host, job), 0u);
-  ASSERT_TRUE(e2e::WaitForJobEnd(root));
+  ASSERT_EQ(e2e::RunJob(host, job), ftchost::JobOutcome::kComplete);
 
   EXPECT_EQ(root.ReadFile("\\Flash File Store\\app\\big.bin"), big);
   EXPECT_EQ(root.ReadFile("\\Flash File Store\\app\\a.txt"), "alpha\n");
   std::string log = Log();
   EXPECT_EQ(Count(log, "ValidateFiles - http fetching"), 2);
   EXPECT_NE(log.find("CretaeUpgradeInProgressEvent - Success"), std::string::npos);
-  EXPECT_NE(log.find("Send Upgrade complete event"), std::string::npos);
   EXPECT_NE(server.Reports().find("E2E-DEVICE"), std::string::npos);
   EXPECT_EQ(Events(), (std::vector<std::string>{"205181 E2E, 1.0", "205182 E2E, 1.0"}));
   EXPECT_FALSE(root.Exists("\\.winux\\reboot-requested"));
@@ -74,8 +76,7 @@ TEST_F(UpgradeJob, FetchesOnlyMissingOrDamagedFilesMeantForThisDevice) {
   e2e::Server server(bundle.dir());
   ftctest::PluginHost host;
   job.baseUrl = "http://127.0.0.1:" + std::to_string(server.port());
-  ASSERT_EQ(e2e::Submit(host, job), 0u);
-  ASSERT_TRUE(e2e::WaitForJobEnd(root));
+  ASSERT_EQ(e2e::RunJob(host, job), ftchost::JobOutcome::kComplete);
 
   std::string log = Log();
   for (const Case& c : cases) {
@@ -104,8 +105,7 @@ TEST_F(UpgradeJob, ListFileDeliversTheDownloadList) {
   job.baseUrl = "http://127.0.0.1:" + std::to_string(server.port());
   job.hasList = true;
   job.list = {"files.lst", "\\Flash File Store\\files.lst", std::to_string(listCrc)};
-  ASSERT_EQ(e2e::Submit(host, job), 0u);
-  ASSERT_TRUE(e2e::WaitForJobEnd(root));
+  ASSERT_EQ(e2e::RunJob(host, job), ftchost::JobOutcome::kComplete);
 
   EXPECT_EQ(root.ReadFile("\\Flash File Store\\files.lst"), list);
   EXPECT_TRUE(root.Exists("\\Flash File Store\\listed\\list0.bin"));
@@ -123,11 +123,10 @@ TEST_F(UpgradeJob, RenameDestinationsGetTheirFinalNames) {
   job.baseUrl = "http://127.0.0.1:" + std::to_string(server.port());
   job.files = {{"settings.xml", "\\Windows\\settings.xml.rename", std::to_string(crc)}};
   job.reboot = 1;
-  ASSERT_EQ(e2e::Submit(host, job), 0u);
-  ASSERT_TRUE(e2e::WaitForJobEnd(root));
+  ASSERT_EQ(e2e::RunJob(host, job), ftchost::JobOutcome::kComplete);
   EXPECT_EQ(root.ReadFile("\\Windows\\settings.xml"), "<settings/>");
   EXPECT_FALSE(root.Exists("\\Windows\\settings.xml.rename"));
-  EXPECT_TRUE(root.Exists("\\.winux\\reboot-requested"));
+  EXPECT_TRUE(RebootFollows());
 }
 
 // What the management server hears of whole jobs, in order: events in the spool, states and
@@ -161,8 +160,11 @@ TEST_F(UpgradeJob, ReportsOfARefusedJobAndOfARebootJobUnderProvisioning) {
   host.SetField("BundleName", "Refused");
   host.SetField("Version", "9");
   ASSERT_EQ(host.BeginGroup("Upgrade"), 0u);
+  ftchost::JobWatch refused(root.path());
   EXPECT_EQ(host.EndGroup("Upgrade"), 0xC4111005u);
   host.EndGroup("FileTransferConfiglet");
+  EXPECT_EQ(refused.Poll(), ftchost::JobOutcome::kFailed);
+  EXPECT_EQ(refused.text(), "not docked, Refused, 9");
   EXPECT_EQ(Events(), (std::vector<std::string>{"205180 not docked, Refused, 9"}));
   EXPECT_EQ(states(), (std::vector<std::string>{"state 1 Upgrade Failed: not docked"}));
 
@@ -171,13 +173,12 @@ TEST_F(UpgradeJob, ReportsOfARefusedJobAndOfARebootJobUnderProvisioning) {
   job.baseUrl = "http://127.0.0.1:" + std::to_string(server.port());
   job.files = {{"r.bin", "\\r.bin", std::to_string(crc)}};
   job.reboot = 1;
-  ASSERT_EQ(e2e::Submit(host, job), 0u);
-  ASSERT_TRUE(e2e::WaitForJobEnd(root));
+  ASSERT_EQ(e2e::RunJob(host, job), ftchost::JobOutcome::kComplete);
   EXPECT_EQ(Events(), (std::vector<std::string>{"205180 not docked, Refused, 9", "205181 E2E, 1.0",
                                                 "205182 E2E, 1.0"}));
   EXPECT_EQ(states(), (std::vector<std::string>{"state 4 Device Upgrading", "autodeploy 10 ",
                                                 "state 1 Upgrade Complete"}));
-  EXPECT_TRUE(root.Exists("\\.winux\\reboot-requested"));
+  EXPECT_TRUE(RebootFollows());
 }
 
 // The worker waits for an absent server for as long as it takes; meanwhile a second job is
@@ -189,11 +190,12 @@ TEST_F(UpgradeJob, WaitsForAnUnreachableServerAndRefusesASecondJob) {
   e2e::Job job;
   job.baseUrl = "http://127.0.0.1:" + std::to_string(port);
   job.files = {{"late.bin", "\\Flash File Store\\late.bin", std::to_string(crc)}};
+  ftchost::JobWatch watch(root.path());
   ASSERT_EQ(e2e::Submit(host, job), 0u);
 
   EXPECT_TRUE(ftctest::WaitUntil([&] { return Count(Log(), "before OpenURL") >= 3; },
                                  std::chrono::seconds(20)));
-  EXPECT_TRUE(e2e::InProgress());
+  EXPECT_TRUE(ftchost::UpgradeInProgress());
 
   host.BeginGroup("FileTransferConfiglet");
   EXPECT_EQ(host.BeginGroup("Upgrade"), 0xC4111001u);
@@ -201,7 +203,7 @@ TEST_F(UpgradeJob, WaitsForAnUnreachableServerAndRefusesASecondJob) {
   EXPECT_NE(Log().find("Upgrade already in progress"), std::string::npos);
 
   e2e::Server server(bundle.dir(), port);
-  ASSERT_TRUE(e2e::WaitForJobEnd(root));
+  ASSERT_EQ(watch.Wait(std::chrono::seconds(30)), ftchost::JobOutcome::kComplete);
   EXPECT_EQ(root.ReadFile("\\Flash File Store\\late.bin"), "worth the wait");
 }
 

@@ -91,6 +91,7 @@ TEST_F(MulticastJob, SessionDeliversAndHttpRepairsOnlyTheRest) {
   e2e::Server server(bundle.dir());
   ftctest::PluginHost host;
   int sessionPort = ftctest::FreeUdpPort();
+  ftchost::JobWatch watch(root.path());
   ASSERT_EQ(Submit(host, server.port(), sessionPort), 0u);
   ASSERT_TRUE(ftctest::WaitUntil(
       [&] { return Log().find("StartMulticastClient - mc.Start") != std::string::npos; },
@@ -100,7 +101,7 @@ TEST_F(MulticastJob, SessionDeliversAndHttpRepairsOnlyTheRest) {
       sessionPort,
       {sent.dir() + "/filelist.txt", sent.dir() + "/good.bin", sent.dir() + "/damaged.bin"}));
   EXPECT_EQ(sender.Wait(std::chrono::seconds(30)), 0);
-  ASSERT_TRUE(e2e::WaitForJobEnd(root, std::chrono::seconds(60)));
+  ASSERT_EQ(watch.Wait(std::chrono::seconds(60)), ftchost::JobOutcome::kComplete);
 
   for (const auto& [name, bytes] : content)
     EXPECT_EQ(root.ReadFile("\\Flash File Store\\mc\\" + name), bytes) << name;
