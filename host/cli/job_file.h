@@ -25,6 +25,8 @@ struct JobFile {
   File listFile;
   bool hasListFile = false;
   bool hasUpgrade = false;
+  // A completed job that asks for a reboot requests it after its end.
+  bool reboot = false;
 };
 
 // Parses text into calls. On failure returns false and sets error to a message carrying the line

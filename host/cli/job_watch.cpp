@@ -5,15 +5,16 @@
 #include <thread>
 
 #include "platform/winux.h"
-#include "report/events.h"
 #include "xq/spool.h"
 
 namespace ftchost {
 
 namespace {
 
-// Where the plug-in queues device events.
+// Where the plug-in queues device events, and the codes of a job's final one.
 constexpr char kEventQueue[] = "QV_Event_DB";
+constexpr char kUpgradeFailed[] = "205180";
+constexpr char kUpgradeComplete[] = "205182";
 
 }  // namespace
 
@@ -50,8 +51,8 @@ void JobWatch::ReadNewEvents() {
     m_seen.insert(name);
     // The first final event is this job's: the watch began just before the job could start.
     if (r.kind != "event" || m_outcome != JobOutcome::kRunning) continue;
-    if (r.code == std::to_string(QV_EVENT_UPGRADE_COMPLETE)) m_outcome = JobOutcome::kComplete;
-    if (r.code == std::to_string(QV_EVENT_UPGRADE_FAILED)) m_outcome = JobOutcome::kFailed;
+    if (r.code == kUpgradeComplete) m_outcome = JobOutcome::kComplete;
+    if (r.code == kUpgradeFailed) m_outcome = JobOutcome::kFailed;
     if (m_outcome != JobOutcome::kRunning) m_text = r.text;
   }
 }

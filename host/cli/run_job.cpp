@@ -8,6 +8,7 @@
 #include <filesystem>
 #include <map>
 #include <optional>
+#include <thread>
 
 #include "commands.h"
 #include "job_file.h"
@@ -28,6 +29,8 @@ using Clock = std::chrono::steady_clock;
 
 // A job waits for an unreachable server for as long as it takes; an operator should not.
 constexpr std::chrono::hours kJobLimit{1};
+// The worker's last steps before its reboot request take seconds at most.
+constexpr std::chrono::minutes kRebootLimit{2};
 
 // A file as it stood before the job.
 struct Stamp {
@@ -178,9 +181,22 @@ void Replay(Run& run) {
   }
 }
 
+bool RebootRequested(const Run& run) {
+  std::error_code ec;
+  return fs::exists(run.RebootFile(), ec) &&
+         (!run.rebootExisted || fs::last_write_time(run.RebootFile(), ec) != run.rebootBefore);
+}
+
 // The worker owns the job now; the watch says when it has let go.
 void WaitForEnd(Run& run) {
   if (run.upgradeStarted) run.outcome = run.watch->Wait(kJobLimit);
+  // A completed job that asked for a reboot requests it after its end: wait for that record
+  // rather than leave while the worker is about to write it.
+  if (run.outcome == JobOutcome::kComplete && run.job.reboot) {
+    auto until = Clock::now() + kRebootLimit;
+    while (!RebootRequested(run) && Clock::now() < until)
+      std::this_thread::sleep_for(std::chrono::milliseconds(20));
+  }
   run.view.Finish();
   run.seconds = std::chrono::duration<double>(Clock::now() - run.started).count();
 }
@@ -240,13 +256,7 @@ int Summary(const Run& run) {
            run.damaged, run.absent);
     for (const std::string& bad : run.bad) printf("    damaged: %s\n", bad.c_str());
     printf("  time:           %.2f s\n", run.seconds);
-    // The worker asks for the reboot after the job's end, so it is looked for last.
-    std::error_code ec;
-    bool requested =
-        fs::exists(run.RebootFile(), ec) &&
-        (!run.rebootExisted || fs::last_write_time(run.RebootFile(), ec) != run.rebootBefore);
-    printf("  reboot:         %s\n",
-           requested ? "requested" : "not requested when checked (requests follow the job's end)");
+    printf("  reboot:         %s\n", RebootRequested(run) ? "requested" : "not requested");
   }
   printf("  device log:     %s\n", WinuxMapPath(kDeviceLogFile).c_str());
   fflush(stdout);
