@@ -253,12 +253,20 @@ class Agent {
         {"bundles", DeviceFileText(kBundleFile)},
         {"version", DeviceFileText(folder.empty() ? kDefaultVersionFile
                                                   : folder + "\\FileTransferConfiglet.ini")},
-        {"time", xqspool::UtcNow()}};
-    HttpAnswer a = m_http.PostJson(m_base + "/xq/inventory", Dump(inventory));
+    };
+    // After a job that changed nothing the server already has this one.
+    if (m_inventories > 0 && inventory == m_lastInventory) {
+      m_inventoryDue = false;
+      return Step::kAgain;
+    }
+    json sent = inventory;
+    sent["time"] = xqspool::UtcNow();
+    HttpAnswer a = m_http.PostJson(m_base + "/xq/inventory", Dump(sent));
     if (a.status == 200) {
       if (TextOf(json::parse(a.body, nullptr, false), "status") != "stored")
         return Failed("inventory", {a.status, "", -1, "the answer is not an acknowledgement"});
       m_inventoryDue = false;
+      m_lastInventory = std::move(inventory);
       ++m_inventories;
       return Step::kProgress;
     }
@@ -433,6 +441,7 @@ class Agent {
   std::mt19937 m_random;
   Clock::time_point m_lastProgress;
   bool m_inventoryDue = true;
+  json m_lastInventory;
   int m_failures = 0;
   long m_retryAfter = -1;
   std::string m_reason;

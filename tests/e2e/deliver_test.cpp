@@ -182,10 +182,12 @@ TEST_F(Deliver, AServerAwayAndThenBusyLosesNothingAndKeepsEachQueuesOrder) {
   EXPECT_GE(log[1].first - log[0].first, std::chrono::milliseconds(1000)) << "Retry-After";
   EXPECT_EQ(peer.Inventories().size(), 1u) << "sent once when delivery starts";
 
-  // New records are picked up; a finished job brings a fresh inventory.
+  // New records are picked up; a job that installed a bundle brings a fresh inventory.
+  root.WriteFile("\\temp\\Quovera\\QVSubSystems\\QVBundles.xml", "<QVInstalledBundles/>");
   Spool("QV_Event_DB", kUpgradeComplete);
   Spool("QV_CLIENT", "c4");
   ASSERT_TRUE(ftctest::WaitUntil([&] { return peer.Inventories().size() == 2; }));
+  EXPECT_EQ(peer.Inventories()[1]["bundles"], "<QVInstalledBundles/>");
   EXPECT_EQ(Left(), 0u);
   EXPECT_EQ(StoredOf(peer, "QV_CLIENT"), "c1 c2 c3 c4 ");
   EXPECT_EQ(peer.Stored().size(), 13u);
