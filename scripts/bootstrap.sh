@@ -3,7 +3,7 @@
 # Usage: scripts/bootstrap.sh [build|test|bench|multicast]...   (build is always included)
 set -euo pipefail
 
-pkgs=(cmake ninja-build g++ make pkg-config libpugixml-dev curl)
+pkgs=(cmake ninja-build g++ make pkg-config libpugixml-dev curl libcurl4-openssl-dev nlohmann-json3-dev)
 for set in "$@"; do
   case "$set" in
     build) ;;

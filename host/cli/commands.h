@@ -15,6 +15,8 @@ struct Options {
   std::string root;               // absolute; WINUX_ROOT is set to it
   std::string plugin;
   std::string queue;
+  std::string server;   // deliver --server
+  std::string deliver;  // run --deliver: where the job's reports go afterwards
   bool follow = false;
   bool dword = false;
 };

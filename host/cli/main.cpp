@@ -10,6 +10,7 @@
 #include <vector>
 
 #include "commands.h"
+#include "deliver.h"
 
 namespace fs = std::filesystem;
 
@@ -18,6 +19,7 @@ namespace {
 void Usage(FILE* out) {
   fprintf(out,
           "usage: ftc-host run JOB.xml [--root DIR] [--plugin PATH] [--time-scale X]\n"
+          "                            [--deliver URL]\n"
           "       ftc-host reg get KEY VALUE [--root DIR]\n"
           "       ftc-host reg set KEY VALUE DATA [--dword] [--root DIR]\n"
           "       ftc-host identity [--root DIR]\n"
@@ -25,6 +27,7 @@ void Usage(FILE* out) {
           "       ftc-host events [--queue Q] [--follow] [--root DIR]\n"
           "       ftc-host pull --url URL --file NAME --dest PATH --bundle NAME [--root DIR]\n"
           "                     [--time-scale X]\n"
+          "       ftc-host deliver [--server URL] [--follow] [--root DIR] [--time-scale X]\n"
           "KEY is a full key path such as HKEY_LOCAL_MACHINE\\SOFTWARE\\Tervalon\\XQueue.\n"
           "The device root defaults to $XDG_STATE_HOME/ftc/device (~/.local/state/ftc/device).\n");
 }
@@ -63,6 +66,10 @@ int main(int argc, char** argv) {
       if (!next(&scale)) return Bad("--time-scale needs a number");
     } else if (a == "--queue") {
       if (!next(&opt.queue)) return Bad("--queue needs a name");
+    } else if (a == "--server") {
+      if (!next(&opt.server)) return Bad("--server needs a URL");
+    } else if (a == "--deliver") {
+      if (!next(&opt.deliver)) return Bad("--deliver needs a URL");
     } else if (a == "--follow") {
       opt.follow = true;
     } else if (a == "--dword") {
@@ -107,5 +114,6 @@ int main(int argc, char** argv) {
   if (cmd == "log") return ftchost::LogCommand(opt);
   if (cmd == "events") return ftchost::EventsCommand(opt);
   if (cmd == "pull") return ftchost::PullCommand(opt);
+  if (cmd == "deliver") return ftchost::DeliverCommand(opt);
   return Bad("unknown command " + cmd);
 }

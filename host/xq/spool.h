@@ -201,12 +201,21 @@ inline std::vector<std::string> ListDir(const std::string& dir) {
   return names;
 }
 
-inline std::vector<SpoolRecord> ReadQueue(const std::string& root, const std::string& queue) {
+// The oldest records of one queue in sequence order, at most limit of them (0: all).
+inline std::vector<SpoolRecord> ReadQueue(const std::string& root, const std::string& queue,
+                                          size_t limit = 0) {
   std::vector<SpoolRecord> out;
   std::string dir = SpoolDir(root) + "/" + queue;
+  std::vector<std::pair<uint64_t, std::string>> names;
   for (const std::string& name : ListDir(dir)) {
+    uint64_t sequence = 0;
+    if (ParseRecordName(name, &sequence)) names.emplace_back(sequence, name);
+  }
+  std::sort(names.begin(), names.end());
+  for (const auto& [sequence, name] : names) {
+    if (limit && out.size() >= limit) break;
     SpoolRecord r;
-    if (!ParseRecordName(name, &r.sequence)) continue;
+    r.sequence = sequence;
     r.path = dir + "/" + name;
     r.queue = queue;
     std::ifstream in(r.path, std::ios::binary);
@@ -215,8 +224,6 @@ inline std::vector<SpoolRecord> ReadQueue(const std::string& root, const std::st
     ParseRecord(content, &r);
     out.push_back(std::move(r));
   }
-  std::sort(out.begin(), out.end(),
-            [](const SpoolRecord& a, const SpoolRecord& b) { return a.sequence < b.sequence; });
   return out;
 }
 

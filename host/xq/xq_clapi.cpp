@@ -19,6 +19,7 @@
 
 #include "platform/xq.h"
 #include "winux/winux_host.h"
+#include "xq/outbox.h"
 #include "xq/spool.h"
 
 namespace {
@@ -68,14 +69,6 @@ bool WriteAll(int fd, const char* data, size_t size) {
   return true;
 }
 
-bool SyncDir(const std::string& dir) {
-  int fd = open(dir.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
-  if (fd < 0) return false;
-  bool ok = fsync(fd) == 0;
-  close(fd);
-  return ok;
-}
-
 // mkdir -p, syncing each parent that gained an entry so the new folder survives a crash.
 bool MakeDirs(const std::string& path) {
   struct stat st;
@@ -84,18 +77,7 @@ bool MakeDirs(const std::string& path) {
   std::string parent = slash == std::string::npos || slash == 0 ? "/" : path.substr(0, slash);
   if (!MakeDirs(parent)) return false;
   if (mkdir(path.c_str(), 0755) != 0 && errno != EEXIST) return false;
-  return SyncDir(parent);
-}
-
-std::string UtcNow() {
-  struct timespec ts;
-  clock_gettime(CLOCK_REALTIME, &ts);
-  struct tm tm;
-  gmtime_r(&ts.tv_sec, &tm);
-  char buf[96];
-  snprintf(buf, sizeof buf, "%04d-%02d-%02dT%02d:%02d:%02d.%06ldZ", tm.tm_year + 1900,
-           tm.tm_mon + 1, tm.tm_mday, tm.tm_hour, tm.tm_min, tm.tm_sec, ts.tv_nsec / 1000);
-  return buf;
+  return xqspool::SyncDir(parent);
 }
 
 // Names for the trailer's attributes: quotes and "--" would break the comment.
@@ -130,17 +112,7 @@ std::string RecordName(const std::string& dir, uint64_t seq) {
 // its own open file description) and processes.
 class QueueLock {
  public:
-  explicit QueueLock(const std::string& dir) {
-    m_fd = open((dir + "/.sequence").c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0644);
-    if (m_fd < 0) return;
-    while (flock(m_fd, LOCK_EX) != 0) {
-      if (errno != EINTR) {
-        close(m_fd);
-        m_fd = -1;
-        return;
-      }
-    }
-  }
+  explicit QueueLock(const std::string& dir) : m_fd(xqspool::LockQueueDir(dir)) {}
   ~QueueLock() {
     if (m_fd >= 0) close(m_fd);  // releases the lock
   }
@@ -181,9 +153,9 @@ bool SpoolWrite(const std::string& source, const std::string& queue, const char*
   std::string content(message, length);
   content += '\n';
   content += xqspool::kTrailerStart;
-  content += "time=\"" + UtcNow() + "\" queue=\"" + queue + "\" core=\"" + TrailerSafe(core) +
-             "\" source=\"" + TrailerSafe(source) + "\" bytes=\"" + std::to_string(length) + "\"" +
-             xqspool::kTrailerEnd;
+  content += "time=\"" + xqspool::UtcNow() + "\" queue=\"" + queue + "\" core=\"" +
+             TrailerSafe(core) + "\" source=\"" + TrailerSafe(source) + "\" bytes=\"" +
+             std::to_string(length) + "\"" + xqspool::kTrailerEnd;
 
   char tempName[96];
   snprintf(tempName, sizeof tempName, "/.tmp.%d.%llu", static_cast<int>(getpid()),
@@ -204,6 +176,8 @@ bool SpoolWrite(const std::string& source, const std::string& queue, const char*
     if (lock.ok()) {
       uint64_t seq = lock.Last();
       if (seq == 0) seq = ScanHighest(dir);
+      // Delivery may have emptied the folder; numbers it retired stay taken.
+      seq = std::max(seq, xqspool::RetiredUpTo(dir));
       // link, unlike rename, never replaces an existing record. A taken number means the
       // counter fell behind: continue after the highest record instead.
       for (int attempt = 0; attempt < 8 && !linked; ++attempt) {
@@ -220,7 +194,7 @@ bool SpoolWrite(const std::string& source, const std::string& queue, const char*
     }
   }
   unlink(temp.c_str());
-  return linked && SyncDir(dir);
+  return linked && xqspool::SyncDir(dir);
 }
 
 }  // namespace

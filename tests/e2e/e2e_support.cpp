@@ -86,6 +86,14 @@ ftchost::JobOutcome RunJob(ftctest::PluginHost& host, const Job& job,
   return watch.Wait(limit);
 }
 
+HostRun Launch(const std::vector<std::string>& args) {
+  std::string cmd = ftctest::BinDir() + "/ftc-host";
+  for (const std::string& a : args) cmd += " '" + a + "'";
+  HostRun run;
+  run.output = ftctest::RunCommand(cmd, &run.exit);
+  return run;
+}
+
 std::vector<std::string> Spooled(const ftctest::DeviceRoot& root, const std::string& kind) {
   std::vector<std::string> out;
   for (const SpoolRecord& r : ReadSpool(root.path(), ""))

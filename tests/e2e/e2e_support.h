@@ -64,6 +64,14 @@ uint32_t Submit(ftctest::PluginHost& host, const Job& job);
 // a failure.
 ftchost::JobOutcome RunJob(ftctest::PluginHost& host, const Job& job,
                            std::chrono::milliseconds limit = std::chrono::seconds(30));
+
+struct HostRun {
+  int exit = -1;
+  std::string output;  // stdout and stderr together
+};
+// Runs ftc-host with args to its end.
+HostRun Launch(const std::vector<std::string>& args);
+
 // What the spool holds of one kind ("event", "state", ...), each as "code text".
 std::vector<std::string> Spooled(const ftctest::DeviceRoot& root, const std::string& kind);
 

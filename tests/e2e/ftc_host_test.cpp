@@ -9,18 +9,8 @@
 
 namespace {
 
-struct HostRun {
-  int exit = -1;
-  std::string output;  // stdout and stderr together
-};
-
-HostRun Launch(const std::vector<std::string>& args) {
-  std::string cmd = ftctest::BinDir() + "/ftc-host";
-  for (const std::string& a : args) cmd += " '" + a + "'";
-  HostRun run;
-  run.output = ftctest::RunCommand(cmd, &run.exit);
-  return run;
-}
+using e2e::HostRun;
+using e2e::Launch;
 
 class FtcHost : public ::testing::Test {
  protected:

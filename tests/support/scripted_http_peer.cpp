@@ -4,12 +4,14 @@
 #include <fcntl.h>
 #include <netinet/in.h>
 #include <poll.h>
+#include <strings.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <cerrno>
 #include <chrono>
+#include <cstdlib>
 #include <stdexcept>
 
 namespace ftctest {
@@ -29,6 +31,15 @@ Reply Reply::Raw(const std::string& bytes, bool close) {
 }
 
 ScriptedHttpPeer::ScriptedHttpPeer(std::vector<Reply> replies) : m_replies(std::move(replies)) {
+  Listen(0);
+}
+
+ScriptedHttpPeer::ScriptedHttpPeer(Responder respond, uint16_t port)
+    : m_respond(std::move(respond)) {
+  Listen(port);
+}
+
+void ScriptedHttpPeer::Listen(uint16_t port) {
   m_listen = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
   if (m_listen < 0) throw std::runtime_error("socket failed");
   int one = 1;
@@ -36,7 +47,7 @@ ScriptedHttpPeer::ScriptedHttpPeer(std::vector<Reply> replies) : m_replies(std::
   sockaddr_in addr{};
   addr.sin_family = AF_INET;
   addr.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-  addr.sin_port = 0;
+  addr.sin_port = htons(port);
   socklen_t len = sizeof addr;
   if (bind(m_listen, reinterpret_cast<sockaddr*>(&addr), sizeof addr) != 0 ||
       listen(m_listen, 8) != 0 ||
@@ -134,6 +145,27 @@ void ScriptedHttpPeer::Send(int fd, const Reply& reply) {
   }
 }
 
+bool ScriptedHttpPeer::Respond(int fd, std::string& pending, Reply* reply) {
+  if (!ReadRequest(fd, pending)) return false;
+  std::string head = Requests().back();
+  size_t length = 0;
+  for (size_t at = 0; (at = head.find("\r\n", at)) != std::string::npos;) {
+    at += 2;
+    if (strncasecmp(head.c_str() + at, "Content-Length:", 15) == 0)
+      length = std::strtoul(head.c_str() + at + 15, nullptr, 10);
+  }
+  while (pending.size() < length) {
+    if (!WaitReadable(fd, m_wake[0])) return false;
+    char buf[65536];
+    ssize_t n = recv(fd, buf, sizeof buf, 0);
+    if (n <= 0) return false;
+    pending.append(buf, size_t(n));
+  }
+  *reply = m_respond(head, pending.substr(0, length));
+  pending.erase(0, length);
+  return true;
+}
+
 void ScriptedHttpPeer::Serve() {
   for (;;) {
     if (!WaitReadable(m_listen, m_wake[0])) return;
@@ -144,7 +176,12 @@ void ScriptedHttpPeer::Serve() {
       ++m_connections;
     }
     std::string pending;
-    for (;;) {
+    for (Reply reply; m_respond;) {
+      if (!Respond(fd, pending, &reply)) break;
+      Send(fd, reply);
+      if (reply.close) break;
+    }
+    for (; !m_respond;) {
       if (m_next >= m_replies.size()) {
         // Out of script: wait for the client to go (or the case to end), then close.
         std::string ignored;

@@ -10,10 +10,14 @@
 //
 // Connections are served one at a time, in the order they arrive; the replies are one list
 // across connections. When the list runs out, the connection is closed.
+//
+// A peer that follows a protocol instead of a script is given a responder: it sees each request
+// whole (head, and the body its Content-Length names) and returns the reply.
 #pragma once
 
 #include <condition_variable>
 #include <cstdint>
+#include <functional>
 #include <mutex>
 #include <string>
 #include <thread>
@@ -36,7 +40,11 @@ struct Reply {
 
 class ScriptedHttpPeer {
  public:
+  using Responder = std::function<Reply(const std::string& head, const std::string& body)>;
+
   explicit ScriptedHttpPeer(std::vector<Reply> replies);
+  // Listens on port (0: a free one); throws when it is taken.
+  explicit ScriptedHttpPeer(Responder respond, uint16_t port = 0);
   ~ScriptedHttpPeer();
   ScriptedHttpPeer(const ScriptedHttpPeer&) = delete;
   ScriptedHttpPeer& operator=(const ScriptedHttpPeer&) = delete;
@@ -51,12 +59,16 @@ class ScriptedHttpPeer {
   bool WaitForRequests(size_t n, int timeoutMs = 5000) const;
 
  private:
+  void Listen(uint16_t port);
   void Serve();
+  // The reply for the request whose head was just read; false when the connection ended.
+  bool Respond(int fd, std::string& pending, Reply* reply);
   // Returns false when the connection ended.
   bool ReadRequest(int fd, std::string& pending);
   void Send(int fd, const Reply& reply);
 
   std::vector<Reply> m_replies;
+  Responder m_respond;
   size_t m_next = 0;
   int m_listen = -1;
   int m_wake[2] = {-1, -1};

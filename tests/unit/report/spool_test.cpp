@@ -16,37 +16,26 @@
 #include "platform/winux.h"
 #include "platform/xq.h"
 #include "support/device_root.h"
+#include "support/spool_writer.h"
+#include "xq/outbox.h"
 
 namespace {
 
 class SpoolTest : public ::testing::Test {
  protected:
-  void SetUp() override {
-    setenv("WINUX_LIBRARY_PATH", ftctest::LibDir().c_str(), 1);
-    HMODULE module = LoadLibrary(L"xq_clapi_dll");
-    ASSERT_NE(module, nullptr);
-    open = reinterpret_cast<lapi_open_fn>(GetProcAddress(module, L"lapi_open"));
-    close = reinterpret_cast<lapi_close_fn>(GetProcAddress(module, L"lapi_close"));
-    write = reinterpret_cast<lapi_write_fn>(GetProcAddress(module, L"lapi_write"));
-    ASSERT_TRUE(open && close && write);
-  }
   void* Open() {
-    void* handle = nullptr;
-    uint32_t status = 99;
-    EXPECT_EQ(open(&handle, "127.0.0.1", "UPG_XQ_QUEUE", 0, 1, 0, 0, &status, 1), 0);
-    EXPECT_EQ(status, 0u);
+    void* handle = xq.Open();
+    EXPECT_NE(handle, nullptr);
     return handle;
   }
   int32_t Write(void* handle, const char* queue, const std::string& message,
                 const char* core = nullptr) {
-    uint32_t status = 0;
-    return write(handle, 60, 1, 248, 0, 0, &status, queue, message.c_str(),
-                 static_cast<uint32_t>(message.size() + 1), 1, 0, 0, core);
+    return xq.Write(handle, queue, message, core);
   }
   ftctest::DeviceRoot root;
-  lapi_open_fn open = nullptr;
-  lapi_close_fn close = nullptr;
-  lapi_write_fn write = nullptr;
+  ftctest::SpoolWriter xq;
+  lapi_close_fn close = xq.close;
+  lapi_write_fn write = xq.write;
 };
 
 TEST_F(SpoolTest, EachWriteIsOneCompleteRecordInSequence) {
@@ -79,6 +68,61 @@ TEST_F(SpoolTest, EachWriteIsOneCompleteRecordInSequence) {
   ASSERT_EQ(queue.size(), 3u);
   EXPECT_EQ(queue[1].message + "," + queue[2].message, ",third");
   EXPECT_EQ(queue[2].sequence, 3u);
+}
+
+// Delivery empties queues while writers go on: a number it retired is never handed out again,
+// not even after the queue's counter was lost.
+TEST_F(SpoolTest, RetiredNumbersAreNeverHandedOutAgain) {
+  const std::string dir = root.path() + "/.winux/spool/QV_CLIENT";
+  void* h = Open();
+  for (const char* m : {"m1", "m2", "m3"}) ASSERT_EQ(Write(h, "QV_CLIENT", m), 0);
+  std::string error;
+  ASSERT_TRUE(xqspool::RetireRecords(root.path(), "QV_CLIENT", {{1, false}, {3, true}}, &error));
+  // A record another agent already took counts as retired.
+  ASSERT_TRUE(xqspool::RetireRecords(root.path(), "QV_CLIENT", {{2, false}, {1, false}}, &error))
+      << error;
+  EXPECT_TRUE(ReadSpool(root.path(), "QV_CLIENT").empty());
+  EXPECT_EQ(ftctest::ReadHostFile(dir + "/rejected/0000000003.xml").rfind("m3\n<!--", 0), 0u);
+  unlink((dir + "/.sequence").c_str());
+  ASSERT_EQ(Write(h, "QV_CLIENT", "m4"), 0);
+
+  // Writers racing a retirer: every number is used once, in the writers' order.
+  const int kEach = 40;
+  std::vector<std::thread> writers;
+  for (int t = 0; t < 2; ++t)
+    writers.emplace_back([&, t] {
+      void* own = Open();
+      for (int i = 0; i < kEach; ++i)
+        Write(own, "QV_CLIENT", std::to_string(t) + "-" + std::to_string(i));
+      close(own);
+    });
+  std::map<uint64_t, std::string> retired;
+  std::atomic<bool> writing{true};
+  std::thread retirer([&] {
+    for (bool last = false; !last;) {
+      last = !writing;
+      std::vector<xqspool::Retirement> batch;
+      for (const SpoolRecord& r : ReadSpool(root.path(), "QV_CLIENT")) {
+        EXPECT_TRUE(retired.emplace(r.sequence, r.message).second) << r.sequence << " reused";
+        batch.push_back({r.sequence, false});
+      }
+      std::string why;
+      EXPECT_TRUE(xqspool::RetireRecords(root.path(), "QV_CLIENT", batch, &why)) << why;
+    }
+  });
+  for (auto& w : writers) w.join();
+  writing = false;
+  retirer.join();
+  close(h);
+  ASSERT_EQ(retired.size(), size_t(1 + 2 * kEach));
+  EXPECT_EQ(retired.begin()->first, 4u);
+  EXPECT_EQ(retired.rbegin()->first, uint64_t(4 + 2 * kEach));
+  std::map<std::string, int> next;
+  for (const auto& [seq, m] : retired) {
+    if (seq == 4) continue;
+    size_t dash = m.find('-');
+    EXPECT_EQ(std::stoi(m.substr(dash + 1)), next[m.substr(0, dash)]++) << m;
+  }
 }
 
 TEST_F(SpoolTest, RefusedWritesReportFailureAndLeaveNoRecord) {
