@@ -11,6 +11,7 @@
 #include <thread>
 
 #include "commands.h"
+#include "deliver.h"
 #include "job_file.h"
 #include "job_watch.h"
 #include "plugin_session.h"
@@ -271,7 +272,7 @@ int RunJob(const Options& opt) {
   Replay(run);
   WaitForEnd(run);
   Verify(run);
-  return Summary(run);
+  return DeliverAfterJob(opt, Summary(run));
 }
 
 }  // namespace ftchost
