@@ -1,7 +1,5 @@
 #include "engine/firmware.h"
 
-#include <strings.h>
-
 #include <cstdio>
 #include <cstring>
 
@@ -109,7 +107,7 @@ void StartUpgrade(UpgradeConfig* cfg) {
 int KillAnExe(char* path) {
   char drive[16], dir[256], name[256], ext[64];
   TVLFileSplitPathA(path, drive, sizeof drive, dir, sizeof dir, name, sizeof name, ext, sizeof ext);
-  if (strcasecmp(ext, "exe") == 0) return 0;
+  if (_stricmp(ext, "exe") == 0) return 0;
   char exe[300];
   FormatText(exe, sizeof exe, "%s.exe", name);
   LogMsg("Killing !%s!\r\n", exe);

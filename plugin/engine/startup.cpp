@@ -1,7 +1,5 @@
 #include "engine/startup.h"
 
-#include <strings.h>
-
 #include <cstdio>
 
 #include "config/UpgradeConfig.h"
@@ -25,7 +23,7 @@ const wchar_t kAgentMarker[] = L"\\Flash File Store\\QVPB\\_qvTransferAgent.xml"
 
 bool IsStartupProgram(const char* name) {
   for (const char* program : kStartupPrograms)
-    if (strcasecmp(name, program) == 0) return true;
+    if (_stricmp(name, program) == 0) return true;
   return false;
 }
 
@@ -66,7 +64,7 @@ int WaitForStartupProcesses() {
         busy = true;
         break;
       }
-      if (strcasecmp(name, kTransferAgent) == 0) {
+      if (_stricmp(name, kTransferAgent) == 0) {
         busy = true;
         if (++agentWaits > limit) {
           if (Exists(kAgentMarker)) {
