@@ -12,6 +12,7 @@
 #include "engine/display.h"
 #include "log/LogMsg.h"
 #include "platform/hostclasses.h"
+#include "platform/sockets.h"
 #include "platform/winux.h"
 #include "transfer/FTCCCRC32.h"
 
