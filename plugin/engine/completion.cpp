@@ -7,7 +7,7 @@
 #include <string>
 
 #include "config/UpgradeConfig.h"
-#include "engine/upgrade.h"
+#include "config/text.h"
 #include "log/LogMsg.h"
 #include "platform/helpers.h"
 #include "platform/winux.h"

@@ -3,10 +3,12 @@
 #include <cstdio>
 
 #include "config/UpgradeConfig.h"
-#include "engine/display.h"
+#include "config/text.h"
+#include "engine/file_list.h"
+#include "engine/job_state.h"
 #include "engine/settings_store.h"
-#include "engine/upgrade.h"
 #include "log/LogMsg.h"
+#include "log/display.h"
 #include "platform/helpers.h"
 #include "platform/winux.h"
 #include "report/deploy_state.h"

@@ -9,8 +9,8 @@
 #include <new>
 #include <string_view>
 
-#include "engine/display.h"
 #include "log/LogMsg.h"
+#include "log/display.h"
 #include "platform/hostclasses.h"
 #include "platform/sockets.h"
 #include "platform/winux.h"
