@@ -145,7 +145,8 @@ std::wstring NumberFormat(const Directive& directive, const char* length, wchar_
 }
 
 template <typename T>
-void AppendNumber(std::wstring& out, const Directive& directive, const char* length, wchar_t conv, T value) {
+void AppendNumber(std::wstring& out, const Directive& directive, const char* length, wchar_t conv,
+                  T value) {
   wchar_t buffer[kMaxField * 2 + 64];
   std::wstring f = NumberFormat(directive, length, conv);
   int n = swprintf(buffer, sizeof buffer / sizeof buffer[0], f.c_str(), value);
@@ -182,7 +183,8 @@ std::wstring Format(const wchar_t* format, va_list args) {
     } else {
       while (*p >= L'0' && *p <= L'9') {
         int digit = *p++ - L'0';
-        directive.width = directive.width < 0 ? digit : std::min(directive.width * 10 + digit, kMaxField + 1);
+        directive.width =
+            directive.width < 0 ? digit : std::min(directive.width * 10 + digit, kMaxField + 1);
       }
     }
     if (*p == L'.') {
@@ -207,8 +209,9 @@ std::wstring Format(const wchar_t* format, va_list args) {
       while (*p && wcschr(L"hlLwzjt", *p)) directive.length += static_cast<char>(*p++);
     }
     const wchar_t conv = *p;
-    const bool wide64 = directive.length == "ll" || directive.length == "j" || directive.length == "z" ||
-                        directive.length == "t" || directive.length == "L";
+    const bool wide64 = directive.length == "ll" || directive.length == "j" ||
+                        directive.length == "z" || directive.length == "t" ||
+                        directive.length == "L";
     switch (conv) {
       case L'd':
       case L'i': {
@@ -352,4 +355,35 @@ extern "C" void OutputDebugString(LPCWSTR text) {
   if (!text || !getenv("WINUX_DEBUG")) return;
   std::string narrow = winux::ToUtf8(text);
   fputs(narrow.c_str(), stderr);
+}
+
+namespace winux {
+namespace {
+template <typename Char>
+int CompareFolded(const Char* a, const Char* b, size_t count) {
+  auto fold = [](Char c) -> long {
+    long v = static_cast<long>(c);
+    if (sizeof(Char) == 1) v &= 0xFF;
+    return v >= 'A' && v <= 'Z' ? v + ('a' - 'A') : v;
+  };
+  for (size_t i = 0; i < count; ++i) {
+    long x = fold(a[i]), y = fold(b[i]);
+    if (x != y) return x < y ? -1 : 1;
+    if (x == 0) break;
+  }
+  return 0;
+}
+}  // namespace
+}  // namespace winux
+
+extern "C" int _stricmp(const char* a, const char* b) {
+  return winux::CompareFolded(a, b, static_cast<size_t>(-1));
+}
+
+extern "C" int _strnicmp(const char* a, const char* b, size_t count) {
+  return winux::CompareFolded(a, b, count);
+}
+
+extern "C" int _wcsnicmp(const wchar_t* a, const wchar_t* b, size_t count) {
+  return winux::CompareFolded(a, b, count);
 }

@@ -11,14 +11,6 @@
 #include "platform/winux.h"
 #include "processing/QVProcessingHandler.h"
 
-char* DupText(const char* src) {
-  if (!src) return nullptr;
-  size_t n = strlen(src) + 1;
-  char* copy = static_cast<char*>(malloc(n));
-  if (copy) memcpy(copy, src, n);
-  return copy;
-}
-
 // ---- FirmwarePackage ----
 
 FirmwarePackage::FirmwarePackage() : m_iFragFileCount(0) {

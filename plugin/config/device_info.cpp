@@ -2,8 +2,8 @@
 #include <cstring>
 
 #include "config/UpgradeConfig.h"
+#include "config/flash_size.h"
 #include "config/text.h"
-#include "engine/flash_size.h"
 #include "log/LogMsg.h"
 #include "platform/hwid.h"
 

@@ -1,6 +1,4 @@
 // UpgradeConfig::LoadFromFile: a job read from an XML settings file on the device.
-#include <strings.h>
-
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -38,7 +36,7 @@ bool MatchesHardware(const char* patterns, const char* hwcfg, const char* flash,
   char* save = nullptr;
   for (char* p = strtok_r(list, ",", &save); p; p = strtok_r(nullptr, ",", &save)) {
     if (!UpgradeConfig::CompareCfgStr(p, hwcfg)) continue;
-    if (flash && strcasecmp(flash, deviceFlash) != 0) continue;
+    if (flash && _stricmp(flash, deviceFlash) != 0) continue;
     return true;
   }
   return false;
@@ -125,10 +123,10 @@ class SettingsWalker {
       if (text) m_cfg->SetUpgBeginMsg(text);
     } else if (!strcmp(tag, "EndText")) {
       if (text) m_cfg->SetUpgEndMsg(text);
-    } else if (!strcasecmp(tag, "ShowGUI")) {
-      if (text) m_cfg->SetShowGUI(strcasecmp(text, "false") == 0 ? 0 : 1);
-    } else if (!strcasecmp(tag, "Reboot")) {
-      if (text) m_cfg->SetReboot(strcasecmp(text, "false") == 0 ? 0 : 1);
+    } else if (!_stricmp(tag, "ShowGUI")) {
+      if (text) m_cfg->SetShowGUI(_stricmp(text, "false") == 0 ? 0 : 1);
+    } else if (!_stricmp(tag, "Reboot")) {
+      if (text) m_cfg->SetReboot(_stricmp(text, "false") == 0 ? 0 : 1);
     } else if (!strcmp(tag, "PreProcessing") || !strcmp(tag, "PostProcessing")) {
       CQVProcessingHandler* handler = new CQVProcessingHandler();
       bool pre = tag[1] == 'r';
@@ -208,9 +206,9 @@ class SettingsWalker {
     const char* action = Attr(e, "Action");
     const char* text = Text(e);
     if (!action || !text) return;
-    if (!strcasecmp(action, "delete"))
+    if (!_stricmp(action, "delete"))
       m_cfg->AddFileDelete(text);
-    else if (!strcasecmp(action, "save"))
+    else if (!_stricmp(action, "save"))
       m_cfg->AddFileSave(text);
   }
 
@@ -227,7 +225,7 @@ class SettingsWalker {
     }
     if (const char* base = Attr(e, "Base")) pkg->setFragFileBase(base);
     if (const char* dest = Attr(e, "DestDir")) {
-      if (!strcasecmp(dest, "RAM:"))
+      if (!_stricmp(dest, "RAM:"))
         CopyBounded(folder, sizeof folder, dest);
       else
         WithSeparator(folder, sizeof folder, dest);

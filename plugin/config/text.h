@@ -1,5 +1,6 @@
-// Bounded copies into the fixed text fields of records: a text never overruns its field and is
-// always terminated; a longer one is cut at the field's capacity.
+// Bounded texts: copies into the fixed text fields of records and formatting into fixed buffers.
+// A text never overruns its field and is always terminated; a longer one is cut at the field's
+// capacity.
 #pragma once
 
 #include <cstddef>
@@ -30,3 +31,7 @@ inline void AppendText(char* dst, size_t capacity, const char* src) {
 
 // A heap copy (length plus terminator) from malloc, so that LocalFree may release it.
 char* DupText(const char* src);
+
+// printf into a fixed text, cut at its capacity (the device's texts are bounded by design).
+void FormatText(char* out, size_t capacity, const char* format, ...)
+    __attribute__((format(printf, 3, 4)));

@@ -1,16 +1,14 @@
-// The exported entry points around the group/field protocol, and the send-up path.
+// The exported entry points around the group/field protocol.
 #include "configlet/configlet.h"
 
 #include <cstdlib>
 
 #include "bundles/bundle_records.h"
 #include "configlet/protocol_state.h"
-#include "configlet/send_up.h"
 #include "report/deploy_state.h"
+#include "report/send_up.h"
 
 HANDLE g_hInst = nullptr;
-std::atomic<uint32_t> gCallBackHandle{0};
-std::atomic<void* const*> gCallbacks{nullptr};
 char* gCurrentGroup = nullptr;
 
 extern "C" {
@@ -74,12 +72,4 @@ uint32_t IcfgGetFirstRangeSet(const char*, const char*, int32_t*, int32_t*, int3
 
 uint32_t IcfgGetNextRangeSet(const char*, const char*, int32_t*, int32_t*, int32_t*, char*, char*) {
   return 0;
-}
-
-uint32_t SendUpMessage(const char* message, uint32_t length) {
-  void* const* table = gCallbacks.load();
-  if (!table) return 0;
-  auto sendUp = reinterpret_cast<IcfgSendUp>(table[ICFG_SENDUP_SLOT]);
-  if (sendUp) sendUp(gCallBackHandle.load(), message, length);
-  return 1;
 }

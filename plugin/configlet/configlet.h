@@ -7,6 +7,7 @@
 
 #include <cstdint>
 
+#include "platform/host_callbacks.h"
 #include "platform/wintypes.h"
 
 #define ICFG_EXPORT __attribute__((visibility("default")))
@@ -21,12 +22,6 @@
 
 // DllMain's reason codes.
 #define ICFG_PROCESS_ATTACH 0u
-
-typedef uint32_t (*IcfgSendUp)(uint32_t context, const char* message, uint32_t length);
-// Callback table: an array of function pointers; slot 4 is the send-up function. It is called
-// with the context given to IcfgSetCallbacks, the NUL-terminated message and its length
-// including the NUL, possibly from the plug-in's worker threads.
-#define ICFG_SENDUP_SLOT 4
 
 extern "C" {
 ICFG_EXPORT BOOL DllMain(HANDLE module, DWORD reason, void* reserved);

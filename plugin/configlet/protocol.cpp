@@ -1,6 +1,4 @@
 // The group/field protocol: from the host's groups and fields to one upgrade job.
-#include <strings.h>
-
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -76,13 +74,13 @@ const char* const kGroups[] = {
 
 // Case-insensitive, whole name.
 bool Is(const char* name, const char* keyword) {
-  return strcasecmp(name, keyword) == 0;
+  return _stricmp(name, keyword) == 0;
 }
 
 // Case-insensitive over the host's name only, so a shorter name matches the first keyword it
 // begins; the order of the keyword table decides.
 bool Begins(const char* name, const char* keyword) {
-  return strncasecmp(name, keyword, strlen(name)) == 0;
+  return _strnicmp(name, keyword, strlen(name)) == 0;
 }
 
 const char* CurrentGroup() {
@@ -112,7 +110,7 @@ CQVProcessingHandler* OpenHandler() {
 
 // Port of an "http://host:port/..." URL, 0 when it names none.
 unsigned short UrlPort(const char* url) {
-  if (strncasecmp(url, "http://", 7) != 0) return 0;
+  if (_strnicmp(url, "http://", 7) != 0) return 0;
   const char* port = nullptr;
   for (const char* p = url + 7; *p && *p != '/' && *p != '\\'; ++p)
     if (*p == ':') port = p + 1;

@@ -1,5 +1,5 @@
 // Module-wide state of the host interface and of the group/field protocol. Written by the
-// exports on the host's thread; the engine and the pull-file code may read it.
+// exports on the host's thread.
 #pragma once
 
 #include <atomic>
@@ -14,10 +14,8 @@ class CQVFileEntry;
 class CQVRegistryEntry;
 
 // ---- host interface ----
-extern HANDLE g_hInst;                         // module handle given to DllMain
-extern std::atomic<uint32_t> gCallBackHandle;  // host context for the callback table
-extern std::atomic<void* const*> gCallbacks;   // host callback table, null until set
-extern char* gCurrentGroup;                    // 128 bytes, allocated by IcfgInitialize
+extern HANDLE g_hInst;       // module handle given to DllMain
+extern char* gCurrentGroup;  // 128 bytes, allocated by IcfgInitialize
 const int kCurrentGroupSize = 128;
 
 // ---- the job being built ----

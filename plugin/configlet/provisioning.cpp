@@ -1,6 +1,4 @@
 // The Provisioning field: the device tells the server that provisioning started or ended.
-#include <strings.h>
-
 #include "configlet/call_points.h"
 #include "platform/hwid.h"
 #include "platform/winux.h"
@@ -13,7 +11,7 @@ uint32_t OnProvisioningField(const char* value) {
   DWORD result = TVLHWID::GetUniqueID(uniqueId, &length);
   uniqueId[sizeof(uniqueId) - 1] = '\0';
   SetupProvisioning(value);
-  if (strcasecmp(value, "TRUE") == 0) {
+  if (_stricmp(value, "TRUE") == 0) {
     SetIRIStatus(4, "Provisioning Started");
     Sleep(1000);
     SendDeviceEvent(uniqueId, QV_EVENT_SYSTEM, QV_EVENT_PROVISIONING_STARTED, "");

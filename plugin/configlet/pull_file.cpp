@@ -1,5 +1,5 @@
 // PullFile closed: one file fetched on a thread of its own.
-#include "transfer/pull_file.h"
+#include "engine/pull_file.h"
 
 #include "configlet/call_points.h"
 

@@ -1,12 +1,14 @@
 // The Upgrade group: refusing a second job and starting the one that was built.
 #include <cstdio>
 
+#include "config/text.h"
 #include "configlet/call_points.h"
 #include "configlet/configlet.h"
 #include "configlet/protocol_state.h"
 #include "engine/completion.h"
+#include "engine/job_state.h"
 #include "engine/preflight.h"
-#include "engine/upgrade.h"
+#include "engine/upgrade_thread.h"
 #include "log/LogMsg.h"
 #include "platform/winux.h"
 #include "report/deploy_state.h"

@@ -1,7 +1,5 @@
 #include "engine/completion.h"
 
-#include <strings.h>
-
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -9,7 +7,7 @@
 #include <string>
 
 #include "config/UpgradeConfig.h"
-#include "engine/upgrade.h"
+#include "config/text.h"
 #include "log/LogMsg.h"
 #include "platform/helpers.h"
 #include "platform/winux.h"
@@ -37,7 +35,7 @@ int DeleteOrClearReadOnly(const wchar_t* path) {
 
 bool IsSaved(const char* path, UpgradeConfig* cfg) {
   for (const char* saved : cfg->GetFileSaveList())
-    if (saved && strcasecmp(saved, path) == 0) return true;
+    if (saved && _stricmp(saved, path) == 0) return true;
   return false;
 }
 

@@ -1,11 +1,14 @@
+#include "engine/file_list.h"
+
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
 
 #include "config/UpgradeConfig.h"
-#include "engine/display.h"
-#include "engine/upgrade.h"
+#include "config/text.h"
+#include "engine/job_state.h"
 #include "log/LogMsg.h"
+#include "log/display.h"
 #include "platform/helpers.h"
 #include "platform/hostclasses.h"
 #include "platform/winux.h"

@@ -1,15 +1,15 @@
 #include "engine/firmware.h"
 
-#include <strings.h>
-
 #include <cstdio>
 #include <cstring>
 
 #include "config/UpgradeConfig.h"
-#include "engine/display.h"
+#include "config/text.h"
+#include "engine/file_list.h"
+#include "engine/job_state.h"
 #include "engine/passes.h"
-#include "engine/upgrade.h"
 #include "log/LogMsg.h"
+#include "log/display.h"
 #include "platform/helpers.h"
 #include "platform/winux.h"
 #include "report/deploy_state.h"
@@ -109,7 +109,7 @@ void StartUpgrade(UpgradeConfig* cfg) {
 int KillAnExe(char* path) {
   char drive[16], dir[256], name[256], ext[64];
   TVLFileSplitPathA(path, drive, sizeof drive, dir, sizeof dir, name, sizeof name, ext, sizeof ext);
-  if (strcasecmp(ext, "exe") == 0) return 0;
+  if (_stricmp(ext, "exe") == 0) return 0;
   char exe[300];
   FormatText(exe, sizeof exe, "%s.exe", name);
   LogMsg("Killing !%s!\r\n", exe);

@@ -5,7 +5,8 @@
 #include <cstring>
 
 #include "config/UpgradeConfig.h"
-#include "engine/upgrade.h"
+#include "config/text.h"
+#include "engine/job_state.h"
 #include "platform/winux.h"
 
 namespace {

@@ -5,8 +5,9 @@
 #include <cstring>
 
 #include "config/UpgradeConfig.h"
+#include "config/text.h"
+#include "engine/job_state.h"
 #include "engine/passes.h"
-#include "engine/upgrade.h"
 #include "log/LogMsg.h"
 #include "platform/helpers.h"
 #include "platform/winux.h"

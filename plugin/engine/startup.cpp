@@ -1,14 +1,14 @@
 #include "engine/startup.h"
 
-#include <strings.h>
-
 #include <cstdio>
 
 #include "config/UpgradeConfig.h"
-#include "engine/display.h"
+#include "config/text.h"
+#include "engine/file_list.h"
+#include "engine/job_state.h"
 #include "engine/settings_store.h"
-#include "engine/upgrade.h"
 #include "log/LogMsg.h"
+#include "log/display.h"
 #include "platform/helpers.h"
 #include "platform/winux.h"
 #include "report/deploy_state.h"
@@ -25,7 +25,7 @@ const wchar_t kAgentMarker[] = L"\\Flash File Store\\QVPB\\_qvTransferAgent.xml"
 
 bool IsStartupProgram(const char* name) {
   for (const char* program : kStartupPrograms)
-    if (strcasecmp(name, program) == 0) return true;
+    if (_stricmp(name, program) == 0) return true;
   return false;
 }
 
@@ -66,7 +66,7 @@ int WaitForStartupProcesses() {
         busy = true;
         break;
       }
-      if (strcasecmp(name, kTransferAgent) == 0) {
+      if (_stricmp(name, kTransferAgent) == 0) {
         busy = true;
         if (++agentWaits > limit) {
           if (Exists(kAgentMarker)) {

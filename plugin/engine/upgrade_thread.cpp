@@ -1,16 +1,22 @@
+#include "engine/upgrade_thread.h"
+
 #include <cstdio>
 #include <cstring>
+#include <cwchar>
 
 #include "bundles/bundle_records.h"
 #include "config/UpgradeConfig.h"
+#include "config/text.h"
 #include "engine/completion.h"
-#include "engine/display.h"
+#include "engine/file_list.h"
 #include "engine/firmware.h"
+#include "engine/job_state.h"
+#include "engine/multicast_job.h"
 #include "engine/passes.h"
 #include "engine/preflight.h"
 #include "engine/startup.h"
-#include "engine/upgrade.h"
 #include "log/LogMsg.h"
+#include "log/display.h"
 #include "platform/helpers.h"
 #include "platform/hwid.h"
 #include "platform/winux.h"
@@ -19,11 +25,12 @@
 #include "report/events.h"
 #include "report/xq_transport.h"
 #include "transfer/CHTTPClient.h"
-#include "transfer/multicast.h"
 
 namespace {
 
 const char kDeviceUpgrading[] = "Device Upgrading";
+// The worker keeps its buffers on its stack.
+const DWORD kUpgradeThreadStack = 786432;
 
 // The job is over once the power check has failed: tell the server and give the job up.
 void PowerFailure(UpgradeConfig* job) {
@@ -97,6 +104,21 @@ void FallbackSequence(UpgradeConfig* job, int* option) {
 }
 
 }  // namespace
+
+HANDLE StartUpgradeThread(UpgradeConfig* cfg, int bUpgradeClient) {
+  m_bUpgradeClient = bUpgradeClient;
+  if (bUpgradeClient) {
+    wchar_t text[128];
+    swprintf(text, 128, L"%s, %s", cfg->GetMfgString(), cfg->GetSerialNumber());
+    SetStatusText(text);
+  }
+  m_pUpgCfg = cfg;
+  DWORD id = 0;
+  return CreateThread(nullptr, kUpgradeThreadStack, UpgradeThread, cfg, 0, &id);
+}
+
+void SaveNetworkSettings() {}
+void LoadNetworkSettings() {}
 
 DWORD UpgradeThread(LPVOID param) {
   UpgradeConfig* job = static_cast<UpgradeConfig*>(param);

@@ -29,8 +29,8 @@ WINUX_API DWORD GetTickCount(void);
 
 // Named objects are process-wide; a second create of a name opens the same object and sets
 // ERROR_ALREADY_EXISTS.
-WINUX_API HANDLE CreateEvent(LPSECURITY_ATTRIBUTES attributes, BOOL manualReset,
-                             BOOL initialState, LPCWSTR name);
+WINUX_API HANDLE CreateEvent(LPSECURITY_ATTRIBUTES attributes, BOOL manualReset, BOOL initialState,
+                             LPCWSTR name);
 WINUX_API HANDLE OpenEvent(DWORD access, BOOL inherit, LPCWSTR name);
 WINUX_API BOOL SetEvent(HANDLE event);
 WINUX_API BOOL ResetEvent(HANDLE event);
@@ -69,8 +69,8 @@ WINUX_API BOOL CopyFile(LPCWSTR existing, LPCWSTR target, BOOL failIfExists);
 WINUX_API BOOL MoveFile(LPCWSTR existing, LPCWSTR target);
 WINUX_API DWORD GetFileAttributes(LPCWSTR path);
 WINUX_API BOOL SetFileAttributes(LPCWSTR path, DWORD attributes);
-WINUX_API BOOL GetDiskFreeSpaceEx(LPCWSTR path, PULARGE_INTEGER freeToCaller,
-                                  PULARGE_INTEGER total, PULARGE_INTEGER totalFree);
+WINUX_API BOOL GetDiskFreeSpaceEx(LPCWSTR path, PULARGE_INTEGER freeToCaller, PULARGE_INTEGER total,
+                                  PULARGE_INTEGER totalFree);
 
 // ---- registry -----------------------------------------------------------------------------
 // Results are ERROR_SUCCESS or an error code. REG_SZ data are wide strings (4-byte characters)
@@ -129,6 +129,11 @@ WINUX_API int WideCharToMultiByte(UINT codePage, DWORD flags, LPCWSTR wide, int 
 WINUX_API int MultiByteToWideChar(UINT codePage, DWORD flags, LPCSTR text, int bytes, LPWSTR out,
                                   int outChars);
 WINUX_API void OutputDebugString(LPCWSTR text);
+// The runtime's case-insensitive comparisons: ASCII letters fold, every other byte or
+// character compares as it is. 0 when equal.
+WINUX_API int _stricmp(const char* a, const char* b);
+WINUX_API int _strnicmp(const char* a, const char* b, size_t count);
+WINUX_API int _wcsnicmp(const wchar_t* a, const wchar_t* b, size_t count);
 
 // ---- sockets ------------------------------------------------------------------------------
 WINUX_API int WSACleanup(void);

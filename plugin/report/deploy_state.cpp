@@ -4,8 +4,8 @@
 #include <cstring>
 #include <mutex>
 
-#include "configlet/send_up.h"
 #include "log/LogMsg.h"
+#include "report/send_up.h"
 #include "report/xq_transport.h"
 
 namespace {

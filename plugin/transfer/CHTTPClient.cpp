@@ -9,9 +9,10 @@
 #include <new>
 #include <string_view>
 
-#include "engine/display.h"
 #include "log/LogMsg.h"
+#include "log/display.h"
 #include "platform/hostclasses.h"
+#include "platform/sockets.h"
 #include "platform/winux.h"
 #include "transfer/FTCCCRC32.h"
 
@@ -203,7 +204,7 @@ int CHTTPClient::ParseURL(const wchar_t* url, wchar_t* host, wchar_t* path, WORD
   if (!url || std::wcslen(url) >= kUrlChars) return 0;
   wchar_t work[kUrlChars] = {};
   std::wcscpy(work, url);
-  if (wcsncasecmp(work, L"http:\\", 7) != 0 && wcsncasecmp(work, L"http://", 7) != 0) return 0;
+  if (_wcsnicmp(work, L"http:\\", 7) != 0 && _wcsnicmp(work, L"http://", 7) != 0) return 0;
 
   size_t portStart = 0, pathStart = 0;
   for (size_t i = 7; i < kUrlChars && work[i]; ++i) {

@@ -5,6 +5,7 @@
 #include <cwchar>
 
 #include "log/LogMsg.h"
+#include "platform/sockets.h"
 #include "platform/winux.h"
 
 namespace {
@@ -31,8 +32,8 @@ void DebugText(const wchar_t* format, int value) {
 
 CSocketIO::CSocketIO() : m_socket(-1), m_dwDrainTimeout(10000) {
   std::memset(&m_addr, 0, sizeof m_addr);
-  m_addr.sin_family = AF_INET;
-  m_addr.sin_addr.s_addr = htonl(INADDR_ANY);
+  m_addr.family = AF_INET;
+  m_addr.ip = htonl(INADDR_ANY);
 }
 
 CSocketIO::~CSocketIO() {
@@ -64,9 +65,13 @@ int CSocketIO::CreateTcpSocket() {
 
 int CSocketIO::Connect(DWORD ip, WORD port, DWORD timeoutMs) {
   if (m_socket == -1) return 0;
-  m_addr.sin_family = AF_INET;
-  m_addr.sin_port = htons(port);
-  m_addr.sin_addr.s_addr = ip;
+  m_addr.family = AF_INET;
+  m_addr.port = htons(port);
+  m_addr.ip = ip;
+  sockaddr_in peer{};
+  peer.sin_family = m_addr.family;
+  peer.sin_port = m_addr.port;
+  peer.sin_addr.s_addr = m_addr.ip;
 
   // A blocking connect to a silent address outlasts any sensible time-out, so the handshake
   // runs non-blocking and the writability wait bounds it; the caller's mode is restored after.
@@ -74,7 +79,7 @@ int CSocketIO::Connect(DWORD ip, WORD port, DWORD timeoutMs) {
   bool restoreBlocking = flags != -1 && !(flags & O_NONBLOCK);
   if (restoreBlocking) fcntl(m_socket, F_SETFL, flags | O_NONBLOCK);
 
-  int rc = connect(m_socket, reinterpret_cast<const sockaddr*>(&m_addr), sizeof m_addr);
+  int rc = connect(m_socket, reinterpret_cast<const sockaddr*>(&peer), sizeof peer);
   int err = 0;
   if (rc == -1 && errno != EINPROGRESS) {
     err = errno;
@@ -136,6 +141,10 @@ int CSocketIO::Wait(short events, int waitMs) {
     // Like select, an error or hang-up counts as ready: the next call reports it.
     return (p.revents & (events | POLLERR | POLLHUP)) ? 1 : 2;
   }
+}
+
+int CSocketIO::ReadableNow() {
+  return Wait(POLLIN, 0) == 1 ? 1 : 0;
 }
 
 int CSocketIO::SocketReadable(DWORD timeoutMs) {

@@ -2,7 +2,6 @@
 // single receives and a draining close. Used by one thread at a time.
 #pragma once
 
-#include "platform/sockets.h"
 #include "platform/wintypes.h"
 
 class CSocketIO {
@@ -40,12 +39,21 @@ class CSocketIO {
   void SetDrainTimeout(DWORD timeoutMs) { m_dwDrainTimeout = timeoutMs; }
 
  protected:
-  int m_socket;
-  sockaddr_in m_addr;
+  // The peer's IPv4 socket address; port and address in network order. Kept free of the
+  // system's socket types so that the class's users see none of them.
+  struct Address {
+    WORD family;
+    WORD port;
+    DWORD ip;
+    unsigned char zero[8];
+  };
+
+  int m_socket;  // descriptor, -1 when there is none
+  Address m_addr;
   DWORD m_dwDrainTimeout;
 
   // Without waiting: 1 when bytes or the peer's close are waiting to be read.
-  int ReadableNow() { return Wait(POLLIN, 0) == 1 ? 1 : 0; }
+  int ReadableNow();
 
  private:
   // 1 when ready, 0 on time-out, -1 on error (last error set). waitMs -1 waits without limit.

@@ -5,10 +5,8 @@
 #include <cstdlib>
 #include <cstring>
 
-#include "config/UpgradeConfig.h"
-#include "engine/display.h"
-#include "engine/upgrade.h"
 #include "log/LogMsg.h"
+#include "log/display.h"
 #include "platform/hostclasses.h"
 #include "platform/sockets.h"
 #include "platform/winux.h"
@@ -19,6 +17,8 @@ int m_statusSocket = -1;
 std::atomic<bool> g_closing{false};
 HANDLE g_hStatusThreadDone = nullptr;
 const int kFirstStatusPort = 5655;
+// Where the status thread of the running reception reports finished files.
+MCFileDoneFunction g_fileDone = nullptr;
 }  // namespace
 
 void DecodeStatusDatagram(const unsigned char* data, int length, MCStatus* out) {
@@ -74,7 +74,9 @@ void CloseStatusThreadSocket() {
   WSACleanup();
 }
 
-DWORD StatusThread(LPVOID /*parameter*/) {
+DWORD StatusThread(LPVOID parameter) {
+  const MCFileDoneFunction fileDone =
+      parameter ? *static_cast<const MCFileDoneFunction*>(parameter) : nullptr;
   unsigned char* buffer = static_cast<unsigned char*>(malloc(2048));
   char shown[256] = {0};
   const int s = m_statusSocket;
@@ -104,40 +106,33 @@ DWORD StatusThread(LPVOID /*parameter*/) {
       OutputGUIMsgA("%s", shown);
     }
     SetProgress1(status.progress);
-    if (status.progress == 100) BumpOverallProgress(status.amount);
+    if (status.progress == 100 && fileDone) fileDone(status.amount);
   }
   free(buffer);
   if (done) SetEvent(done);
   return 0;
 }
 
-void StartMulticastClient(UpgradeConfig* config) {
-  char parameters[256] = {0};
-  snprintf(parameters, sizeof parameters, "%s", config ? config->GetMCProcessParms() : "");
-  if (!parameters[0]) {
-    LogMsg("FileTransferConfiglet - StartMulticastClient - Exiting\r\n");
-    return;
-  }
+void RunMulticastReceiver(char* parameters, size_t capacity, MCFileDoneFunction fileDone) {
   int port = 0;
   if (CreateStatusThreadSocket(&port)) {
+    g_fileDone = fileDone;
     DWORD id = 0;
-    HANDLE thread = CreateThread(nullptr, 0, StatusThread, nullptr, 0, &id);
+    HANDLE thread = CreateThread(nullptr, 0, StatusThread, &g_fileDone, 0, &id);
     if (thread) {
       CloseHandle(thread);
     } else {
       CloseHandle(g_hStatusThreadDone);
       g_hStatusThreadDone = nullptr;
     }
-    size_t used = strlen(parameters);
-    snprintf(parameters + used, sizeof parameters - used, " -UA=127.0.0.1 -UP=%d", port);
+    size_t used = strnlen(parameters, capacity);
+    if (used < capacity)
+      snprintf(parameters + used, capacity - used, " -UA=127.0.0.1 -UP=%d", port);
   }
-  {
-    CMulticastClient mc;
-    LogMsg("FileTransferConfiglet - StartMulticastClient - mc.Start, !%s!\r\n", parameters);
-    mc.Start(parameters);
-    CloseStatusThreadSocket();
-  }
-  LogMsg("FileTransferConfiglet - StartMulticastClient - Exiting\r\n");
+  CMulticastClient mc;
+  LogMsg("FileTransferConfiglet - StartMulticastClient - mc.Start, !%s!\r\n", parameters);
+  mc.Start(parameters);
+  CloseStatusThreadSocket();
 }
 
 int GetMClientVersion(char* text) {

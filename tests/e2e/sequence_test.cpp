@@ -10,8 +10,9 @@
 
 #include "config/UpgradeConfig.h"
 #include "e2e_support.h"
+#include "engine/job_state.h"
 #include "engine/startup.h"
-#include "engine/upgrade.h"
+#include "engine/upgrade_thread.h"
 #include "platform/winux.h"
 
 namespace fs = std::filesystem;

@@ -8,7 +8,7 @@
 
 #include "configlet/configlet.h"
 #include "configlet/protocol_state.h"
-#include "engine/upgrade.h"
+#include "engine/job_state.h"
 #include "fuzz/fuzz_support.h"
 #include "platform/plix.h"
 

@@ -9,9 +9,9 @@
 
 #include "configlet/configlet.h"
 #include "configlet/protocol_state.h"
-#include "configlet/send_up.h"
 #include "platform/winux.h"
 #include "processing/QVProcessingHandler.h"
+#include "report/send_up.h"
 #include "support/device_root.h"
 #include "support/registry.h"
 

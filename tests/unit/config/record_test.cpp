@@ -5,7 +5,7 @@
 #include <string>
 
 #include "config/UpgradeConfig.h"
-#include "engine/flash_size.h"
+#include "config/flash_size.h"
 #include "platform/winux.h"
 #include "processing/QVProcessingHandler.h"
 #include "support/device_root.h"

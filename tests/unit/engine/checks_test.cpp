@@ -7,9 +7,10 @@
 
 #include "config/UpgradeConfig.h"
 #include "engine/completion.h"
+#include "engine/file_list.h"
+#include "engine/job_state.h"
 #include "engine/passes.h"
 #include "engine/preflight.h"
-#include "engine/upgrade.h"
 #include "platform/display.h"
 #include "platform/winux.h"
 #include "support/device_root.h"

@@ -1,5 +1,7 @@
 // The download list: device masks, list-file parsing and the URL forms the
 // engine asks the server for.
+#include "engine/file_list.h"
+
 #include <gtest/gtest.h>
 
 #include <cstring>
@@ -8,7 +10,7 @@
 
 #include "config/UpgradeConfig.h"
 #include "engine/completion.h"
-#include "engine/upgrade.h"
+#include "engine/job_state.h"
 #include "platform/winux.h"
 #include "support/device_root.h"
 #include "support/scripted_http_peer.h"

@@ -11,7 +11,8 @@
 #include <vector>
 
 #include "config/UpgradeConfig.h"
-#include "engine/upgrade.h"
+#include "engine/job_state.h"
+#include "engine/multicast_job.h"
 #include "platform/display.h"
 #include "platform/winux.h"
 #include "support/device_root.h"
@@ -80,8 +81,9 @@ TEST_F(MulticastStatusThread, DatagramsDriveTheProgressBars) {
   int port = 0;
   ASSERT_EQ(CreateStatusThreadSocket(&port), 1);
   EXPECT_GE(port, 5655);
+  static MCFileDoneFunction fileDone = BumpOverallProgress;
   DWORD id = 0;
-  HANDLE thread = CreateThread(nullptr, 0, StatusThread, nullptr, 0, &id);
+  HANDLE thread = CreateThread(nullptr, 0, StatusThread, &fileDone, 0, &id);
   ASSERT_NE(thread, nullptr);
   CloseHandle(thread);
 

@@ -1,6 +1,6 @@
 // Pull-file requests through the loaded plug-in against a scripted HTTP peer, and the server
 // address taken from the registry.
-#include "transfer/pull_file.h"
+#include "engine/pull_file.h"
 
 #include <gtest/gtest.h>
 

@@ -52,6 +52,18 @@ TEST(WinuxText, ConversionsAreUtf8AndReportSizes) {
   EXPECT_EQ(back[1], L'z');
 }
 
+TEST(WinuxText, CaseBlindComparisonsFoldOnlyAsciiLetters) {
+  EXPECT_EQ(_stricmp("ShowGUI", "showgui"), 0);
+  EXPECT_NE(_stricmp("RAM:", "RAM"), 0);  // a prefix is not equal
+  EXPECT_NE(_stricmp("[", "{"), 0);       // '[' is not an upper-case '{'
+  EXPECT_LT(_stricmp("a", "\xE9"), 0);    // high bytes compare unsigned
+  EXPECT_EQ(_strnicmp("HTTP://x", "http://y", 7), 0);
+  EXPECT_NE(_strnicmp("HTTP://x", "http://y", 8), 0);
+  EXPECT_EQ(_strnicmp("ab", "AB", 10), 0);  // stops at the end of both
+  EXPECT_EQ(_wcsnicmp(L"Http:\\", L"http:\\", 7), 0);
+  EXPECT_NE(_wcsnicmp(L"\xC9", L"\xE9", 1), 0);  // only ASCII letters fold
+}
+
 TEST(WinuxTime, PicturesTheSystemUses) {
   SYSTEMTIME t{};
   t.wYear = 2026;

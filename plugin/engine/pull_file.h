@@ -1,4 +1,5 @@
-// Pull-file requests: one file fetched from an HTTP server on a thread of its own.
+// Pull-file jobs: one file fetched from an HTTP server on a thread of its own, announced as
+// device events and recorded as an installed bundle.
 #pragma once
 
 #include "config/records.h"

@@ -1,4 +1,4 @@
-#include "engine/flash_size.h"
+#include "config/flash_size.h"
 
 #include "platform/winux.h"
 

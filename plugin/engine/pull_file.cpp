@@ -1,4 +1,4 @@
-#include "transfer/pull_file.h"
+#include "engine/pull_file.h"
 
 #include <cstdio>
 #include <cstdlib>
@@ -8,8 +8,8 @@
 #include "bundles/bundle_records.h"
 #include "config/UpgradeConfig.h"
 #include "engine/completion.h"
+#include "engine/file_list.h"
 #include "engine/settings_store.h"
-#include "engine/upgrade.h"
 #include "log/LogMsg.h"
 #include "platform/helpers.h"
 #include "platform/winux.h"

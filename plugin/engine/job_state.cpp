@@ -1,9 +1,7 @@
-#include <cstdarg>
+#include "engine/job_state.h"
 
-#include "config/UpgradeConfig.h"
-#include "engine/display.h"
-#include "engine/upgrade.h"
 #include "log/LogMsg.h"
+#include "log/display.h"
 #include "platform/winux.h"
 
 UpgradeConfig* m_pUpgCfg = nullptr;
@@ -17,9 +15,6 @@ std::atomic<int> g_bGoodSDCard{0};
 HANDLE g_hInProgressEvent = nullptr;
 
 namespace {
-// The worker keeps its buffers on its stack.
-const DWORD kUpgradeThreadStack = 786432;
-
 // Clamped to [5, 100]: once a transfer has begun the bar never shows less than 5 per cent. A
 // zero total counts as done.
 int Percent(DWORD done, DWORD total) {
@@ -30,18 +25,6 @@ int Percent(DWORD done, DWORD total) {
   return static_cast<int>(p);
 }
 }  // namespace
-
-HANDLE StartUpgradeThread(UpgradeConfig* cfg, int bUpgradeClient) {
-  m_bUpgradeClient = bUpgradeClient;
-  if (bUpgradeClient) {
-    wchar_t text[128];
-    swprintf(text, 128, L"%s, %s", cfg->GetMfgString(), cfg->GetSerialNumber());
-    SetStatusText(text);
-  }
-  m_pUpgCfg = cfg;
-  DWORD id = 0;
-  return CreateThread(nullptr, kUpgradeThreadStack, UpgradeThread, cfg, 0, &id);
-}
 
 void CreateUpgradeInProgressEvent() {
   g_hInProgressEvent = CreateEvent(nullptr, FALSE, FALSE, L"QV_UPGRADE_IN_PROGRESS");
@@ -89,15 +72,4 @@ int32_t GetFilesize(FILE* f) {
   long size = ftell(f);
   fseek(f, at, SEEK_SET);
   return static_cast<int32_t>(size);
-}
-
-void SaveNetworkSettings() {}
-void LoadNetworkSettings() {}
-
-void FormatText(char* out, size_t capacity, const char* format, ...) {
-  if (!out || capacity == 0) return;
-  va_list args;
-  va_start(args, format);
-  vsnprintf(out, capacity, format, args);
-  va_end(args);
 }
