@@ -10,7 +10,7 @@ function(ftc_plugin_module name)
   endif()
   add_library(ftc_${name} STATIC ${sources})
   target_include_directories(ftc_${name} PUBLIC ${PROJECT_SOURCE_DIR}/plugin)
-  target_link_libraries(ftc_${name} PUBLIC winux ftchost Threads::Threads)
+  target_link_libraries(ftc_${name} PUBLIC ftc_common winux ftchost Threads::Threads)
   set(FTC_PLUGIN_MODULES ${FTC_PLUGIN_MODULES} ftc_${name} CACHE INTERNAL "")
 endfunction()
 

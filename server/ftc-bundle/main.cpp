@@ -205,7 +205,7 @@ int List(const Args& a) {
   std::string path = a.dir + "/" + name;
   if (!WriteAtomically(path, text, &error)) return Fail(error);
   std::printf("%s: %zu files, CRC %u, %zu bytes\n", path.c_str(), count,
-              ftcserver::Crc32(text.data(), text.size()), text.size());
+              ftc::Crc32(text.data(), text.size()), text.size());
   return 0;
 }
 
