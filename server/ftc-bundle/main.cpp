@@ -4,9 +4,7 @@
 //                  [--mask MASK] [--out JOB.xml] [--version V] [--reboot] [--list NAME]
 //                  [--list-dest DEVICE_PATH]
 #include <dirent.h>
-#include <fcntl.h>
 #include <sys/stat.h>
-#include <unistd.h>
 
 #include <algorithm>
 #include <cctype>
@@ -18,8 +16,8 @@
 #include <string>
 #include <vector>
 
+#include "base/files.h"
 #include "common/crc32.h"
-#include "common/crc_cache.h"
 #include "common/http.h"
 
 namespace {
@@ -50,14 +48,6 @@ int Usage(const char* error) {
   return 2;
 }
 
-std::optional<uint32_t> CrcOfFile(const std::string& path) {
-  int fd = open(path.c_str(), O_RDONLY | O_CLOEXEC);
-  if (fd < 0) return std::nullopt;
-  auto crc = ftcserver::FileCrc32(fd);
-  close(fd);
-  return crc;
-}
-
 // Regular files below `dir`, sorted by relative path. Symbolic links are left out: the server
 // refuses those that lead outside the folder, and a listing must not promise what it won't serve.
 bool Scan(const std::string& dir, const std::string& rel, std::vector<BundleFile>* out,
@@ -80,7 +70,7 @@ bool Scan(const std::string& dir, const std::string& rel, std::vector<BundleFile
     if (S_ISDIR(st.st_mode)) {
       if (!Scan(dir, childRel, out, error)) return false;
     } else if (S_ISREG(st.st_mode)) {
-      auto crc = CrcOfFile(full);
+      auto crc = hostbase::FileCrc32(full);
       if (!crc) return *error = "cannot read " + full + ": " + std::strerror(errno), false;
       out->push_back({childRel, static_cast<unsigned long long>(st.st_size), *crc});
     }
@@ -137,30 +127,6 @@ std::string XmlEscape(const std::string& s) {
   return out;
 }
 
-bool WriteAtomically(const std::string& path, const std::string& data, std::string* error) {
-  std::string tmp = path + ".tmp";
-  int fd = open(tmp.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
-  if (fd < 0) return *error = "cannot write " + tmp + ": " + std::strerror(errno), false;
-  size_t done = 0;
-  while (done < data.size()) {
-    ssize_t n = write(fd, data.data() + done, data.size() - done);
-    if (n < 0 && errno == EINTR) continue;
-    if (n <= 0) {
-      *error = "cannot write " + tmp + ": " + std::strerror(errno);
-      close(fd);
-      unlink(tmp.c_str());
-      return false;
-    }
-    done += static_cast<size_t>(n);
-  }
-  if (fsync(fd) != 0 || close(fd) != 0 || rename(tmp.c_str(), path.c_str()) != 0) {
-    *error = "cannot write " + path + ": " + std::strerror(errno);
-    unlink(tmp.c_str());
-    return false;
-  }
-  return true;
-}
-
 // A name the list file or a device record cannot carry is an error, not a silent truncation.
 std::string CheckRepresentable(const BundleFile& f, const std::string& dest, bool forList) {
   if (f.rel.find_first_of(forList ? ",\r\n" : "\r\n") != std::string::npos)
@@ -194,7 +160,8 @@ int List(const Args& a) {
   std::string text;
   size_t count = 0;
   for (const BundleFile& f : files) {
-    if (f.rel == name || f.rel == name + ".tmp") continue;
+    // The list itself, and what a run that died while writing it left.
+    if (f.rel == name || f.rel.rfind("." + name + ".", 0) == 0) continue;
     std::string dest = DevicePath(a.dest, f.rel);
     if (std::string e = CheckRepresentable(f, dest, true); !e.empty()) return Fail(e);
     WarnIfUnchecked(f);
@@ -203,7 +170,8 @@ int List(const Args& a) {
     ++count;
   }
   std::string path = a.dir + "/" + name;
-  if (!WriteAtomically(path, text, &error)) return Fail(error);
+  if (hostbase::IoStatus st = hostbase::ReplaceFile(path, text); !st.ok())
+    return Fail(st.Describe(path));
   std::printf("%s: %zu files, CRC %u, %zu bytes\n", path.c_str(), count,
               ftc::Crc32(text.data(), text.size()), text.size());
   return 0;
@@ -295,7 +263,8 @@ int Job(const Args& a) {
     std::fwrite(x.data(), 1, x.size(), stdout);
     return std::fflush(stdout) == 0 ? 0 : 1;
   }
-  if (!WriteAtomically(a.out, x, &error)) return Fail(error);
+  if (hostbase::IoStatus st = hostbase::ReplaceFile(a.out, x); !st.ok())
+    return Fail(st.Describe(a.out));
   return 0;
 }
 
