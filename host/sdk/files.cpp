@@ -9,6 +9,7 @@
 #include <cerrno>
 #include <string>
 
+#include "base/text.h"
 #include "platform/helpers.h"
 #include "platform/winux.h"
 #include "sdk_internal.h"
@@ -62,7 +63,7 @@ HANDLE QVOpenFile(const wchar_t* path, int mode) {
 HANDLE QVOpenFile(const char* path, int mode) {
   return SdkNoThrow<HANDLE>(INVALID_HANDLE_VALUE, [&]() -> HANDLE {
     if (!path) return Open(nullptr, mode);
-    return Open(SdkWiden(path).c_str(), mode);
+    return Open(hostbase::FromUtf8(path, hostbase::StrayByte::kQuestionMark).c_str(), mode);
   });
 }
 
