@@ -13,6 +13,8 @@
 #include <cstring>
 #include <map>
 #include <optional>
+#include <pugixml.hpp>
+#include <sstream>
 #include <string>
 #include <vector>
 
@@ -98,32 +100,6 @@ std::string DevicePath(const std::string& prefix, const std::string& rel) {
   std::string out = prefix;
   if (!out.empty() && out.back() != '\\') out.push_back('\\');
   for (char c : rel) out.push_back(c == '/' ? '\\' : c);
-  return out;
-}
-
-std::string XmlEscape(const std::string& s) {
-  std::string out;
-  for (char c : s) {
-    switch (c) {
-      case '&':
-        out += "&amp;";
-        break;
-      case '<':
-        out += "&lt;";
-        break;
-      case '>':
-        out += "&gt;";
-        break;
-      case '"':
-        out += "&quot;";
-        break;
-      case '\'':
-        out += "&apos;";
-        break;
-      default:
-        out.push_back(c);
-    }
-  }
   return out;
 }
 
@@ -217,53 +193,61 @@ int Job(const Args& a) {
     bundle = d.substr(d.rfind('/') == std::string::npos ? 0 : d.rfind('/') + 1);
   }
 
-  std::string x = "<DevInfo Action=\"Set\">\n  <Subsystem Name=\"FileTransferConfiglet\">\n";
-  auto field = [&x](const char* indent, const char* name, const std::string& value) {
-    x += std::string(indent) + "<Field Name=\"" + name + "\">" + XmlEscape(value) + "</Field>\n";
+  pugi::xml_document doc;
+  pugi::xml_node devInfo = doc.append_child("DevInfo");
+  devInfo.append_attribute("Action") = "Set";
+  auto named = [](pugi::xml_node parent, const char* tag, const char* name) {
+    pugi::xml_node node = parent.append_child(tag);
+    node.append_attribute("Name") = name;
+    return node;
   };
-  x += "    <Group Name=\"HTTPServer\">\n";
-  field("      ", "IPAddress", server->host);
-  field("      ", "HTTPPort", std::to_string(server->port));
-  field("      ", "BaseURL", server->base);
-  x += "    </Group>\n";
+  auto field = [&named](pugi::xml_node group, const char* name, const std::string& value) {
+    // A text child even when empty, so the field is written with its closing tag.
+    named(group, "Field", name).append_child(pugi::node_pcdata).set_value(value.c_str());
+  };
+  pugi::xml_node subsystem = named(devInfo, "Subsystem", "FileTransferConfiglet");
+  pugi::xml_node http = named(subsystem, "Group", "HTTPServer");
+  field(http, "IPAddress", server->host);
+  field(http, "HTTPPort", std::to_string(server->port));
+  field(http, "BaseURL", server->base);
   if (!a.list.empty()) {
     auto it = std::find_if(files.begin(), files.end(),
                            [&](const BundleFile& f) { return f.rel == listName; });
     if (it == files.end()) return Fail(listName + " not found in " + a.dir + " (run list first)");
     std::string dest = a.listDest.empty() ? DevicePath(a.dest, listName) : a.listDest;
     if (std::string e = CheckRepresentable(*it, dest, false); !e.empty()) return Fail(e);
-    x += "    <Group Name=\"FileList\">\n";
-    field("      ", "Source", UrlPath(it->rel));
-    field("      ", "Dest", dest);
-    field("      ", "CRC", std::to_string(it->crc));
-    x += "    </Group>\n";
+    pugi::xml_node list = named(subsystem, "Group", "FileList");
+    field(list, "Source", UrlPath(it->rel));
+    field(list, "Dest", dest);
+    field(list, "CRC", std::to_string(it->crc));
+  } else {
+    // With a list file the device takes its downloads from the list; naming them here as well
+    // would validate every file twice.
+    pugi::xml_node download = named(subsystem, "Group", "Download");
+    for (const BundleFile& f : files) {
+      if (f.rel == listName) continue;
+      std::string dest = DevicePath(a.dest, f.rel);
+      if (std::string e = CheckRepresentable(f, dest, false); !e.empty()) return Fail(e);
+      WarnIfUnchecked(f);
+      pugi::xml_node file = named(download, "Group", "File");
+      field(file, "Source", UrlPath(f.rel));
+      field(file, "Dest", dest);
+      field(file, "CRC", std::to_string(f.crc));
+      field(file, "MCTMask", a.mask);
+    }
   }
-  // With a list file the device takes its downloads from the list; naming them here as well
-  // would validate every file twice.
-  if (a.list.empty()) x += "    <Group Name=\"Download\">\n";
-  for (const BundleFile& f : files) {
-    if (f.rel == listName || !a.list.empty()) continue;
-    std::string dest = DevicePath(a.dest, f.rel);
-    if (std::string e = CheckRepresentable(f, dest, false); !e.empty()) return Fail(e);
-    WarnIfUnchecked(f);
-    x += "      <Group Name=\"File\">\n";
-    field("        ", "Source", UrlPath(f.rel));
-    field("        ", "Dest", dest);
-    field("        ", "CRC", std::to_string(f.crc));
-    field("        ", "MCTMask", a.mask);
-    x += "      </Group>\n";
-  }
-  if (a.list.empty()) x += "    </Group>\n";
-  field("    ", "BundleName", bundle);
-  if (!a.version.empty()) field("    ", "Version", a.version);
-  if (a.reboot) field("    ", "Reboot", "True");
-  x += "    <Group Name=\"Upgrade\"/>\n  </Subsystem>\n</DevInfo>\n";
+  field(subsystem, "BundleName", bundle);
+  if (!a.version.empty()) field(subsystem, "Version", a.version);
+  if (a.reboot) field(subsystem, "Reboot", "True");
+  named(subsystem, "Group", "Upgrade");
 
+  std::ostringstream x;
+  doc.save(x, "  ", pugi::format_indent | pugi::format_no_declaration, pugi::encoding_utf8);
   if (a.out.empty()) {
-    std::fwrite(x.data(), 1, x.size(), stdout);
+    std::fwrite(x.str().data(), 1, x.str().size(), stdout);
     return std::fflush(stdout) == 0 ? 0 : 1;
   }
-  if (hostbase::IoStatus st = hostbase::ReplaceFile(a.out, x); !st.ok())
+  if (hostbase::IoStatus st = hostbase::ReplaceFile(a.out, x.str()); !st.ok())
     return Fail(st.Describe(a.out));
   return 0;
 }
