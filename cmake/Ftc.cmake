@@ -25,7 +25,7 @@ function(ftc_plugin_module name)
 
   add_library(ftc_${name} STATIC ${sources})
   target_include_directories(ftc_${name} PUBLIC ${PROJECT_SOURCE_DIR}/plugin)
-  target_link_libraries(ftc_${name} PUBLIC ${libraries} winux ftchost Threads::Threads)
+  target_link_libraries(ftc_${name} PUBLIC ${libraries} ftc_common winux ftchost Threads::Threads)
   # Nothing compiles before the include check has passed (ftc_plugin_layers defines it).
   add_dependencies(ftc_${name} ftc_layer_includes)
   set(FTC_PLUGIN_MODULES ${FTC_PLUGIN_MODULES} ${name} CACHE INTERNAL "")

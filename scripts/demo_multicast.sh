@@ -75,7 +75,7 @@ echo "   $params"
 xml=$(printf '%s' "$params" | sed 's/&/\&amp;/g; s/"/\&quot;/g')
 # Backslashes, ampersands and the delimiter are special in a sed replacement.
 repl=$(printf '%s' "$xml" | sed 's/[\\&|]/\\&/g')
-sed -i "s|^\(\s*\)<Group Name=\"Upgrade\"/>|\1<Group Name=\"MulticastClient\"><Field Name=\"Parameters\">$repl</Field></Group>\n&|" \
+sed -i "s|^\(\s*\)<Group Name=\"Upgrade\" */>|\1<Group Name=\"MulticastClient\"><Field Name=\"Parameters\">$repl</Field></Group>\n&|" \
   "$work/job.xml"
 grep -q 'Name="MulticastClient"' "$work/job.xml" || { echo "demo: job file not amended" >&2; exit 1; }
 

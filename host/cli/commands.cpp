@@ -13,6 +13,7 @@
 #include <string>
 #include <thread>
 
+#include "base/text.h"
 #include "platform/helpers.h"
 #include "platform/hwid.h"
 #include "platform/winux.h"
@@ -28,17 +29,7 @@ namespace ftchost {
 namespace {
 
 std::wstring Wide(const std::string& s) {
-  std::wstring w(s.size() + 1, L'\0');
-  QVToTStrW(s.c_str(), w.data(), static_cast<int>(w.size()));
-  w.resize(wcslen(w.c_str()));
-  return w;
-}
-
-std::string Narrow(const wchar_t* w) {
-  std::string s(wcslen(w) * 4 + 1, '\0');
-  QVToASCIIStringW(w, s.data(), static_cast<int>(s.size()));
-  s.resize(strlen(s.c_str()));
-  return s;
+  return hostbase::FromUtf8(s, hostbase::StrayByte::kQuestionMark);
 }
 
 // "HKEY_LOCAL_MACHINE\SOFTWARE\X" (or HKLM\...) into its root and the rest.
@@ -88,7 +79,7 @@ int RegGet(HKEY root, const std::string& sub, const std::string& name) {
     memcpy(&v, data, sizeof v);
     printf("%u (REG_DWORD)\n", v);
   } else if (type == REG_SZ) {
-    printf("%s\n", Narrow(reinterpret_cast<const wchar_t*>(data)).c_str());
+    printf("%s\n", hostbase::ToUtf8(reinterpret_cast<const wchar_t*>(data)).c_str());
   } else {
     printf("(type %u, %u bytes)\n", type, size);
   }

@@ -2,8 +2,8 @@
 
 #include <cwchar>
 
+#include "base/text.h"
 #include "platform/display.h"
-#include "platform/helpers.h"
 
 namespace ftchost {
 
@@ -20,12 +20,6 @@ std::string Bar(int percent) {
 
 ProgressView* View(void* context) {
   return static_cast<ProgressView*>(context);
-}
-
-std::string Narrow(const wchar_t* text) {
-  char out[1024];
-  QVToASCIIStringW(text ? text : L"", out, sizeof out);
-  return out;
 }
 
 // Drops the line ends the plug-in's texts carry, so each prints as one line.
@@ -48,7 +42,7 @@ ProgressView::~ProgressView() {
 void ProgressView::Register() {
   WinuxStatusDisplay d{};
   d.context = this;
-  d.statusText = [](void* c, const wchar_t* t) { View(c)->StatusText(Narrow(t)); };
+  d.statusText = [](void* c, const wchar_t* t) { View(c)->StatusText(hostbase::ToUtf8(t)); };
   d.message = [](void* c, const char* t) { View(c)->Message(t ? t : ""); };
   d.progress1 = [](void* c, int p) { View(c)->Progress1(p); };
   d.progress2 = [](void* c, int p) { View(c)->Progress2(p); };

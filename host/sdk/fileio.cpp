@@ -8,6 +8,7 @@
 #include <cerrno>
 #include <string>
 
+#include "base/files.h"
 #include "platform/hostclasses.h"
 #include "platform/winux.h"
 #include "sdk_internal.h"
@@ -112,19 +113,10 @@ int FileIO::Write(const char* data, DWORD length) {
     SetLastError(ERROR_INVALID_HANDLE);
     return 0;
   }
-  size_t done = 0;
-  while (done < length) {
-    ssize_t n = write(m_fd, data + done, length - done);
-    if (n < 0) {
-      if (errno == EINTR) continue;
-      WinuxSetLastErrorFromErrno(errno);
-      return 0;
-    }
-    if (n == 0) {
-      SetLastError(ERROR_WRITE_FAULT);
-      return 0;
-    }
-    done += static_cast<size_t>(n);
+  hostbase::IoStatus written = hostbase::WriteAll(m_fd, data, length);
+  if (!written.ok()) {
+    WinuxSetLastErrorFromErrno(written.error);  // a write that takes nothing reads as EIO
+    return 0;
   }
   return 1;
 }

@@ -18,6 +18,7 @@
 #include <string>
 #include <vector>
 
+#include "base/files.h"
 #include "platform/helpers.h"
 #include "platform/winux.h"
 #include "sdk_internal.h"
@@ -77,17 +78,6 @@ DWORD Fill(const std::string& value, char* buffer, DWORD* length) {
   return ERROR_SUCCESS;
 }
 
-bool WriteAll(int fd, const std::string& text) {
-  size_t done = 0;
-  while (done < text.size()) {
-    ssize_t n = write(fd, text.data() + done, text.size() - done);
-    if (n < 0 && errno == EINTR) continue;
-    if (n <= 0) return false;
-    done += static_cast<size_t>(n);
-  }
-  return true;
-}
-
 }  // namespace
 
 DWORD TVLHWID::GetSerialNumber(char* buffer, DWORD* length) {
@@ -128,7 +118,7 @@ DWORD TVLHWID::Reboot(DWORD argument) {
       WinuxSetLastErrorFromErrno(errno);
       return ERROR_ACCESS_DENIED;
     }
-    bool ok = WriteAll(fd, line) && fsync(fd) == 0;
+    bool ok = hostbase::WriteAll(fd, line, std::strlen(line)).ok() && fsync(fd) == 0;
     close(fd);
     if (!ok) return ERROR_WRITE_FAULT;
 

@@ -17,6 +17,7 @@
 #include <thread>
 #include <vector>
 
+#include "base/text.h"
 #include "platform/helpers.h"
 #include "platform/winux.h"
 #include "sdk_internal.h"
@@ -204,7 +205,7 @@ int Terminate(const wchar_t* name) {
 int QVTerminateProc(const char* name) {
   return SdkNoThrow<int>(0, [&]() -> int {
     if (!name) return 0;
-    return Terminate(SdkWiden(name).c_str());
+    return Terminate(hostbase::FromUtf8(name, hostbase::StrayByte::kQuestionMark).c_str());
   });
 }
 
@@ -220,8 +221,8 @@ int QVStartProcessAndWait(const char* name, const char* parameters, int wait) {
 int QVStartProcessAndWait(const wchar_t* name, const wchar_t* parameters, int wait) {
   return SdkNoThrow<int>(static_cast<int>(ERROR_NOT_ENOUGH_MEMORY), [&]() -> int {
     if (!name) return Start(nullptr, nullptr, wait);
-    std::string narrowName = SdkNarrow(name);
-    std::string narrowParams = SdkNarrow(parameters);
+    std::string narrowName = hostbase::ToUtf8(name);
+    std::string narrowParams = hostbase::ToUtf8(parameters);
     return Start(narrowName.c_str(), parameters ? narrowParams.c_str() : nullptr, wait);
   });
 }

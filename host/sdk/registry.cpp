@@ -4,6 +4,7 @@
 
 #include <string>
 
+#include "base/text.h"
 #include "platform/hostclasses.h"
 #include "platform/winux.h"
 #include "sdk_internal.h"
@@ -28,7 +29,7 @@ HKEY RootByName(const std::string& name) {
 }
 
 std::wstring Widen(const std::string& text) {
-  return SdkWiden(text.c_str());
+  return hostbase::FromUtf8(text, hostbase::StrayByte::kQuestionMark);
 }
 
 struct KeyPath {

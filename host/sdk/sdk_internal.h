@@ -4,10 +4,6 @@
 #include <exception>
 #include <string>
 
-// UTF-8 <-> wide, whole texts; null gives an empty text.
-std::wstring SdkWiden(const char* text);
-std::string SdkNarrow(const wchar_t* text);
-
 // Runs body and gives fallback if it throws (out of memory, say): no exception reaches the
 // plug-in. Only std::exception is caught, so a cancelled thread still unwinds through here.
 template <typename R, typename Body>

@@ -30,6 +30,7 @@ void WinuxSetLastErrorFromErrno(int err) {
     case EACCES:
     case EPERM:
     case EROFS:
+    case EISDIR:
       code = ERROR_ACCESS_DENIED;
       break;
     case EMFILE:

@@ -1,7 +1,8 @@
+#include "base/files.h"
+
 #include <fcntl.h>
 #include <sys/stat.h>
 #include <sys/statvfs.h>
-#include <sys/time.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -29,98 +30,12 @@ bool ReadOnlyMode(mode_t mode) {
   return (mode & S_IWUSR) == 0;
 }
 
-// Full write; loops on EINTR and short counts.
-bool WriteAll(int fd, const char* data, size_t size) {
-  while (size > 0) {
-    ssize_t n = write(fd, data, size);
-    if (n < 0) {
-      if (errno == EINTR) continue;
-      return false;
-    }
-    data += n;
-    size -= static_cast<size_t>(n);
-  }
-  return true;
-}
-
-// Reads up to size bytes; stops early only at the end of the file.
-ssize_t ReadAll(int fd, char* data, size_t size) {
-  size_t total = 0;
-  while (total < size) {
-    ssize_t n = read(fd, data + total, size - total);
-    if (n < 0) {
-      if (errno == EINTR) continue;
-      return -1;
-    }
-    if (n == 0) break;
-    total += static_cast<size_t>(n);
-  }
-  return static_cast<ssize_t>(total);
-}
-
 MappedPath MapWide(LPCWSTR path) {
   if (!path || !*path) {
     SetLastError(path ? ERROR_PATH_NOT_FOUND : ERROR_INVALID_PARAMETER);
     return MappedPath{};
   }
   return MapDevicePath(ToUtf8(path));
-}
-
-// Copies a regular file through a temporary beside the target, so a reader never sees half of it.
-bool CopyHostFile(const std::string& from, const std::string& to) {
-  int in = open(from.c_str(), O_RDONLY | O_CLOEXEC);
-  if (in < 0) {
-    WinuxSetLastErrorFromErrno(errno);
-    return false;
-  }
-  struct stat st;
-  if (fstat(in, &st) != 0 || S_ISDIR(st.st_mode)) {
-    int err = errno;
-    close(in);
-    if (S_ISDIR(st.st_mode))
-      SetLastError(ERROR_ACCESS_DENIED);
-    else
-      WinuxSetLastErrorFromErrno(err);
-    return false;
-  }
-  std::string temp = to + ".winux-copy-" + std::to_string(getpid());
-  int out = open(temp.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600);
-  if (out < 0) {
-    WinuxSetLastErrorFromErrno(errno);
-    close(in);
-    return false;
-  }
-  char buffer[65536];
-  bool ok = true;
-  for (;;) {
-    ssize_t n = ReadAll(in, buffer, sizeof buffer);
-    if (n < 0 || !WriteAll(out, buffer, static_cast<size_t>(n))) {
-      ok = false;
-      break;
-    }
-    if (static_cast<size_t>(n) < sizeof buffer) break;
-  }
-  int err = errno;
-  close(in);
-  if (ok) {
-    // Like the device, the copy keeps the source's write time and read-only state.
-    struct timespec times[2] = {st.st_atim, st.st_mtim};
-    futimens(out, times);
-    fchmod(out, st.st_mode & 07777);
-  }
-  if (close(out) != 0 && ok) {
-    ok = false;
-    err = errno;
-  }
-  if (ok && rename(temp.c_str(), to.c_str()) != 0) {
-    ok = false;
-    err = errno;
-  }
-  if (!ok) {
-    unlink(temp.c_str());
-    WinuxSetLastErrorFromErrno(err);
-  }
-  return ok;
 }
 
 }  // namespace
@@ -198,12 +113,13 @@ extern "C" BOOL ReadFile(HANDLE file, LPVOID buffer, DWORD toRead, LPDWORD read,
     SetLastError(ERROR_INVALID_PARAMETER);
     return FALSE;
   }
-  ssize_t n = ReadAll(f->fd, static_cast<char*>(buffer), toRead);
-  if (n < 0) {
-    WinuxSetLastErrorFromErrno(errno);
+  size_t got = 0;
+  hostbase::IoStatus status = hostbase::ReadFull(f->fd, buffer, toRead, &got);
+  if (!status.ok()) {
+    WinuxSetLastErrorFromErrno(status.error);
     return FALSE;
   }
-  if (read) *read = static_cast<DWORD>(n);
+  if (read) *read = static_cast<DWORD>(got);
   return TRUE;
 }
 
@@ -215,8 +131,9 @@ extern "C" BOOL WriteFile(HANDLE file, LPCVOID buffer, DWORD toWrite, LPDWORD wr
     SetLastError(ERROR_INVALID_PARAMETER);
     return FALSE;
   }
-  if (!WriteAll(f->fd, static_cast<const char*>(buffer), toWrite)) {
-    WinuxSetLastErrorFromErrno(errno);
+  hostbase::IoStatus status = hostbase::WriteAll(f->fd, buffer, toWrite);
+  if (!status.ok()) {
+    WinuxSetLastErrorFromErrno(status.error);
     return FALSE;
   }
   if (written) *written = toWrite;
@@ -349,7 +266,9 @@ extern "C" BOOL CopyFile(LPCWSTR existing, LPCWSTR target, BOOL failIfExists) {
     SetLastError(ERROR_PATH_NOT_FOUND);
     return FALSE;
   }
-  return CopyHostFile(from.host, to.host) ? TRUE : FALSE;
+  hostbase::IoStatus copied = hostbase::CopyHostFile(from.host, to.host);
+  if (!copied.ok()) WinuxSetLastErrorFromErrno(copied.error);
+  return copied.ok() ? TRUE : FALSE;
 }
 
 extern "C" BOOL MoveFile(LPCWSTR existing, LPCWSTR target) {
@@ -374,15 +293,10 @@ extern "C" BOOL MoveFile(LPCWSTR existing, LPCWSTR target) {
     spelled = cut == std::string::npos ? spelled : spelled.substr(cut + 1);
     to.host = to.host.substr(0, to.host.rfind('/') + 1) + spelled;
   }
-  if (rename(from.host.c_str(), to.host.c_str()) == 0) return TRUE;
-  if (errno != EXDEV) {
-    SetErrorForPath(errno, to.parentMissing ? to : from);
-    return FALSE;
-  }
-  // Between the memory area and the root: copy, then remove the original.
-  if (!CopyHostFile(from.host, to.host)) return FALSE;
-  unlink(from.host.c_str());
-  return TRUE;
+  // Between the memory area and the root this copies, then removes the original.
+  hostbase::IoStatus moved = hostbase::MoveHostFile(from.host, to.host);
+  if (!moved.ok()) SetErrorForPath(moved.error, to.parentMissing ? to : from);
+  return moved.ok() ? TRUE : FALSE;
 }
 
 extern "C" DWORD GetFileAttributes(LPCWSTR path) {

@@ -5,6 +5,7 @@
 #include <memory>
 #include <string>
 
+#include "base/text.h"
 #include "platform/wintypes.h"
 
 namespace winux {
@@ -35,15 +36,12 @@ std::shared_ptr<T> Lookup(HANDLE handle, Kind kind) {
 }
 
 // ---- text ---------------------------------------------------------------------------------
-// UTF-8 both ways; bytes that are not UTF-8 become the code point of the byte, so names round
-// trip as far as they can.
-std::string ToUtf8(const wchar_t* text);
-std::string ToUtf8(const std::wstring& text);
-std::wstring FromUtf8(const char* text);
-std::wstring FromUtf8(const std::string& text);
+// UTF-8 both ways; bytes that are not UTF-8 become the code point of the byte (the default), so
+// names round trip as far as they can.
+using hostbase::CopyWide;
+using hostbase::FromUtf8;
+using hostbase::ToUtf8;
 bool EqualsNoCase(const std::string& a, const std::string& b);
-// Bounded copy that always terminates (capacity in characters, > 0).
-void CopyWide(wchar_t* out, size_t capacity, const std::wstring& text);
 
 // ---- paths --------------------------------------------------------------------------------
 struct MappedPath {

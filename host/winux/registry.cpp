@@ -12,6 +12,7 @@
 #include <string>
 #include <vector>
 
+#include "base/files.h"
 #include "internal.h"
 #include "platform/winux.h"
 #include "winux_host.h"
@@ -319,20 +320,6 @@ std::string HivePath() {
   return StateDir() + "/registry.reg";
 }
 
-bool ReadWhole(const std::string& path, std::string& out) {
-  int fd = open(path.c_str(), O_RDONLY | O_CLOEXEC);
-  if (fd < 0) return false;
-  char buffer[65536];
-  for (;;) {
-    ssize_t n = read(fd, buffer, sizeof buffer);
-    if (n < 0 && errno == EINTR) continue;
-    if (n <= 0) break;
-    out.append(buffer, static_cast<size_t>(n));
-  }
-  close(fd);
-  return true;
-}
-
 // Re-reads the hive when it is not the one loaded (first use, another root, another process
 // saved since).
 void Refresh(Hive& hive) {
@@ -340,56 +327,21 @@ void Refresh(Hive& hive) {
   FileIdentity now = Identify(path);
   if (hive.loaded && hive.loadedFrom == path && hive.identity == now) return;
   std::string text;
-  if (now.exists) ReadWhole(path, text);
+  if (now.exists) (void)hostbase::ReadWholeFile(path, &text);
   Parse(text, hive);
   hive.loaded = true;
   hive.loadedFrom = path;
   hive.identity = now;
 }
 
-bool WriteAllFd(int fd, const std::string& text) {
-  size_t done = 0;
-  while (done < text.size()) {
-    ssize_t n = write(fd, text.data() + done, text.size() - done);
-    if (n < 0) {
-      if (errno == EINTR) continue;
-      return false;
-    }
-    done += static_cast<size_t>(n);
-  }
-  return true;
-}
-
-// Old or new, never torn: temp file, fsync, rename, fsync the folder.
+// Old or new, never torn.
 bool Save(Hive& hive) {
-  std::string dir = StateDir();
   std::string path = HivePath();
-  std::string temp = path + ".tmp";
-  int fd = open(temp.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
-  if (fd < 0) {
-    WinuxSetLastErrorFromErrno(errno);
-    return false;
-  }
-  bool ok = WriteAllFd(fd, Serialize(hive)) && fsync(fd) == 0;
-  int err = errno;
-  if (close(fd) != 0 && ok) {
-    ok = false;
-    err = errno;
-  }
-  if (ok && rename(temp.c_str(), path.c_str()) != 0) {
-    ok = false;
-    err = errno;
-  }
-  if (!ok) {
-    unlink(temp.c_str());
-    WinuxSetLastErrorFromErrno(err);
+  hostbase::IoStatus saved = hostbase::ReplaceFile(path, Serialize(hive));
+  if (!saved.ok()) {
+    WinuxSetLastErrorFromErrno(saved.error);
     hive.loaded = false;  // memory is ahead of the file: read the file again next time
     return false;
-  }
-  int dirFd = open(dir.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
-  if (dirFd >= 0) {
-    fsync(dirFd);
-    close(dirFd);
   }
   hive.identity = Identify(path);
   return true;
@@ -402,11 +354,7 @@ LSTATUS WithHive(bool write, Op op) {
   std::lock_guard<std::mutex> guard(hive.lock);
   std::string dir = StateDir();
   // The first write on a fresh device makes the root and its state folder.
-  if (write) {
-    for (size_t at = dir.find('/', 1); at != std::string::npos; at = dir.find('/', at + 1))
-      mkdir(dir.substr(0, at).c_str(), 0755);
-    mkdir(dir.c_str(), 0755);
-  }
+  if (write) (void)hostbase::MakeDirs(dir);
   int lockFd = open((dir + "/registry.lock").c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0644);
   if (lockFd < 0 && write) {
     WinuxSetLastErrorFromErrno(errno);

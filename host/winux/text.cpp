@@ -11,91 +11,6 @@
 
 namespace winux {
 
-namespace {
-bool ValidCodePoint(uint32_t cp) {
-  return cp <= 0x10FFFF && (cp < 0xD800 || cp > 0xDFFF);
-}
-
-void AppendUtf8(std::string& out, uint32_t cp) {
-  if (cp < 0x80) {
-    out += static_cast<char>(cp);
-  } else if (cp < 0x800) {
-    out += static_cast<char>(0xC0 | (cp >> 6));
-    out += static_cast<char>(0x80 | (cp & 0x3F));
-  } else if (cp < 0x10000) {
-    out += static_cast<char>(0xE0 | (cp >> 12));
-    out += static_cast<char>(0x80 | ((cp >> 6) & 0x3F));
-    out += static_cast<char>(0x80 | (cp & 0x3F));
-  } else {
-    out += static_cast<char>(0xF0 | (cp >> 18));
-    out += static_cast<char>(0x80 | ((cp >> 12) & 0x3F));
-    out += static_cast<char>(0x80 | ((cp >> 6) & 0x3F));
-    out += static_cast<char>(0x80 | (cp & 0x3F));
-  }
-}
-
-// Encodes n wide characters; invalid ones become replacement (counted in *replaced).
-std::string Encode(const wchar_t* text, size_t n, char replacement, bool* replaced) {
-  std::string out;
-  out.reserve(n);
-  for (size_t i = 0; i < n; ++i) {
-    uint32_t cp = static_cast<uint32_t>(text[i]);
-    if (ValidCodePoint(cp)) {
-      AppendUtf8(out, cp);
-    } else {
-      out += replacement;
-      if (replaced) *replaced = true;
-    }
-  }
-  return out;
-}
-
-// Decodes n bytes; a byte that does not start a valid sequence stands for itself.
-std::wstring Decode(const char* text, size_t n) {
-  std::wstring out;
-  out.reserve(n);
-  const unsigned char* s = reinterpret_cast<const unsigned char*>(text);
-  size_t i = 0;
-  while (i < n) {
-    unsigned char c = s[i];
-    size_t len = c < 0x80           ? 1
-                 : (c >> 5) == 0x6  ? 2
-                 : (c >> 4) == 0xE  ? 3
-                 : (c >> 3) == 0x1E ? 4
-                                    : 0;
-    uint32_t cp = len == 1 ? c : len == 2 ? (c & 0x1F) : len == 3 ? (c & 0x0F) : (c & 0x07);
-    bool ok = len != 0 && i + len <= n;
-    for (size_t k = 1; ok && k < len; ++k) {
-      if ((s[i + k] & 0xC0) != 0x80) ok = false;
-      cp = (cp << 6) | (s[i + k] & 0x3F);
-    }
-    static const uint32_t kMin[] = {0, 0, 0x80, 0x800, 0x10000};
-    if (ok && (cp < kMin[len] || !ValidCodePoint(cp))) ok = false;
-    if (!ok) {
-      out += static_cast<wchar_t>(c);
-      ++i;
-      continue;
-    }
-    out += static_cast<wchar_t>(cp);
-    i += len;
-  }
-  return out;
-}
-}  // namespace
-
-std::string ToUtf8(const wchar_t* text) {
-  return text ? Encode(text, wcslen(text), '?', nullptr) : std::string();
-}
-std::string ToUtf8(const std::wstring& text) {
-  return Encode(text.data(), text.size(), '?', nullptr);
-}
-std::wstring FromUtf8(const char* text) {
-  return text ? Decode(text, strlen(text)) : L"";
-}
-std::wstring FromUtf8(const std::string& text) {
-  return Decode(text.data(), text.size());
-}
-
 bool EqualsNoCase(const std::string& a, const std::string& b) {
   if (a.size() != b.size()) return false;
   for (size_t i = 0; i < a.size(); ++i) {
@@ -105,13 +20,6 @@ bool EqualsNoCase(const std::string& a, const std::string& b) {
     if (x != y) return false;
   }
   return true;
-}
-
-void CopyWide(wchar_t* out, size_t capacity, const std::wstring& text) {
-  if (!out || capacity == 0) return;
-  size_t n = text.size() < capacity - 1 ? text.size() : capacity - 1;
-  wmemcpy(out, text.data(), n);
-  out[n] = L'\0';
 }
 
 namespace {
@@ -312,8 +220,8 @@ extern "C" int WideCharToMultiByte(UINT codePage, DWORD flags, LPCWSTR wide, int
   }
   size_t n = wideChars == -1 ? wcslen(wide) + 1 : static_cast<size_t>(wideChars);
   bool replaced = false;
-  std::string text =
-      winux::Encode(wide, n, defaultChar && *defaultChar ? *defaultChar : '?', &replaced);
+  std::string text = hostbase::ToUtf8(std::wstring_view(wide, n),
+                                      defaultChar && *defaultChar ? *defaultChar : '?', &replaced);
   if (usedDefault) *usedDefault = replaced ? TRUE : FALSE;
   if (text.size() > 0x7FFFFFFFu) {
     SetLastError(ERROR_INVALID_PARAMETER);
@@ -337,7 +245,7 @@ extern "C" int MultiByteToWideChar(UINT codePage, DWORD flags, LPCSTR text, int 
     return 0;
   }
   size_t n = bytes == -1 ? strlen(text) + 1 : static_cast<size_t>(bytes);
-  std::wstring wide = winux::Decode(text, n);
+  std::wstring wide = hostbase::FromUtf8(std::string_view(text, n));
   if (wide.size() > 0x7FFFFFFFu) {
     SetLastError(ERROR_INVALID_PARAMETER);
     return 0;

@@ -22,6 +22,7 @@
 #include <string>
 #include <vector>
 
+#include "base/files.h"
 #include "xq/spool.h"
 
 namespace xqspool {
@@ -29,14 +30,6 @@ namespace xqspool {
 inline const char kRetiredFile[] = ".retired";
 // Records the server refused for good, kept for a person to look at.
 inline const char kRejectedDir[] = "rejected";
-
-inline bool SyncDir(const std::string& dir) {
-  int fd = open(dir.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
-  if (fd < 0) return false;
-  bool ok = fsync(fd) == 0;
-  close(fd);
-  return ok;
-}
 
 // An open descriptor of <dir>/.sequence holding an exclusive flock, or -1. Closing it unlocks.
 // lapi_write numbers and links a record under this lock.
@@ -77,16 +70,7 @@ inline uint64_t RetiredUpTo(const std::string& dir) {
 namespace detail {
 
 inline bool StoreRetired(const std::string& dir, uint64_t seq) {
-  std::string temp = dir + "/" + kRetiredFile + ".tmp";
-  int fd = open(temp.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
-  if (fd < 0) return false;
-  char buf[32];
-  int n = snprintf(buf, sizeof buf, "%llu\n", static_cast<unsigned long long>(seq));
-  bool ok = write(fd, buf, size_t(n)) == n && fsync(fd) == 0;
-  ok = close(fd) == 0 && ok;
-  ok = ok && rename(temp.c_str(), (dir + "/" + kRetiredFile).c_str()) == 0;
-  if (!ok) unlink(temp.c_str());
-  return ok && SyncDir(dir);
+  return hostbase::ReplaceFile(dir + "/" + kRetiredFile, std::to_string(seq) + "\n").ok();
 }
 
 }  // namespace detail
@@ -136,8 +120,8 @@ inline bool RetireRecords(const std::string& root, const std::string& queue,
       ok = false;
     }
   }
-  if (anyAside) SyncDir(aside);
-  ok = SyncDir(dir) && ok;
+  if (anyAside) (void)hostbase::SyncDir(aside);
+  ok = hostbase::SyncDir(dir).ok() && ok;
   close(lock);
   return ok;
 }

@@ -1,6 +1,6 @@
 // The message-queue spool: every message that lapi_write accepted, one file per message under
 // <root>/.winux/spool/<queue>/<sequence>.xml. Header-only so that ftc-host and the tests read the
-// spool without linking the queue library.
+// spool without linking the queue library; readers link pugixml.
 //
 // A record file holds the message bytes exactly as written, a line feed, and one trailer line
 //   <!--xq-spool time="2026-11-22T04:38:17.123456Z" queue="QV_Event_DB" core="~MASTERXQ"
@@ -15,8 +15,10 @@
 #include <algorithm>
 #include <cstdint>
 #include <cstdlib>
+#include <cstring>
 #include <fstream>
 #include <iterator>
+#include <pugixml.hpp>
 #include <set>
 #include <sstream>
 #include <string>
@@ -46,70 +48,37 @@ inline bool IsValidQueueName(const std::string& name) {
   return true;
 }
 
-inline std::string XmlUnescape(const std::string& in) {
-  static const struct {
-    const char* entity;
-    char c;
-  } kEntities[] = {{"&lt;", '<'}, {"&gt;", '>'}, {"&amp;", '&'}, {"&quot;", '"'}, {"&apos;", '\''}};
-  std::string out;
-  out.reserve(in.size());
-  for (size_t i = 0; i < in.size();) {
-    bool replaced = false;
-    if (in[i] == '&') {
-      for (const auto& e : kEntities) {
-        size_t n = std::char_traits<char>::length(e.entity);
-        if (in.compare(i, n, e.entity) == 0) {
-          out += e.c;
-          i += n;
-          replaced = true;
-          break;
-        }
-      }
-    }
-    if (!replaced) out += in[i++];
-  }
-  return out;
+// Messages are read as written: line ends and white space in attribute values are kept, and so
+// is a text of white space only.
+inline constexpr unsigned kParseFlags =
+    pugi::parse_cdata | pugi::parse_escapes | pugi::parse_ws_pcdata;
+
+inline bool Parse(const std::string& text, pugi::xml_document* doc) {
+  return doc->load_buffer(text.data(), text.size(), kParseFlags, pugi::encoding_utf8).status ==
+         pugi::status_ok;
 }
 
-// The value of name="..." inside a tag's text; found is false when absent.
-inline std::string AttributeValue(const std::string& tag, const std::string& name,
-                                  bool* found = nullptr) {
-  std::string key = name + "=\"";
-  for (size_t pos = tag.find(key); pos != std::string::npos; pos = tag.find(key, pos + 1)) {
-    // Must start an attribute, not end a longer one ("xName=").
-    if (pos > 0 && tag[pos - 1] != ' ' && tag[pos - 1] != '\t' && tag[pos - 1] != '\n' &&
-        tag[pos - 1] != '\r')
-      continue;
-    size_t start = pos + key.size();
-    size_t end = tag.find('"', start);
-    if (end == std::string::npos) break;
-    if (found) *found = true;
-    return XmlUnescape(tag.substr(start, end - start));
-  }
-  if (found) *found = false;
-  return std::string();
+// The text of the first <Field Name="name"> in document order; false when there is none.
+inline bool FieldText(const pugi::xml_node& doc, const char* name, std::string* text) {
+  pugi::xml_node field = doc.find_node([name](const pugi::xml_node& n) {
+    return std::strcmp(n.name(), "Field") == 0 &&
+           std::strcmp(n.attribute("Name").value(), name) == 0;
+  });
+  if (!field) return false;
+  text->clear();
+  for (const pugi::xml_node& child : field.children())
+    if (child.type() == pugi::node_pcdata || child.type() == pugi::node_cdata)
+      *text += child.value();
+  return true;
 }
 
-// Text of the first <Field Name="name"> of a message. Reasons are put into the ready-to-work
-// record unescaped, so the text runs to the closing tag rather than to the next '<'.
-inline bool FieldText(const std::string& xml, const std::string& name, std::string* text) {
-  for (size_t pos = xml.find("<Field"); pos != std::string::npos;
-       pos = xml.find("<Field", pos + 1)) {
-    size_t tagEnd = xml.find('>', pos);
-    if (tagEnd == std::string::npos) return false;
-    std::string tag = xml.substr(pos, tagEnd - pos);
-    bool found = false;
-    if (AttributeValue(tag, "Name", &found) != name || !found) continue;
-    if (!tag.empty() && tag.back() == '/') {
-      text->clear();
-      return true;
-    }
-    size_t close = xml.find("</Field>", tagEnd + 1);
-    if (close == std::string::npos) return false;
-    *text = XmlUnescape(xml.substr(tagEnd + 1, close - tagEnd - 1));
-    return true;
-  }
-  return false;
+// Whether some element carries an attribute of that value (the name of a record's group).
+inline bool HasAttributeValue(const pugi::xml_node& doc, const char* value) {
+  return doc.find_node([value](const pugi::xml_node& n) {
+    for (const pugi::xml_attribute& a : n.attributes())
+      if (std::strcmp(a.value(), value) == 0) return true;
+    return false;
+  });
 }
 
 }  // namespace xqspool
@@ -132,19 +101,22 @@ struct SpoolRecord {
 
 namespace xqspool {
 
+// A message that is not a document of one of the known kinds (or no document) is "message".
 inline void DecodeMessage(SpoolRecord* r) {
   const std::string& m = r->message;
+  pugi::xml_document doc;
   std::string value;
-  if (m.find("\"errorLogMsg\"") != std::string::npos && FieldText(m, "msgNum", &value)) {
+  bool parsed = Parse(m, &doc);
+  if (parsed && HasAttributeValue(doc, "errorLogMsg") && FieldText(doc, "msgNum", &value)) {
     r->kind = "event";
     r->code = value;
-    FieldText(m, "optArgArrayElement", &r->text);
-  } else if (m.find("\"Ready-to-Work\"") != std::string::npos && FieldText(m, "State", &value)) {
+    FieldText(doc, "optArgArrayElement", &r->text);
+  } else if (parsed && HasAttributeValue(doc, "Ready-to-Work") && FieldText(doc, "State", &value)) {
     r->kind = "state";
     r->code = value;
-    FieldText(m, "Reason", &r->text);
-  } else if (m.find("\"AutoDeploy\"") != std::string::npos &&
-             FieldText(m, "Settings Installed", &value)) {
+    FieldText(doc, "Reason", &r->text);
+  } else if (parsed && HasAttributeValue(doc, "AutoDeploy") &&
+             FieldText(doc, "Settings Installed", &value)) {
     r->kind = "autodeploy";
     r->code = value;
   } else {
@@ -165,18 +137,22 @@ inline bool ParseRecord(const std::string& content, SpoolRecord* r) {
     DecodeMessage(r);
     return false;
   }
-  std::string trailer = content.substr(at, content.size() - at);
-  r->time = AttributeValue(trailer, "time");
-  r->core = AttributeValue(trailer, "core");
-  r->source = AttributeValue(trailer, "source");
-  std::string queue = AttributeValue(trailer, "queue");
-  if (r->queue.empty()) r->queue = queue;
-  bool haveBytes = false;
-  std::string bytes = AttributeValue(trailer, "bytes", &haveBytes);
+  // The comment's text holds attributes: read as those of an element. Unreadable ones leave
+  // the record incomplete.
+  const size_t startLen = sizeof(kTrailerStart) - 1;
+  pugi::xml_document doc;
+  Parse("<t " + content.substr(at + startLen, content.size() - endLen - at - startLen) + "/>",
+        &doc);
+  pugi::xml_node trailer = doc.first_child();
+  r->time = trailer.attribute("time").value();
+  r->core = trailer.attribute("core").value();
+  r->source = trailer.attribute("source").value();
+  if (r->queue.empty()) r->queue = trailer.attribute("queue").value();
+  pugi::xml_attribute bytes = trailer.attribute("bytes");
   char* end = nullptr;
-  unsigned long long n = std::strtoull(bytes.c_str(), &end, 10);
+  unsigned long long n = std::strtoull(bytes.value(), &end, 10);
   r->message = content.substr(0, at - 1);
-  if (haveBytes && !bytes.empty() && *end == '\0' && n == at - 1) r->complete = true;
+  if (bytes && *bytes.value() && *end == '\0' && n == at - 1) r->complete = true;
   DecodeMessage(r);
   return r->complete;
 }

@@ -17,6 +17,7 @@
 #include <set>
 #include <string>
 
+#include "base/files.h"
 #include "platform/xq.h"
 #include "winux/winux_host.h"
 #include "xq/outbox.h"
@@ -56,28 +57,6 @@ std::string BoundedText(const char* text, size_t max) {
   return std::string(text, strnlen(text, max));
 }
 
-bool WriteAll(int fd, const char* data, size_t size) {
-  while (size > 0) {
-    ssize_t n = write(fd, data, size);
-    if (n < 0) {
-      if (errno == EINTR) continue;
-      return false;
-    }
-    data += n;
-    size -= size_t(n);
-  }
-  return true;
-}
-
-// mkdir -p, syncing each parent that gained an entry so the new folder survives a crash.
-bool MakeDirs(const std::string& path) {
-  struct stat st;
-  if (stat(path.c_str(), &st) == 0) return S_ISDIR(st.st_mode);
-  size_t slash = path.find_last_of('/');
-  std::string parent = slash == std::string::npos || slash == 0 ? "/" : path.substr(0, slash);
-  if (!MakeDirs(parent)) return false;
-  if (mkdir(path.c_str(), 0755) != 0 && errno != EEXIST) return false;
-  return xqspool::SyncDir(parent);
 }
 
 // Names for the trailer's attributes: quotes and "--" would break the comment.
@@ -148,7 +127,7 @@ std::atomic<uint64_t> g_tempCounter{0};
 bool SpoolWrite(const std::string& source, const std::string& queue, const char* message,
                 size_t length, const std::string& core) {
   std::string dir = xqspool::SpoolDir(WinuxRoot()) + "/" + queue;
-  if (!MakeDirs(dir)) return false;
+  if (!hostbase::MakeDirs(dir).ok()) return false;
 
   std::string content(message, length);
   content += '\n';
@@ -161,14 +140,7 @@ bool SpoolWrite(const std::string& source, const std::string& queue, const char*
   snprintf(tempName, sizeof tempName, "/.tmp.%d.%llu", static_cast<int>(getpid()),
            static_cast<unsigned long long>(g_tempCounter.fetch_add(1)));
   std::string temp = dir + tempName;
-  int fd = open(temp.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0644);
-  if (fd < 0) return false;
-  bool ok = WriteAll(fd, content.data(), content.size()) && fsync(fd) == 0;
-  ok = close(fd) == 0 && ok;
-  if (!ok) {
-    unlink(temp.c_str());
-    return false;
-  }
+  if (!hostbase::WriteNewFile(temp, content, 0644).ok()) return false;
 
   bool linked = false;
   {
@@ -194,7 +166,7 @@ bool SpoolWrite(const std::string& source, const std::string& queue, const char*
     }
   }
   unlink(temp.c_str());
-  return linked && xqspool::SyncDir(dir);
+  return linked && hostbase::SyncDir(dir).ok();
 }
 
 }  // namespace

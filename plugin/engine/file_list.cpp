@@ -3,7 +3,9 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <string_view>
 
+#include "common/list_file.h"
 #include "config/UpgradeConfig.h"
 #include "config/text.h"
 #include "engine/job_state.h"
@@ -22,14 +24,10 @@ wchar_t m_szDestFile[256];
 
 namespace {
 
-bool IsListSeparator(char c) {
-  return c == ',' || c == '\r' || c == '\n';
-}
-
 // Bounded copy that always terminates.
-void CopyField(char* out, size_t capacity, const char* text, size_t length) {
-  if (length >= capacity) length = capacity - 1;
-  memcpy(out, text, length);
+void CopyField(char* out, size_t capacity, std::string_view text) {
+  size_t length = text.size() < capacity ? text.size() : capacity - 1;
+  memcpy(out, text.data(), length);
   out[length] = 0;
 }
 
@@ -150,28 +148,16 @@ int GetFile(char* baseURL, char* source, char* destination, DWORD port, int bOnc
 }
 
 void ParseFileList(UpgradeConfig* cfg, const char* text, size_t length) {
-  // The device reads the list as a string: a NUL ends it.
-  length = strnlen(text, length);
-  const char* tokens[5];
-  size_t lengths[5];
-  int have = 0;
-  size_t i = 0;
-  while (i < length) {
-    while (i < length && IsListSeparator(text[i])) ++i;
-    if (i >= length) break;
-    size_t start = i;
-    while (i < length && !IsListSeparator(text[i])) ++i;
-    tokens[have] = text + start;
-    lengths[have] = i - start;
-    if (++have < 5) continue;
-    have = 0;
+  ftc::ListFileReader reader(std::string_view(text, length));
+  ftc::ListEntry e;
+  while (reader.Next(&e)) {
     tagDownloadFile* entry = NewRecord<tagDownloadFile>();
     if (!entry) return;
-    CopyField(entry->m_szSourceFile, sizeof entry->m_szSourceFile, tokens[0], lengths[0]);
-    CopyField(entry->m_szDestFile, sizeof entry->m_szDestFile, tokens[1], lengths[1]);
-    CopyField(entry->m_szMCTMask, sizeof entry->m_szMCTMask, tokens[2], lengths[2]);
-    CopyField(entry->m_szCRC, sizeof entry->m_szCRC, tokens[3], lengths[3]);
-    CopyField(entry->m_szFileSize, sizeof entry->m_szFileSize, tokens[4], lengths[4]);
+    CopyField(entry->m_szSourceFile, sizeof entry->m_szSourceFile, e.source);
+    CopyField(entry->m_szDestFile, sizeof entry->m_szDestFile, e.dest);
+    CopyField(entry->m_szMCTMask, sizeof entry->m_szMCTMask, e.masks);
+    CopyField(entry->m_szCRC, sizeof entry->m_szCRC, e.crc);
+    CopyField(entry->m_szFileSize, sizeof entry->m_szFileSize, e.size);
     cfg->AddDownloadFile(entry);
   }
 }
@@ -253,8 +239,9 @@ void ValidateFiles(UpgradeConfig* cfg, int* pUsesRAM) {
     if (!entry) continue;
     char* masks = static_cast<char*>(malloc(sizeof entry->m_szMCTMask));
     if (!masks) continue;
-    CopyField(masks, sizeof entry->m_szMCTMask, entry->m_szMCTMask,
-              strnlen(entry->m_szMCTMask, sizeof entry->m_szMCTMask));
+    CopyField(masks, sizeof entry->m_szMCTMask,
+              std::string_view(entry->m_szMCTMask,
+                               strnlen(entry->m_szMCTMask, sizeof entry->m_szMCTMask)));
     bool selected = false;
     char* save = nullptr;
     for (char* mask = strtok_r(masks, " ;", &save); mask; mask = strtok_r(nullptr, " ;", &save)) {

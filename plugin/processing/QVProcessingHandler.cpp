@@ -16,16 +16,17 @@ namespace {
 const int kEventStart = 1;
 const int kEventEnd = 2;
 
-bool Is(const char* tag, const char* name) {
+// Exact, unlike the host protocol's names.
+bool IsTag(const char* tag, const char* name) {
   return tag && strcmp(tag, name) == 0;
 }
 
 bool IsOuter(const char* tag) {
-  return Is(tag, "PreProcessing") || Is(tag, "PostProcessing");
+  return IsTag(tag, "PreProcessing") || IsTag(tag, "PostProcessing");
 }
 
 // Heap copy released with LocalFree, as every heap text of the job is.
-char* CopyText(const char* text) {
+char* HeapCopy(const char* text) {
   size_t length = strlen(text);
   char* copy = static_cast<char*>(malloc(length + 1));
   if (copy) memcpy(copy, text, length + 1);
@@ -55,7 +56,7 @@ CQVProcessingHandler::~CQVProcessingHandler() {
 
 int CQVProcessingHandler::AddProcess(const char* name) {
   if (!name) return 0;
-  char* copy = CopyText(name);
+  char* copy = HeapCopy(name);
   if (!copy) return 0;
   try {
     m_pProcessNames->push_back(copy);
@@ -74,31 +75,31 @@ int CQVProcessingHandler::LoadData(CPlixIterator* iterator) {
       CPlixElement* element = iterator->GetElement();
       const char* tag = element ? element->GetTagName() : nullptr;
       if (tag && event == kEventStart) {
-        if (Is(tag, "Set") || Is(tag, "DeleteValue") || Is(tag, "DeleteKey")) {
+        if (IsTag(tag, "Set") || IsTag(tag, "DeleteValue") || IsTag(tag, "DeleteKey")) {
           std::unique_ptr<CQVRegistryEntry> entry(new CQVRegistryEntry(
               tag, element->GetAttribute("KeyName"), element->GetAttribute("ValueName"),
               element->GetAttribute("Value"), element->GetAttribute("Type")));
           if (m_pRegistryHandler->AddEntry(entry.get())) entry.release();
-        } else if (Is(tag, "Executable")) {
-          int32_t wait = Is(element->GetAttribute("Wait"), "true") ? 1 : 0;
+        } else if (IsTag(tag, "Executable")) {
+          int32_t wait = IsTag(element->GetAttribute("Wait"), "true") ? 1 : 0;
           std::unique_ptr<CQVExeEntry> entry(
               new CQVExeEntry(element->GetAttribute("Name"), element->GetAttribute("CmdLine"),
                               element->GetAttribute("StartIn"), wait));
           if (m_pExeHandler->AddEntry(entry.get())) entry.release();
-        } else if (Is(tag, "File")) {
+        } else if (IsTag(tag, "File")) {
           const char* action = element->GetAttribute("Action");
           const char* name = element->GetAttribute("Name");
           std::unique_ptr<CQVFileEntry> entry;
           if (!action) {
             // No action: nothing to do with this element.
-          } else if (Is(action, "Save")) {
+          } else if (IsTag(action, "Save")) {
             if (name) {
-              char* copy = CopyText(name);
+              char* copy = HeapCopy(name);
               if (copy && !m_pFileHandler->AddSaveEntry(copy)) LocalFree(copy);
             }
-          } else if (Is(action, "Delete")) {
+          } else if (IsTag(action, "Delete")) {
             entry.reset(new CQVFileEntry("Delete", name, ""));
-          } else if (Is(action, "CopyDir")) {
+          } else if (IsTag(action, "CopyDir")) {
             entry.reset(new CQVFileEntry("CopyDir", element->GetAttribute("SourceDir"),
                                          element->GetAttribute("DestDir")));
           } else {
@@ -107,16 +108,16 @@ int CQVProcessingHandler::LoadData(CPlixIterator* iterator) {
             entry.reset(new CQVFileEntry(action, name, dest));
           }
           if (entry && m_pFileHandler->AddEntry(entry.get())) entry.release();
-        } else if (Is(tag, "StopProcesses")) {
+        } else if (IsTag(tag, "StopProcesses")) {
           for (;;) {
             event = iterator->ContinueTraverse();
             if (event != kEventStart && event != kEventEnd) return 0;
             CPlixElement* inner = iterator->GetElement();
             const char* innerTag = inner ? inner->GetTagName() : nullptr;
-            if (event == kEventStart && Is(innerTag, "Process")) {
+            if (event == kEventStart && IsTag(innerTag, "Process")) {
               const char* text = inner->GetData();
               if (text) AddProcess(text);
-            } else if (event == kEventEnd && Is(innerTag, "StopProcesses")) {
+            } else if (event == kEventEnd && IsTag(innerTag, "StopProcesses")) {
               break;
             }
           }

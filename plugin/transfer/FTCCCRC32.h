@@ -4,11 +4,12 @@
 
 #include <cstddef>
 
+#include "common/crc32.h"
 #include "platform/wintypes.h"
 
 class FTCCCRC32 {
  public:
-  static const DWORD dwCRC32Table[256];
+  static constexpr const DWORD (&dwCRC32Table)[256] = ftc::kCrc32Table;
 
   FTCCCRC32() {}
   ~FTCCCRC32() {}
@@ -24,5 +25,7 @@ class FTCCCRC32 {
 
   // Advances a running register (no initial or final inversion) over length bytes; the same
   // result as CalcCrc32 byte by byte, only faster.
-  static DWORD Update(DWORD crc, const void* data, size_t length);
+  static DWORD Update(DWORD crc, const void* data, size_t length) {
+    return ftc::Crc32Advance(crc, data, length);
+  }
 };

@@ -6,7 +6,7 @@
 #include <cerrno>
 #include <memory>
 
-#include "crc32.h"
+#include "common/crc32.h"
 
 namespace ftcserver {
 namespace {
@@ -31,7 +31,7 @@ std::optional<uint32_t> FileCrc32(int fd) {
     if (n < 0 && errno == EINTR) continue;
     if (n < 0) return std::nullopt;
     if (n == 0) break;
-    crc = Crc32Update(crc, buf.get(), static_cast<size_t>(n));
+    crc = ftc::Crc32(buf.get(), static_cast<size_t>(n), crc);
     off += n;
   }
   return crc;

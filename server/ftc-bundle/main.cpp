@@ -4,9 +4,7 @@
 //                  [--mask MASK] [--out JOB.xml] [--version V] [--reboot] [--list NAME]
 //                  [--list-dest DEVICE_PATH]
 #include <dirent.h>
-#include <fcntl.h>
 #include <sys/stat.h>
-#include <unistd.h>
 
 #include <algorithm>
 #include <cctype>
@@ -15,11 +13,13 @@
 #include <cstring>
 #include <map>
 #include <optional>
+#include <pugixml.hpp>
+#include <sstream>
 #include <string>
 #include <vector>
 
+#include "base/files.h"
 #include "common/crc32.h"
-#include "common/crc_cache.h"
 #include "common/http.h"
 
 namespace {
@@ -50,14 +50,6 @@ int Usage(const char* error) {
   return 2;
 }
 
-std::optional<uint32_t> CrcOfFile(const std::string& path) {
-  int fd = open(path.c_str(), O_RDONLY | O_CLOEXEC);
-  if (fd < 0) return std::nullopt;
-  auto crc = ftcserver::FileCrc32(fd);
-  close(fd);
-  return crc;
-}
-
 // Regular files below `dir`, sorted by relative path. Symbolic links are left out: the server
 // refuses those that lead outside the folder, and a listing must not promise what it won't serve.
 bool Scan(const std::string& dir, const std::string& rel, std::vector<BundleFile>* out,
@@ -80,7 +72,7 @@ bool Scan(const std::string& dir, const std::string& rel, std::vector<BundleFile
     if (S_ISDIR(st.st_mode)) {
       if (!Scan(dir, childRel, out, error)) return false;
     } else if (S_ISREG(st.st_mode)) {
-      auto crc = CrcOfFile(full);
+      auto crc = hostbase::FileCrc32(full);
       if (!crc) return *error = "cannot read " + full + ": " + std::strerror(errno), false;
       out->push_back({childRel, static_cast<unsigned long long>(st.st_size), *crc});
     }
@@ -109,56 +101,6 @@ std::string DevicePath(const std::string& prefix, const std::string& rel) {
   if (!out.empty() && out.back() != '\\') out.push_back('\\');
   for (char c : rel) out.push_back(c == '/' ? '\\' : c);
   return out;
-}
-
-std::string XmlEscape(const std::string& s) {
-  std::string out;
-  for (char c : s) {
-    switch (c) {
-      case '&':
-        out += "&amp;";
-        break;
-      case '<':
-        out += "&lt;";
-        break;
-      case '>':
-        out += "&gt;";
-        break;
-      case '"':
-        out += "&quot;";
-        break;
-      case '\'':
-        out += "&apos;";
-        break;
-      default:
-        out.push_back(c);
-    }
-  }
-  return out;
-}
-
-bool WriteAtomically(const std::string& path, const std::string& data, std::string* error) {
-  std::string tmp = path + ".tmp";
-  int fd = open(tmp.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
-  if (fd < 0) return *error = "cannot write " + tmp + ": " + std::strerror(errno), false;
-  size_t done = 0;
-  while (done < data.size()) {
-    ssize_t n = write(fd, data.data() + done, data.size() - done);
-    if (n < 0 && errno == EINTR) continue;
-    if (n <= 0) {
-      *error = "cannot write " + tmp + ": " + std::strerror(errno);
-      close(fd);
-      unlink(tmp.c_str());
-      return false;
-    }
-    done += static_cast<size_t>(n);
-  }
-  if (fsync(fd) != 0 || close(fd) != 0 || rename(tmp.c_str(), path.c_str()) != 0) {
-    *error = "cannot write " + path + ": " + std::strerror(errno);
-    unlink(tmp.c_str());
-    return false;
-  }
-  return true;
 }
 
 // A name the list file or a device record cannot carry is an error, not a silent truncation.
@@ -194,7 +136,8 @@ int List(const Args& a) {
   std::string text;
   size_t count = 0;
   for (const BundleFile& f : files) {
-    if (f.rel == name || f.rel == name + ".tmp") continue;
+    // The list itself, and what a run that died while writing it left.
+    if (f.rel == name || f.rel.rfind("." + name + ".", 0) == 0) continue;
     std::string dest = DevicePath(a.dest, f.rel);
     if (std::string e = CheckRepresentable(f, dest, true); !e.empty()) return Fail(e);
     WarnIfUnchecked(f);
@@ -203,9 +146,10 @@ int List(const Args& a) {
     ++count;
   }
   std::string path = a.dir + "/" + name;
-  if (!WriteAtomically(path, text, &error)) return Fail(error);
+  if (hostbase::IoStatus st = hostbase::ReplaceFile(path, text); !st.ok())
+    return Fail(st.Describe(path));
   std::printf("%s: %zu files, CRC %u, %zu bytes\n", path.c_str(), count,
-              ftcserver::Crc32(text.data(), text.size()), text.size());
+              ftc::Crc32(text.data(), text.size()), text.size());
   return 0;
 }
 
@@ -249,53 +193,62 @@ int Job(const Args& a) {
     bundle = d.substr(d.rfind('/') == std::string::npos ? 0 : d.rfind('/') + 1);
   }
 
-  std::string x = "<DevInfo Action=\"Set\">\n  <Subsystem Name=\"FileTransferConfiglet\">\n";
-  auto field = [&x](const char* indent, const char* name, const std::string& value) {
-    x += std::string(indent) + "<Field Name=\"" + name + "\">" + XmlEscape(value) + "</Field>\n";
+  pugi::xml_document doc;
+  pugi::xml_node devInfo = doc.append_child("DevInfo");
+  devInfo.append_attribute("Action") = "Set";
+  auto named = [](pugi::xml_node parent, const char* tag, const char* name) {
+    pugi::xml_node node = parent.append_child(tag);
+    node.append_attribute("Name") = name;
+    return node;
   };
-  x += "    <Group Name=\"HTTPServer\">\n";
-  field("      ", "IPAddress", server->host);
-  field("      ", "HTTPPort", std::to_string(server->port));
-  field("      ", "BaseURL", server->base);
-  x += "    </Group>\n";
+  auto field = [&named](pugi::xml_node group, const char* name, const std::string& value) {
+    // A text child even when empty, so the field is written with its closing tag.
+    named(group, "Field", name).append_child(pugi::node_pcdata).set_value(value.c_str());
+  };
+  pugi::xml_node subsystem = named(devInfo, "Subsystem", "FileTransferConfiglet");
+  pugi::xml_node http = named(subsystem, "Group", "HTTPServer");
+  field(http, "IPAddress", server->host);
+  field(http, "HTTPPort", std::to_string(server->port));
+  field(http, "BaseURL", server->base);
   if (!a.list.empty()) {
     auto it = std::find_if(files.begin(), files.end(),
                            [&](const BundleFile& f) { return f.rel == listName; });
     if (it == files.end()) return Fail(listName + " not found in " + a.dir + " (run list first)");
     std::string dest = a.listDest.empty() ? DevicePath(a.dest, listName) : a.listDest;
     if (std::string e = CheckRepresentable(*it, dest, false); !e.empty()) return Fail(e);
-    x += "    <Group Name=\"FileList\">\n";
-    field("      ", "Source", UrlPath(it->rel));
-    field("      ", "Dest", dest);
-    field("      ", "CRC", std::to_string(it->crc));
-    x += "    </Group>\n";
+    pugi::xml_node list = named(subsystem, "Group", "FileList");
+    field(list, "Source", UrlPath(it->rel));
+    field(list, "Dest", dest);
+    field(list, "CRC", std::to_string(it->crc));
+  } else {
+    // With a list file the device takes its downloads from the list; naming them here as well
+    // would validate every file twice.
+    pugi::xml_node download = named(subsystem, "Group", "Download");
+    for (const BundleFile& f : files) {
+      if (f.rel == listName) continue;
+      std::string dest = DevicePath(a.dest, f.rel);
+      if (std::string e = CheckRepresentable(f, dest, false); !e.empty()) return Fail(e);
+      WarnIfUnchecked(f);
+      pugi::xml_node file = named(download, "Group", "File");
+      field(file, "Source", UrlPath(f.rel));
+      field(file, "Dest", dest);
+      field(file, "CRC", std::to_string(f.crc));
+      field(file, "MCTMask", a.mask);
+    }
   }
-  // With a list file the device takes its downloads from the list; naming them here as well
-  // would validate every file twice.
-  if (a.list.empty()) x += "    <Group Name=\"Download\">\n";
-  for (const BundleFile& f : files) {
-    if (f.rel == listName || !a.list.empty()) continue;
-    std::string dest = DevicePath(a.dest, f.rel);
-    if (std::string e = CheckRepresentable(f, dest, false); !e.empty()) return Fail(e);
-    WarnIfUnchecked(f);
-    x += "      <Group Name=\"File\">\n";
-    field("        ", "Source", UrlPath(f.rel));
-    field("        ", "Dest", dest);
-    field("        ", "CRC", std::to_string(f.crc));
-    field("        ", "MCTMask", a.mask);
-    x += "      </Group>\n";
-  }
-  if (a.list.empty()) x += "    </Group>\n";
-  field("    ", "BundleName", bundle);
-  if (!a.version.empty()) field("    ", "Version", a.version);
-  if (a.reboot) field("    ", "Reboot", "True");
-  x += "    <Group Name=\"Upgrade\"/>\n  </Subsystem>\n</DevInfo>\n";
+  field(subsystem, "BundleName", bundle);
+  if (!a.version.empty()) field(subsystem, "Version", a.version);
+  if (a.reboot) field(subsystem, "Reboot", "True");
+  named(subsystem, "Group", "Upgrade");
 
+  std::ostringstream x;
+  doc.save(x, "  ", pugi::format_indent | pugi::format_no_declaration, pugi::encoding_utf8);
   if (a.out.empty()) {
-    std::fwrite(x.data(), 1, x.size(), stdout);
+    std::fwrite(x.str().data(), 1, x.str().size(), stdout);
     return std::fflush(stdout) == 0 ? 0 : 1;
   }
-  if (!WriteAtomically(a.out, x, &error)) return Fail(error);
+  if (hostbase::IoStatus st = hostbase::ReplaceFile(a.out, x.str()); !st.ok())
+    return Fail(st.Describe(a.out));
   return 0;
 }
 

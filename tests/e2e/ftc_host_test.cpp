@@ -75,7 +75,7 @@ TEST_F(FtcHost, RunsAJobAndSummarisesIt) {
                           &status);
   ASSERT_EQ(status, 0) << out;
   std::string xml = ftctest::ReadHostFile(made);
-  const std::string upgrade = "<Group Name=\"Upgrade\"/>";
+  const std::string upgrade = "<Group Name=\"Upgrade\"";
   ASSERT_NE(xml.find(upgrade), std::string::npos) << xml;
   xml.replace(xml.find(upgrade), 0, "<Field Name=\"NoSuchField\">x</Field>");
   HostRun run = RunJob(xml);

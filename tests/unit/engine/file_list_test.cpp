@@ -64,18 +64,7 @@ std::vector<Entry> Parse(const std::string& text) {
   return out;
 }
 
-TEST(ListFile, EveryFiveTokensMakeOneEntry) {
-  // A well-formed list is delivered by the list-file job; here the ragged ones.
-  EXPECT_EQ(Parse("a,b,c,1,2,x,y").size(), 1u);  // a short last group is dropped
-  EXPECT_EQ(Parse("\r\n\r\na,b,AB CD;EF,1,2\n\n,,,b,c,d,3,4,,\r\n").size(), 2u);
-  EXPECT_EQ(Parse("").size(), 0u);
-  EXPECT_EQ(Parse(",,,\r\n").size(), 0u);
-  // The masks keep their blanks: they are split later.
-  EXPECT_EQ(Parse("a,b,AB CD;EF,1,2")[0].masks, "AB CD;EF");
-  // A NUL ends the list as it ends the device's string.
-  EXPECT_EQ(Parse(std::string("a,b,c,1,2\0d,e,f,3,4", 19)).size(), 1u);
-}
-
+// The reader is the shared one; here what the engine makes of its entries.
 TEST(ListFile, OverlongTokensAreCutToTheirFields) {
   std::string longSource(1000, 's'), longCrc(100, '7');
   auto e = Parse(longSource + ",d," + std::string(5000, 'm') + "," + longCrc + ",1");

@@ -47,10 +47,10 @@ class PullFile : public ::testing::Test {
   static std::vector<std::string> States() {
     std::vector<std::string> out;
     for (const ftctest::SendUpCall& c : ftctest::PluginHost::SendUps()) {
-      std::string state, reason;
-      if (xqspool::FieldText(c.message, "State", &state) &&
-          xqspool::FieldText(c.message, "Reason", &reason))
-        out.push_back(state + " " + reason);
+      SpoolRecord r;
+      r.message = c.message;
+      xqspool::DecodeMessage(&r);
+      if (r.kind == "state") out.push_back(r.code + " " + r.text);
     }
     return out;
   }

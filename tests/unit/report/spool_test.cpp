@@ -238,4 +238,29 @@ TEST(SpoolReader, DamagedRecordsAreMarkedAndStrayFilesIgnored) {
   EXPECT_TRUE(ReadSpool(root.path(), "../QV_CLIENT").empty());
 }
 
+// Kinds are read off the document; what is no document is kept whole as a message.
+TEST(SpoolReader, DecodesKnownDocumentsAndRefusesBrokenOnes) {
+  auto state = [](const std::string& reason) {
+    return "<?xml version=\"1.0\"?><DevInfo><Subsystem Name=\"QV_Client\"><Group "
+           "Name=\"Ready-to-Work\"><Field Name=\"State\">1</Field>\t<Field Name=\"Reason\">" +
+           reason + "</Field></Group></Subsystem></DevInfo>";
+  };
+  struct Case {
+    std::string message, decoded;
+  } cases[] = {
+      {state("a &amp; b\r\n"), "state 1 a & b\r\n"},
+      {state("R&D  "), "state 1 R&D  "},  // a bare ampersand is taken as written
+      {state("<disk>"), "message  " + state("<disk>")},
+      {"<DevInfo><Group Name=\"errorLogMsg\"><Field Name=\"msgNum\">7</Field></Group></DevInfo>",
+       "event 7 "},
+      {"plain text", "message  plain text"},
+  };
+  for (const Case& c : cases) {
+    SpoolRecord r;
+    r.message = c.message;
+    xqspool::DecodeMessage(&r);
+    EXPECT_EQ(r.kind + " " + r.code + " " + r.text, c.decoded);
+  }
+}
+
 }  // namespace

@@ -1,5 +1,6 @@
 // The download writer, the UDP sender and the file helpers.
 
+#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -115,10 +116,20 @@ TEST(SdkFileHelpers, ExistOpenSizeRenameAndCopy) {
   EXPECT_TRUE(QVCloseFile(h));
   EXPECT_EQ(QVOpenFile(L"\\temp\\none", 0), INVALID_HANDLE_VALUE);
 
-  // Copy replaces a read-only target; rename replaces across folders.
-  ASSERT_EQ(chmod(root.HostPath("\\other\\b.bin").c_str(), 0444), 0);
+  // Copy is the device's CopyFile: a read-only target is refused, a writable one replaced by
+  // the source with its write time. Rename replaces across folders.
+  const std::string target = root.HostPath("\\other\\b.bin");
+  ASSERT_EQ(chmod(target.c_str(), 0444), 0);
+  EXPECT_FALSE(TVLCopyFileW(L"\\temp\\a.bin", L"\\other\\b.bin"));
+  EXPECT_EQ(GetLastError(), DWORD(ERROR_ACCESS_DENIED));
+  ASSERT_EQ(chmod(target.c_str(), 0644), 0);
+  struct timespec past[2] = {{0, UTIME_OMIT}, {1000000000, 0}};
+  ASSERT_EQ(utimensat(AT_FDCWD, root.HostPath("\\temp\\a.bin").c_str(), past, 0), 0);
   EXPECT_TRUE(TVLCopyFileW(L"\\temp\\a.bin", L"\\other\\b.bin"));
   EXPECT_EQ(root.ReadFile("\\other\\b.bin"), "12345");
+  struct stat st {};
+  ASSERT_EQ(stat(target.c_str(), &st), 0);
+  EXPECT_EQ(st.st_mtim.tv_sec, 1000000000);
   root.WriteFile("\\temp\\c.bin", "renamed");
   EXPECT_TRUE(TVLRenameFileW(L"\\temp\\c.bin", L"\\other\\b.bin"));
   EXPECT_EQ(root.ReadFile("\\other\\b.bin"), "renamed");

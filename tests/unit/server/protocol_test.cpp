@@ -3,36 +3,12 @@
 #include <gtest/gtest.h>
 #include <unistd.h>
 
-#include <random>
-
-#include "common/crc32.h"
 #include "common/crc_cache.h"
 #include "common/http.h"
 #include "support/device_root.h"
 #include "support/scripted_http_peer.h"
 
 using namespace ftcserver;
-
-TEST(ServerCrc32, MatchesTheBytewiseDefinitionAtEveryLengthAndAlignment) {
-  EXPECT_EQ(Crc32("123456789", 9), 0xCBF43926u);
-  EXPECT_EQ(Crc32("", 0), 0u);
-  std::mt19937 rng(7);
-  std::string data(700, '\0');
-  for (char& c : data) c = static_cast<char>(rng());
-  for (size_t offset = 0; offset < 16; ++offset) {
-    for (size_t len = 0; len + offset <= data.size(); len += 1 + len / 8) {
-      std::string piece = data.substr(offset, len);
-      ASSERT_EQ(Crc32(piece.data(), piece.size()), ftctest::ReferenceCrc32(piece))
-          << "offset " << offset << " length " << len;
-    }
-  }
-  // Continuing a CRC gives the CRC of the concatenation, whatever the split.
-  for (size_t split : {0, 1, 15, 16, 17, 333, 700}) {
-    uint32_t c = Crc32Update(0, data.data(), split);
-    c = Crc32Update(c, data.data() + split, data.size() - split);
-    EXPECT_EQ(c, Crc32(data.data(), data.size())) << split;
-  }
-}
 
 TEST(ServerCrcCache, ComputesOncePerFileVersion) {
   ftctest::DeviceRoot root;

@@ -1,0 +1,53 @@
+// File primitives of the host: whole writes and reads, durable replacement, copies. Plain POSIX
+// underneath; errors come back as errno values (the caller maps them, winux in one place).
+// Thread-safe; no state.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <optional>
+#include <string>
+#include <string_view>
+
+namespace hostbase {
+
+// What a file operation did: error 0 when it succeeded, else the errno of the step that failed.
+struct [[nodiscard]] IoStatus {
+  int error = 0;
+  const char* step = "";  // "open", "write", "fsync", "rename", ...
+
+  bool ok() const { return error == 0; }
+  // "cannot <step> <path>: <strerror>", for messages.
+  std::string Describe(const std::string& path) const;
+};
+
+// All of size bytes, retrying interrupted and short writes.
+IoStatus WriteAll(int fd, const void* data, size_t size);
+// Up to size bytes, fewer only at the end of the file; *got the count read.
+IoStatus ReadFull(int fd, void* data, size_t size, size_t* got);
+// The whole file into *out.
+IoStatus ReadWholeFile(const std::string& path, std::string* out);
+
+// fsync of a folder, so that entries made, renamed or removed in it survive a crash.
+IoStatus SyncDir(const std::string& dir);
+// mkdir -p; each folder made is synced into its parent.
+IoStatus MakeDirs(const std::string& dir);
+
+// Creates path, which must not exist yet, with content, synced to disk before it returns.
+IoStatus WriteNewFile(const std::string& path, std::string_view content, unsigned mode);
+// Replaces path with content: after a crash it holds the old text or the new, whole. A
+// temporary ".<name>.<unique>" beside it is written, synced and renamed over it, and the
+// folder synced.
+IoStatus ReplaceFile(const std::string& path, std::string_view content, unsigned mode = 0644);
+// rename(from, to), durable: from is synced first, the folders after. A target is replaced.
+// Across file systems (EXDEV) the file is copied as CopyHostFile does and from removed.
+IoStatus MoveHostFile(const std::string& from, const std::string& to);
+// Copies a regular file the way the device's CopyFile does: the target is replaced whole (as
+// ReplaceFile does) and gets the source's permission bits and modification time. A folder as
+// source is EISDIR. Checks on the target (exists, read-only) are the caller's.
+IoStatus CopyHostFile(const std::string& from, const std::string& to);
+
+// CRC-32 of a whole host file (as the device computes it); empty when it cannot be read.
+std::optional<uint32_t> FileCrc32(const std::string& path);
+
+}  // namespace hostbase

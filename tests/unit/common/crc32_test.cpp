@@ -1,0 +1,43 @@
+// The one CRC-32 of the plug-in, the host and the server.
+#include "common/crc32.h"
+
+#include <gtest/gtest.h>
+
+#include <random>
+#include <string>
+
+#include "support/scripted_http_peer.h"
+
+namespace {
+
+// The fast paths (table slicing, carry-less multiply) must agree with the stored table byte by
+// byte at every length and alignment, around each path's block boundaries, and a CRC continued
+// piece by piece must equal the one of the whole.
+TEST(Crc32, FastPathsMatchTheTableAndContinue) {
+  std::mt19937 rng(7);
+  std::string data(70000, '\0');
+  for (char& c : data) c = char(rng());
+  EXPECT_EQ(ftc::Crc32("123456789", 9), 0xCBF43926u);  // the standard check value
+  EXPECT_EQ(ftc::Crc32(nullptr, 0), 0u);
+  auto bytewise = [&](size_t at, size_t len) {
+    uint32_t r = 0xFFFFFFFFu;
+    for (size_t i = 0; i < len; ++i)
+      r = (r >> 8) ^ ftc::kCrc32Table[(r ^ static_cast<uint8_t>(data[at + i])) & 0xFF];
+    return ~r;
+  };
+  for (size_t at = 0; at < 17; ++at)
+    for (size_t len : {0,   1,   15,  16,  17,  63,  64,  65,  79,  80,   127,
+                       128, 129, 255, 256, 257, 271, 511, 512, 527, 1000, 4097})
+      ASSERT_EQ(ftc::Crc32(data.data() + at, len), bytewise(at, len))
+          << "offset " << at << " length " << len;
+  EXPECT_EQ(ftc::Crc32(data.data(), data.size()), ftctest::ReferenceCrc32(data));
+
+  for (size_t piece : {1, 15, 16, 6007}) {
+    uint32_t running = 0;
+    for (size_t at = 0; at < data.size(); at += piece)
+      running = ftc::Crc32(data.data() + at, std::min(piece, data.size() - at), running);
+    EXPECT_EQ(running, ftctest::ReferenceCrc32(data)) << piece;
+  }
+}
+
+}  // namespace
