@@ -57,8 +57,6 @@ std::string BoundedText(const char* text, size_t max) {
   return std::string(text, strnlen(text, max));
 }
 
-}
-
 // Names for the trailer's attributes: quotes and "--" would break the comment.
 std::string TrailerSafe(const std::string& text) {
   std::string out;
