@@ -9,6 +9,7 @@
 #include "configlet/configlet.h"
 #include "configlet/protocol_state.h"
 #include "engine/settings_store.h"
+#include "engine/upgrade_thread.h"
 #include "log/LogMsg.h"
 #include "platform/helpers.h"
 #include "platform/winux.h"
@@ -411,7 +412,7 @@ uint32_t BeginGroup(const char* group, uint32_t instance) {
     if (instance != 0) return 0;
     LogMsg("Allocating gpUpgCfg\r\n");
     // A job still here was never handed to a worker: nobody else will release it.
-    delete gpUpgCfg;
+    DestroyJob(gpUpgCfg);
     gpUpgCfg = new UpgradeConfig();
     gbPreProcessing = 0;
     gbPostProcessing = 0;
