@@ -230,7 +230,8 @@ DWORD UpgradeThread(LPVOID param) {
     StartUpgrade(job);
     LogMsg("Local Upgrade Completed StartUpgrade\r\n");
   } else {
-    // The reason is shown and logged as it stands; it is data, not a format.
+    // Deliberately an argument, never the format: a '%' in a registry test's message would
+    // otherwise be read as a conversion.
     OutputGUIMsgA("%s", errorText);
     LogMsg("%s", errorText);
   }
