@@ -75,7 +75,8 @@ using namespace winux;
 
 extern "C" HANDLE CreateToolhelp32Snapshot(DWORD flags, DWORD) {
   auto snapshot = std::make_shared<SnapshotObject>();
-  if (flags & TH32CS_SNAPPROCESS) {
+  // The device's layer lists processes for flags 0 as well, and plug-ins built for it pass 0.
+  if (flags == 0 || (flags & TH32CS_SNAPPROCESS)) {
     DIR* d = opendir("/proc");
     if (!d) {
       WinuxSetLastErrorFromErrno(errno);

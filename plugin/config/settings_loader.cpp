@@ -6,7 +6,6 @@
 #include "config/UpgradeConfig.h"
 #include "log/LogMsg.h"
 #include "platform/helpers.h"
-#include "platform/hwid.h"
 #include "platform/plix.h"
 #include "platform/winux.h"
 #include "processing/QVProcessingHandler.h"
@@ -27,8 +26,8 @@ void CopyBounded(char* out, size_t capacity, const char* text) {
   snprintf(out, capacity, "%s", text ? text : "");
 }
 
-// True when one of the comma-separated patterns matches the device's hardware configuration
-// (and, when flash is given, the device's flash size text equals it in any case).
+// True when one of the comma-separated patterns matches the hardware configuration text (and,
+// when flash is given, the device's flash size text equals it in any case).
 bool MatchesHardware(const char* patterns, const char* hwcfg, const char* flash,
                      const char* deviceFlash) {
   char list[1024];
@@ -56,7 +55,7 @@ enum class Section { kNone, kStopProcesses, kDownloads, kDiskCleanup, kOSFirmwar
 
 class SettingsWalker {
  public:
-  SettingsWalker(UpgradeConfig* cfg, const char* hwcfg) : m_cfg(cfg), m_hwcfg(hwcfg) {}
+  explicit SettingsWalker(UpgradeConfig* cfg) : m_cfg(cfg) {}
   ~SettingsWalker() { free(m_registry); }
 
   void Walk(CPlixIterator* it) {
@@ -194,7 +193,7 @@ class SettingsWalker {
     const char* dest = Attr(e, "DestDir");
     if (!source || !dest) return;
     const char* hw = Attr(e, "HardwareVersion");
-    if (hw && hw[0] && !MatchesHardware(hw, m_hwcfg, nullptr, "")) return;
+    if (hw && hw[0] && !MatchesHardware(hw, m_cfg->GetMfgString(), nullptr, "")) return;
     tagDownloadFile* file = NewRecord<tagDownloadFile>();
     if (!file) return;
     CopyBounded(file->m_szSourceFile, sizeof file->m_szSourceFile, source);
@@ -216,7 +215,8 @@ class SettingsWalker {
     m_cfg->SetFirmwarePkgCount(m_cfg->GetFirmwarePkgCount() + 1);
     const char* hw = Attr(e, "HardwareVersion");
     if (!hw || !hw[0]) return;
-    if (!MatchesHardware(hw, m_hwcfg, Attr(e, "FLASH"), m_cfg->GetFlashSize())) return;
+    if (!MatchesHardware(hw, m_cfg->GetMfgString(), Attr(e, "FLASH"), m_cfg->GetFlashSize()))
+      return;
     FirmwarePackage* pkg = new FirmwarePackage();
     char folder[256];
     if (const char* source = Attr(e, "SourceDir")) {
@@ -241,7 +241,6 @@ class SettingsWalker {
   }
 
   UpgradeConfig* m_cfg;
-  const char* m_hwcfg;
   Section m_section = Section::kNone;
   tagRegistryEntry* m_registry = nullptr;
 };
@@ -277,13 +276,10 @@ int UpgradeConfig::LoadFromFile(const wchar_t* fileName) {
     char* text = ReadAll(f);
     fclose(f);
     if (text) {
-      char hwcfg[64] = "";
-      DWORD length = sizeof hwcfg;
-      TVLHWID::GetHardwareCfg(hwcfg, &length);
       CPlixDOM dom;
       if (dom.ReadDoc(text) == 1) {
         CPlixIterator it;
-        if (it.BindToDOM(&dom) == 1) SettingsWalker(this, hwcfg).Walk(&it);
+        if (it.BindToDOM(&dom) == 1) SettingsWalker(this).Walk(&it);
       }
       free(text);
     }

@@ -9,6 +9,7 @@
 #include "configlet/configlet.h"
 #include "configlet/protocol_state.h"
 #include "engine/settings_store.h"
+#include "engine/upgrade_thread.h"
 #include "log/LogMsg.h"
 #include "platform/helpers.h"
 #include "platform/winux.h"
@@ -183,121 +184,216 @@ uint32_t SetupPrePostProcessing(const char* field, const char* /*instance*/, con
   return 0;
 }
 
-// Rows that fill the download entry: only inside Download or FileList.
-uint32_t SetDownloadField(const char* field, const char* value) {
-  if (!(gbDownload || gbFileList) || !gpDLFile) return 0;
-  if (Begins(field, "Source"))
-    CopyText(gpDLFile->m_szSourceFile, value);
-  else if (Begins(field, "Dest"))
-    CopyText(gpDLFile->m_szDestFile, value);
-  else if (Begins(field, "CRC"))
-    CopyText(gpDLFile->m_szCRC, value);
-  else
-    CopyText(gpDLFile->m_szMCTMask, value);
+// Where a keyword acts: the group that must be open, or the record its group made. Rows that
+// write the job need one.
+enum Group {
+  kNone,             // no second choice
+  kAny,              // whatever is open
+  kJob,              // FileTransferConfiglet made a job
+  kStartProcess,     // inside StartProcess
+  kStopProcess,      // StopProcess is the current group (any case)
+  kMulticastClient,  // MulticastClient is the current group (exact case)
+  kFile,             // File is the current group (exact case): a disk clean-up file
+  kStore,            // Store is the current group (exact case) and made its record
+  kStoreRecord,      // a Store record exists, whatever is open now
+  kDownload,         // inside Download or FileList, with the entry being built
+  kRegistry,         // a Registry test record exists
+  kPullFile,         // a PullFile record exists
+};
+
+bool IsOpen(Group group) {
+  switch (group) {
+    case kNone:
+      return false;
+    case kAny:
+      return true;
+    case kJob:
+      return gpUpgCfg != nullptr;
+    case kStartProcess:
+      return gpUpgCfg && gbStartProc != 0;
+    case kStopProcess:
+      return gpUpgCfg && Is(CurrentGroup(), "StopProcess");
+    case kMulticastClient:
+      return gpUpgCfg && strcmp(CurrentGroup(), "MulticastClient") == 0;
+    case kFile:
+      return strcmp(CurrentGroup(), "File") == 0;
+    case kStore:
+      return strcmp(CurrentGroup(), "Store") == 0 && gpStorageReq != nullptr;
+    case kStoreRecord:
+      return gpStorageReq != nullptr;
+    case kDownload:
+      return (gbDownload || gbFileList) && gpDLFile != nullptr;
+    case kRegistry:
+      return gpRegistryEntry != nullptr;
+    case kPullFile:
+      return gpPullFileEntry != nullptr;
+  }
+  return false;
+}
+
+// Row handlers: each runs only while its row's group is open, so what it writes exists.
+using Setter = uint32_t (*)(const char* value);
+
+template <void (UpgradeConfig::*Set)(const char*)>
+uint32_t JobText(const char* value) {
+  (gpUpgCfg->*Set)(value);
   return 0;
+}
+
+template <void (UpgradeConfig::*Set)(int32_t)>
+uint32_t JobNumber(const char* value) {
+  (gpUpgCfg->*Set)(atoi(value));
+  return 0;
+}
+
+// Only the exact "false" means no.
+template <void (UpgradeConfig::*Set)(int32_t)>
+uint32_t JobFlag(const char* value) {
+  (gpUpgCfg->*Set)(strcmp(value, "false") == 0 ? 0 : 1);
+  return 0;
+}
+
+// The record being built that holds a field of type R.
+template <typename R>
+R* Building();
+template <>
+tagDownloadFile* Building() {
+  return gpDLFile;
+}
+template <>
+tagStorageReq* Building() {
+  return gpStorageReq;
+}
+template <>
+tagRegistryEntry* Building() {
+  return gpRegistryEntry;
+}
+template <>
+tagPullFileEntry* Building() {
+  return gpPullFileEntry;
+}
+
+template <typename Field>
+struct RecordOf;
+template <typename R, size_t N>
+struct RecordOf<char (R::*)[N]> {
+  using Type = R;
+};
+
+template <auto Field>
+uint32_t RecordText(const char* value) {
+  CopyText(Building<typename RecordOf<decltype(Field)>::Type>()->*Field, value);
+  return 0;
+}
+
+uint32_t SetBundleName(const char* value) {
+  if (gpUpgCfg) gpUpgCfg->SetBundleName(value);
+  if (Is(CurrentGroup(), "ClearQVBundles")) OnClearQVBundles(value);
+  return 0;
+}
+
+uint32_t SetReboot(const char* value) {
+  gpUpgCfg->SetReboot(Is(value, "True") ? 1 : 0);
+  return 0;
+}
+
+uint32_t SetBaseURL(const char* value) {
+  gpUpgCfg->SetBaseURL(value);
+  OverrideServer(value);
+  return 0;
+}
+
+uint32_t SetCleanupAction(const char* value) {
+  if (Is(value, "Delete"))
+    gcAction = 'D';
+  else if (Is(value, "Save"))
+    gcAction = 'S';
+  return 0;
+}
+
+uint32_t SetCleanupName(const char* value) {
+  CopyText(gszFileName, value);
+  return 0;
+}
+
+enum Match { kPrefix, kExact };
+
+struct Use {
+  Group group;
+  Setter set;
+};
+
+// A keyword acts through the first of its uses whose group is open.
+struct Keyword {
+  const char* name;
+  Match match;
+  Use first;
+  Use second = {kNone, nullptr};
+};
+
+// The host's names are compared in this order and the first match decides, so a short prefix
+// picks the earliest row it begins: the order is part of the protocol.
+const Keyword kKeywords[] = {
+    {"Provisioning", kExact, {kAny, OnProvisioningField}},
+    {"BundleName", kExact, {kAny, SetBundleName}},
+    {"Address", kPrefix, {kJob, JobText<&UpgradeConfig::SetSysLogIP>}},
+    {"Port", kPrefix, {kJob, JobNumber<&UpgradeConfig::SetSysLogPort>}},
+    {"Reboot", kExact, {kJob, SetReboot}},
+    {"IPAddress", kPrefix, {kJob, JobText<&UpgradeConfig::SetHTTPIPAddress>}},
+    {"HTTPPort", kPrefix, {kJob, JobNumber<&UpgradeConfig::SetHTTPPort>}},
+    {"BaseURL", kPrefix, {kJob, SetBaseURL}},
+    {"Version", kExact, {kJob, JobText<&UpgradeConfig::SetVersion>}},
+    {"MulticastIP", kPrefix, {kJob, JobText<&UpgradeConfig::SetMCIp>}},
+    {"EncryptionKey", kPrefix, {kJob, JobText<&UpgradeConfig::SetMCEncryptionKey>}},
+    {"UDPPort", kPrefix, {kJob, JobNumber<&UpgradeConfig::SetMulticastPort>}},
+    {"UDPBlockSize", kPrefix, {kJob, JobNumber<&UpgradeConfig::SetMulticastBlockSize>}},
+    {"Process",
+     kPrefix,
+     {kStartProcess, JobText<&UpgradeConfig::SetProcessName>},
+     {kStopProcess, JobText<&UpgradeConfig::AddStopProcess>}},
+    {"Parameters",
+     kPrefix,
+     {kMulticastClient, JobText<&UpgradeConfig::SetMCProcessParms>},
+     {kStartProcess, JobText<&UpgradeConfig::SetProcessParms>}},
+    {"Wait", kPrefix, {kStartProcess, JobFlag<&UpgradeConfig::SetProcessWait>}},
+    {"ShowGUI", kPrefix, {kJob, JobFlag<&UpgradeConfig::SetShowGUI>}},
+    {"Action", kPrefix, {kFile, SetCleanupAction}},
+    {"Name", kPrefix, {kFile, SetCleanupName}, {kStore, RecordText<&tagStorageReq::m_szName>}},
+    {"BeginText", kPrefix, {kJob, JobText<&UpgradeConfig::SetUpgBeginMsg>}},
+    {"EndText", kPrefix, {kJob, JobText<&UpgradeConfig::SetUpgEndMsg>}},
+    {"Source", kPrefix, {kDownload, RecordText<&tagDownloadFile::m_szSourceFile>}},
+    {"Dest", kPrefix, {kDownload, RecordText<&tagDownloadFile::m_szDestFile>}},
+    {"CRC", kPrefix, {kDownload, RecordText<&tagDownloadFile::m_szCRC>}},
+    {"MCTMask", kPrefix, {kDownload, RecordText<&tagDownloadFile::m_szMCTMask>}},
+    {"RequiredSpace", kPrefix, {kStoreRecord, RecordText<&tagStorageReq::m_szRequiredSpace>}},
+    {"Root", kPrefix, {kRegistry, RecordText<&tagRegistryEntry::m_szRoot>}},
+    {"Key", kPrefix, {kRegistry, RecordText<&tagRegistryEntry::m_szKey>}},
+    {"ValueName", kExact, {kRegistry, RecordText<&tagRegistryEntry::m_szValueName>}},
+    {"Type", kPrefix, {kRegistry, RecordText<&tagRegistryEntry::m_szType>}},
+    {"Operator", kPrefix, {kRegistry, RecordText<&tagRegistryEntry::m_szOperator>}},
+    {"Value", kExact, {kRegistry, RecordText<&tagRegistryEntry::m_szValue>}},
+    {"ErrorMsg", kPrefix, {kRegistry, RecordText<&tagRegistryEntry::m_szErrorMsg>}},
+    {"SrcUrl", kExact, {kPullFile, RecordText<&tagPullFileEntry::m_szSrcUrl>}},
+    {"SrcFile", kExact, {kPullFile, RecordText<&tagPullFileEntry::m_szSrcFile>}},
+    {"DestFile", kExact, {kPullFile, RecordText<&tagPullFileEntry::m_szDestFile>}},
+    {"FileID", kExact, {kPullFile, RecordText<&tagPullFileEntry::m_szFileID>}},
+};
+
+const Keyword* FindKeyword(const char* field) {
+  for (const Keyword& keyword : kKeywords)
+    if (keyword.match == kExact ? Is(field, keyword.name) : Begins(field, keyword.name))
+      return &keyword;
+  return nullptr;
 }
 
 uint32_t SetField(const char* field, const char* instance, const char* value) {
   LogMsg("IcfgSetField - %s, %s\r\n", field, value);
   if (gbPreProcessing || gbPostProcessing) return SetupPrePostProcessing(field, instance, value);
-
-  if (Is(field, "Provisioning")) return OnProvisioningField(value);
-  if (Is(field, "BundleName")) {
-    if (gpUpgCfg) gpUpgCfg->SetBundleName(value);
-    if (Is(CurrentGroup(), "ClearQVBundles")) OnClearQVBundles(value);
-    return 0;
-  }
-
-  // The rows below fill the job or the entry whose group is open; without one nothing is kept.
-  UpgradeConfig* job = gpUpgCfg;
-  if (Begins(field, "Address")) {
-    if (job) job->SetSysLogIP(value);
-  } else if (Begins(field, "Port")) {
-    if (job) job->SetSysLogPort(atoi(value));
-  } else if (Is(field, "Reboot")) {
-    if (job) job->SetReboot(Is(value, "True") ? 1 : 0);
-  } else if (Begins(field, "IPAddress")) {
-    if (job) job->SetHTTPIPAddress(value);
-  } else if (Begins(field, "HTTPPort")) {
-    if (job) job->SetHTTPPort(atoi(value));
-  } else if (Begins(field, "BaseURL")) {
-    if (job) {
-      job->SetBaseURL(value);
-      OverrideServer(value);
-    }
-  } else if (Is(field, "Version")) {
-    if (job) job->SetVersion(value);
-  } else if (Begins(field, "MulticastIP")) {
-    if (job) job->SetMCIp(value);
-  } else if (Begins(field, "EncryptionKey")) {
-    if (job) job->SetMCEncryptionKey(value);
-  } else if (Begins(field, "UDPPort")) {
-    if (job) job->SetMulticastPort(atoi(value));
-  } else if (Begins(field, "UDPBlockSize")) {
-    if (job) job->SetMulticastBlockSize(atoi(value));
-  } else if (Begins(field, "Process")) {
-    if (!job) return 0;
-    if (gbStartProc)
-      job->SetProcessName(value);
-    else if (Is(CurrentGroup(), "StopProcess"))
-      job->AddStopProcess(value);
-  } else if (Begins(field, "Parameters")) {
-    if (!job) return 0;
-    if (strcmp(CurrentGroup(), "MulticastClient") == 0)
-      job->SetMCProcessParms(value);
-    else if (gbStartProc)
-      job->SetProcessParms(value);
-  } else if (Begins(field, "Wait")) {
-    // Only the exact "false" means no wait here.
-    if (job && gbStartProc) job->SetProcessWait(strcmp(value, "false") == 0 ? 0 : 1);
-  } else if (Begins(field, "ShowGUI")) {
-    if (job) job->SetShowGUI(strcmp(value, "false") == 0 ? 0 : 1);
-  } else if (Begins(field, "Action")) {
-    if (strcmp(CurrentGroup(), "File") == 0) {
-      if (Is(value, "Delete"))
-        gcAction = 'D';
-      else if (Is(value, "Save"))
-        gcAction = 'S';
-    }
-  } else if (Begins(field, "Name")) {
-    if (strcmp(CurrentGroup(), "File") == 0)
-      CopyText(gszFileName, value);
-    else if (strcmp(CurrentGroup(), "Store") == 0 && gpStorageReq)
-      CopyText(gpStorageReq->m_szName, value);
-  } else if (Begins(field, "BeginText")) {
-    if (job) job->SetUpgBeginMsg(value);
-  } else if (Begins(field, "EndText")) {
-    if (job) job->SetUpgEndMsg(value);
-  } else if (Begins(field, "Source") || Begins(field, "Dest") || Begins(field, "CRC") ||
-             Begins(field, "MCTMask")) {
-    return SetDownloadField(field, value);
-  } else if (Begins(field, "RequiredSpace")) {
-    if (gpStorageReq) CopyText(gpStorageReq->m_szRequiredSpace, value);
-  } else if (Begins(field, "Root")) {
-    if (gpRegistryEntry) CopyText(gpRegistryEntry->m_szRoot, value);
-  } else if (Begins(field, "Key")) {
-    if (gpRegistryEntry) CopyText(gpRegistryEntry->m_szKey, value);
-  } else if (Is(field, "ValueName")) {
-    if (gpRegistryEntry) CopyText(gpRegistryEntry->m_szValueName, value);
-  } else if (Begins(field, "Type")) {
-    if (gpRegistryEntry) CopyText(gpRegistryEntry->m_szType, value);
-  } else if (Begins(field, "Operator")) {
-    if (gpRegistryEntry) CopyText(gpRegistryEntry->m_szOperator, value);
-  } else if (Is(field, "Value")) {
-    if (gpRegistryEntry) CopyText(gpRegistryEntry->m_szValue, value);
-  } else if (Begins(field, "ErrorMsg")) {
-    if (gpRegistryEntry) CopyText(gpRegistryEntry->m_szErrorMsg, value);
-  } else if (Is(field, "SrcUrl")) {
-    if (gpPullFileEntry) CopyText(gpPullFileEntry->m_szSrcUrl, value);
-  } else if (Is(field, "SrcFile")) {
-    if (gpPullFileEntry) CopyText(gpPullFileEntry->m_szSrcFile, value);
-  } else if (Is(field, "DestFile")) {
-    if (gpPullFileEntry) CopyText(gpPullFileEntry->m_szDestFile, value);
-  } else if (Is(field, "FileID")) {
-    if (gpPullFileEntry) CopyText(gpPullFileEntry->m_szFileID, value);
-  } else {
-    return ICFG_E_UNKNOWN;
-  }
+  const Keyword* keyword = FindKeyword(field);
+  if (!keyword) return ICFG_E_UNKNOWN;
+  // A known name whose group is not open is accepted and changes nothing.
+  for (const Use& use : {keyword->first, keyword->second})
+    if (IsOpen(use.group)) return use.set(value);
   return 0;
 }
 
@@ -316,7 +412,7 @@ uint32_t BeginGroup(const char* group, uint32_t instance) {
     if (instance != 0) return 0;
     LogMsg("Allocating gpUpgCfg\r\n");
     // A job still here was never handed to a worker: nobody else will release it.
-    delete gpUpgCfg;
+    DestroyJob(gpUpgCfg);
     gpUpgCfg = new UpgradeConfig();
     gbPreProcessing = 0;
     gbPostProcessing = 0;

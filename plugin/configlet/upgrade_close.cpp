@@ -93,7 +93,7 @@ uint32_t OnUpgradeGroupClose() {
   Sleep(3000);
   CloseTransferHandle();
   m_bUpgradeInProgress = 0;
-  delete job;
+  DestroyJob(job);
   gpUpgCfg = nullptr;
   return rc;
 }

@@ -10,7 +10,7 @@
 
 class UpgradeConfig;
 
-extern UpgradeConfig* m_pUpgCfg;  // left dangling after the worker deletes the job
+extern UpgradeConfig* m_pUpgCfg;  // the running job; null once it is destroyed
 extern std::atomic<int> m_bUpgradeClient;
 extern std::atomic<int> m_bUpgradeInProgress;
 extern std::atomic<DWORD> m_dwTotalBytes;

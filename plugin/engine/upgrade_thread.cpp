@@ -3,6 +3,7 @@
 #include <cstdio>
 #include <cstring>
 #include <cwchar>
+#include <mutex>
 
 #include "bundles/bundle_records.h"
 #include "config/UpgradeConfig.h"
@@ -32,7 +33,11 @@ const char kDeviceUpgrading[] = "Device Upgrading";
 // The worker keeps its buffers on its stack.
 const DWORD kUpgradeThreadStack = 786432;
 
-// The job is over once the power check has failed: tell the server and give the job up.
+// A finishing worker may destroy its job while the host thread hands the next one over.
+std::mutex gRunningJobMutex;
+
+// The job is over once the power check has failed: tell the server. The job record stays, as
+// does logging; the path is dormant while the power check always passes.
 void PowerFailure(UpgradeConfig* job) {
   SetIRIStatus(1, "Upgrade Failed - Power requirement not met");
   char text[256];
@@ -112,9 +117,20 @@ HANDLE StartUpgradeThread(UpgradeConfig* cfg, int bUpgradeClient) {
     swprintf(text, 128, L"%s, %s", cfg->GetMfgString(), cfg->GetSerialNumber());
     SetStatusText(text);
   }
-  m_pUpgCfg = cfg;
+  {
+    std::lock_guard<std::mutex> lock(gRunningJobMutex);
+    m_pUpgCfg = cfg;
+  }
   DWORD id = 0;
   return CreateThread(nullptr, kUpgradeThreadStack, UpgradeThread, cfg, 0, &id);
+}
+
+void DestroyJob(UpgradeConfig* job) {
+  {
+    std::lock_guard<std::mutex> lock(gRunningJobMutex);
+    if (m_pUpgCfg == job) m_pUpgCfg = nullptr;
+  }
+  delete job;
 }
 
 void SaveNetworkSettings() {}
@@ -136,7 +152,6 @@ DWORD UpgradeThread(LPVOID param) {
 
   if (!IsPowerOK()) {
     PowerFailure(job);
-    delete job;
     return 0;
   }
 
@@ -215,7 +230,8 @@ DWORD UpgradeThread(LPVOID param) {
     StartUpgrade(job);
     LogMsg("Local Upgrade Completed StartUpgrade\r\n");
   } else {
-    // The reason is shown and logged as it stands; it is data, not a format.
+    // Deliberately an argument, never the format: a '%' in a registry test's message would
+    // otherwise be read as a conversion.
     OutputGUIMsgA("%s", errorText);
     LogMsg("%s", errorText);
   }
@@ -270,7 +286,7 @@ DWORD UpgradeThread(LPVOID param) {
     TVLHWID::Reboot(1);
   }
 
-  delete job;
+  DestroyJob(job);
   Sleep(2000);
   LogMsg("FileTransferConfiglet - UpgradeThread - final exit\r\n");
   return 0;

@@ -169,7 +169,7 @@ void CQVProcessingHandler::FixUpImageUpdateEntries() {
 
 void CQVProcessingHandler::StopProcesses() {
   if (!m_pProcessNames->empty()) {
-    HANDLE snapshot = CreateToolhelp32Snapshot(TH32CS_SNAPPROCESS, 0);
+    HANDLE snapshot = CreateToolhelp32Snapshot(0, 0);
     if (snapshot == INVALID_HANDLE_VALUE || !snapshot) {
       LogMsg("CQVProcessingHandler::QVFindProcesses - CreateToolHelp error, %d\r\n",
              static_cast<int>(GetLastError()));

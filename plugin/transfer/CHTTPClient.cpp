@@ -99,10 +99,86 @@ void Debug(const wchar_t* text) {
   OutputDebugString(text);
 }
 
-}  // namespace
+// Get's answer when a damaged or short file may be requested again.
+const int kRequestAgain = -1;
+const char kBadAlloc[] = "FileTransferConfiglet - CHTTPClinent::Get - bad alloc\r\n";
 
-namespace {
+// An exit with nothing to release.
+int GiveUp(const char* line) {
+  LogMsg("%s", line);
+  return 0;
+}
+
+// A response the download cannot use: the debug text, when there is one, goes out before the
+// connection is dropped, the log line after.
+struct Refusal {
+  const wchar_t* debug;
+  const char* line;
+};
+const Refusal kNo200 = {L"get - no 200 ok\r\n",
+                        "FileTransferConfiglet - CHttpClient:Get - bad ret 5\r\n"};
+const Refusal kNoLength = {L"get - no length\r\n",
+                           "FileTransferConfiglet - CHttpClient:Get - bad ret 6\r\n"};
+const Refusal kNoCRC = {L"get - no CRC32\r\n",
+                        "FileTransferConfiglet - CHttpClient:Get - bad ret 7\r\n"};
+const Refusal kBlockTooLarge = {L"get - Chk Pnt Blk size error\r\n",
+                                "FileTransferConfiglet - CHttpClient:Get - bad ret 8\r\n"};
+const Refusal kNoHeadEnd = {nullptr,
+                            "FileTransferConfiglet - CHttpClient:Get - no end of header\r\n"};
+
+// What a usable response head said.
+struct Head {
+  DWORD contentLength = 0;
+  DWORD attributes = 0;
+  DWORD expectedCRC = 0;
+};
+
+void LogTimestamp(const char* value, const char* end) {
+  if (!value) {
+    LogMsg("FileTransferConfiglet - CHttpClient:Get - No Content-timestamp\r\n");
+    return;
+  }
+  char timestamp[kTimestampBytes] = {};
+  size_t n = 0;
+  while (value + n < end && n < sizeof timestamp - 1 && value[n] != '\r' && value[n] != '\n') ++n;
+  std::memcpy(timestamp, value, n);
+  LogMsg("FileTransferConfiglet - Content-timestamp: %s\r\n", timestamp);
+}
+
+// Reads the head's values into out; the refusal when the file cannot be taken from it.
+const Refusal* ReadHeaders(std::string_view head, bool headComplete, bool needCRC,
+                           DWORD maxBlockSize, Head& out) {
+  const char* end = head.data() + head.size();
+  bool overflow = false;
+  if (!Find(head, "200 OK")) return &kNo200;
+  const char* value = Find(head, "Content-Length:");
+  if (!value || !ReadNumber(value, end, out.contentLength, overflow) || overflow) return &kNoLength;
+
+  value = Find(head, "Content-Attributes:");
+  if (value)
+    ReadNumber(value, end, out.attributes, overflow);
+  else
+    LogMsg("FileTransferConfiglet - CHttpClient:Get - No Content-Attributes\r\n");
+  LogTimestamp(Find(head, "Content-timestamp:"), end);
+
+  if (needCRC) {
+    value = Find(head, "Content-CRC32:");
+    if (!value || !ReadNumber(value, end, out.expectedCRC, overflow) || overflow) return &kNoCRC;
+  }
+  // The server's check-point framing is accepted, but the body is read as plain data.
+  value = Find(head, "CheckPoint-BlockSize:");
+  if (value) {
+    DWORD blockSize = 0;
+    ReadNumber(value, end, blockSize, overflow);
+    if (blockSize > maxBlockSize) return &kBlockTooLarge;
+    LogMsg("FileTransferConfiglet - check pointing is true\r\n");
+  }
+  if (!headComplete) return &kNoHeadEnd;
+  return nullptr;
+}
+
 thread_local std::unique_ptr<char[]> pW2ABuff;
+
 }  // namespace
 
 char* ToASCII(const wchar_t* text) {
@@ -311,266 +387,195 @@ int CHTTPClient::FormatRequest(char* out, size_t capacity, const wchar_t* path) 
 }
 
 int CHTTPClient::Get(const wchar_t* path, const wchar_t* localFile) {
-  if (path && !path[0]) {
-    LogMsg("FileXferConfiglet - CHttpClient:Get - bad ret 1\r\n");
-    return 0;
-  }
+  if (path && !path[0]) return GiveUp("FileXferConfiglet - CHttpClient:Get - bad ret 1\r\n");
+  // No attempt limit: only success or a failed request ends the repeats.
   for (;;) {
-    DWORD writeOffset = 0;
-    if (!EnsureXferBuffer()) {
-      LogMsg("FileTransferConfiglet - CHTTPClinent::Get - bad alloc\r\n");
-      return 0;
-    }
-    if (!path || !localFile) {
-      LogMsg("FileTransferConfiglet - CHttpClient:Get - bad ret 1.1\r\n");
-      return 0;
-    }
-    DWORD received = 0;
-    char* buffer = m_pXferBuffer;
-    const DWORD headRoom = m_dwXferBufferSize;
-
-    {
-      std::unique_ptr<char[]> request(new (std::nothrow) char[kRequestScratch]);
-      if (!request) {
-        LogMsg("FileTransferConfiglet - CHTTPClinent::Get - bad alloc\r\n");
-        return 0;
-      }
-      int length = FormatRequest(request.get(), kRequestScratch, path);
-      if (length >= 0) {
-        LogMsg("\r\n");
-        LogMsg("%s", request.get());
-        LogMsg("\r\n\r\n");
-      }
-      if (length < 0 || SendData(request.get(), DWORD(length)) < DWORD(length)) {
-        CloseURL();
-        LogMsg("FileTransferConfiglet - CHttpClient:Get - bad ret 2\r\n");
-        return 0;
-      }
-    }
-
-    if (!SocketReadable(m_dwTimeout)) {
-      CloseURL();
-      LogMsg("FileTransferConfiglet - CHttpClient:Get - bad ret 3\r\n");
-      return 0;
-    }
-    int got = 0;
-    if (!ReadData(buffer, static_cast<int>(headRoom), got)) {
-      CloseURL();
-      LogMsg("FileTransferConfiglet - CHttpClient:Get - bad ret 4\r\n");
-      return 0;
-    }
-    // A head split over several segments is gathered, but never past the transfer buffer size.
-    size_t bodyStart = 0;
-    bool headComplete = FindHeadEnd(buffer, size_t(got), bodyStart);
-    while (!headComplete && DWORD(got) < headRoom && SocketReadable(m_dwTimeout)) {
-      int more = 0;
-      if (!ReadData(buffer + got, static_cast<int>(headRoom - DWORD(got)), more)) break;
-      got += more;
-      headComplete = FindHeadEnd(buffer, size_t(got), bodyStart);
-    }
-    std::string_view head(buffer, headComplete ? bodyStart : size_t(got));
-    const char* headEnd = head.data() + head.size();
-
-    if (!Find(head, "200 OK")) {
-      Debug(L"get - no 200 ok\r\n");
-      CloseURL();
-      LogMsg("FileTransferConfiglet - CHttpClient:Get - bad ret 5\r\n");
-      return 0;
-    }
-    DWORD contentLength = 0;
-    bool overflow = false;
-    const char* value = Find(head, "Content-Length:");
-    if (!value || !ReadNumber(value, headEnd, contentLength, overflow) || overflow) {
-      Debug(L"get - no length\r\n");
-      CloseURL();
-      LogMsg("FileTransferConfiglet - CHttpClient:Get - bad ret 6\r\n");
-      return 0;
-    }
-
-    DWORD attributes = 0;
-    value = Find(head, "Content-Attributes:");
-    if (value)
-      ReadNumber(value, headEnd, attributes, overflow);
-    else
-      LogMsg("FileTransferConfiglet - CHttpClient:Get - No Content-Attributes\r\n");
-    value = Find(head, "Content-timestamp:");
-    if (value) {
-      char timestamp[kTimestampBytes] = {};
-      size_t n = 0;
-      while (value + n < headEnd && n < sizeof timestamp - 1 && value[n] != '\r' &&
-             value[n] != '\n')
-        ++n;
-      std::memcpy(timestamp, value, n);
-      LogMsg("FileTransferConfiglet - Content-timestamp: %s\r\n", timestamp);
-    } else {
-      LogMsg("FileTransferConfiglet - CHttpClient:Get - No Content-timestamp\r\n");
-    }
-
-    DWORD expectedCRC = 0;
-    if (m_bPerformChecksum) {
-      value = Find(head, "Content-CRC32:");
-      if (!value || !ReadNumber(value, headEnd, expectedCRC, overflow) || overflow) {
-        Debug(L"get - no CRC32\r\n");
-        CloseURL();
-        LogMsg("FileTransferConfiglet - CHttpClient:Get - bad ret 7\r\n");
-        return 0;
-      }
-    }
-
-    // The server's check-point framing is accepted, but the body is read as plain data.
-    value = Find(head, "CheckPoint-BlockSize:");
-    if (value) {
-      DWORD blockSize = 0;
-      ReadNumber(value, headEnd, blockSize, overflow);
-      if (blockSize > m_dwXferBufferSize) {
-        Debug(L"get - Chk Pnt Blk size error\r\n");
-        CloseURL();
-        LogMsg("FileTransferConfiglet - CHttpClient:Get - bad ret 8\r\n");
-        return 0;
-      }
-      LogMsg("FileTransferConfiglet - check pointing is true\r\n");
-      received = 0;
-    }
-
-    if (!headComplete) {
-      CloseURL();
-      LogMsg("FileTransferConfiglet - CHttpClient:Get - no end of header\r\n");
-      return 0;
-    }
-
-    // Bytes past the content length belong to no file; they are dropped and the connection
-    // is not kept, since whatever follows on it cannot be trusted.
-    DWORD inBuffer = DWORD(got) - DWORD(bodyStart);
-    bool surplus = false;
-    if (inBuffer > contentLength) {
-      inBuffer = contentLength;
-      surplus = true;
-    }
-    std::memmove(buffer, buffer + bodyStart, inBuffer);
-
-    char narrowPath[kPathBytes] = {};
-    bool pathFits = Narrow(localFile, narrowPath, sizeof narrowPath);
-    // Reuse the writer rather than leak one per download.
-    if (m_pFile) {
-      m_pFile->Close();
-      delete m_pFile;
-    }
-    m_pFile = new (std::nothrow) FileIO();
-    if (m_pFile && pathFits) {
-      m_pFile->PrepareForWriting(narrowPath);
-      m_pFile->RemoveStale(narrowPath);
-    }
-    if (!m_pFile || !pathFits ||
-        !m_pFile->OpenForWriting(narrowPath, received != 0, contentLength)) {
-      OutputGUIMsgA("%s", narrowPath);
-      OutputGUIMsgA("file open error");
-      LogMsg("FileTransferConfiglet - OpenForWriting - error, %s\r\n", narrowPath);
-      CloseURL();
-      return 0;
-    }
-    LogMsg("FileTransferConfiglet - after OPenForWriting - success, !%s%%\r\n", narrowPath);
-
-    if (contentLength == 0) {
-      OutputGUIMsgA("filesize = 0");
-      LogMsg("FileTransferConfiglet - after OpenForWriting - zero length file, !%s%%\r\n",
-             narrowPath);
-      CloseFile();
-      CloseURL();
-      return 1;
-    }
-
-    m_pFile->Seek(writeOffset);
-    if (inBuffer) {
-      if (!m_pFile->Write(buffer, inBuffer)) {
-        OutputGUIMsgA("fileWrite error - %s\r\n", narrowPath);
-        LogMsg("FileTransferConfiglet - httpClient - first write error\r\n");
-        CloseFile();
-        CloseURL();
-        return 0;
-      }
-      writeOffset += inBuffer;
-      received += inBuffer;
-      if (received == contentLength) {
-        LogMsg("FileTransferConfiglet - httpClient - file complete in first frame\r\n");
-        CloseFile();
-        CloseURL();
-        return 1;
-      }
-    }
-
-    bool complete = false;
-    for (;;) {
-      if (!SocketReadable(m_dwTimeout)) {
-        LogMsg("FileTransferConfiglet - httpclient, server not sending data 3\r\n");
-        break;
-      }
-      // Never read past this body: the next response on the connection starts there.
-      DWORD want = contentLength - received;
-      if (want > m_dwXferCapacity) want = m_dwXferCapacity;
-      int n = 0;
-      if (!ReadData(buffer, static_cast<int>(want), n)) {
-        OutputGUIMsgA("Read data error 2\r\n");
-        LogMsg("FileTransferConfiglet - m_HTTP.ReadData error\r\n");
-        CloseFile();
-        CloseURL();
-        return 0;
-      }
-      m_pFile->Seek(writeOffset);
-      if (!m_pFile->Write(buffer, DWORD(n))) {
-        LogMsg("FileTransferConfiglet - file->Write error, %d\r\n",
-               static_cast<int>(GetLastError()));
-        break;
-      }
-      writeOffset += DWORD(n);
-      received += DWORD(n);
-      UpdateStatus(received, contentLength);
-      if (received == contentLength) {
-        LogMsg("FileTransferConfiglet - http file size match, transfer success\r\n");
-        complete = true;
-        break;
-      }
-    }
-
-    CloseFile();
-    int setResult = m_pFile->SetAttributes(narrowPath, attributes);
-    LogMsg("Setting file attributes, %s, %d, %d\r\n", narrowPath, static_cast<int>(attributes),
-           setResult);
-
-    bool success = false;
-    if (m_bPerformChecksum && complete) {
-      LogMsg("performing CRC check\r\n");
-      DWORD computed = 0;
-      LogMsg("FileTransferConfiglet - FILECRC32\r\n");
-      FTCCCRC32 crc;
-      if (crc.FileCRC32(localFile, computed) != 0) {
-        LogMsg("FileTransferConfiglet - RAMFILECRC32 or FILECRC32 returned error\r\n");
-      } else if (computed == expectedCRC) {
-        LogMsg("FileTransferConfiglet - good CRC\r\n");
-        m_bLastCRCGood = 1;
-        success = true;
-        BumpBundleRxBytes(contentLength);
-      } else {
-        OutputGUIMsgA("CRC failed\r\n");
-        Debug(L"CRC failed\r\n");
-        LogMsg("FileTransferConfiglet - CRC error, %s, %d, %d\r\n", narrowPath,
-               static_cast<int>(expectedCRC), static_cast<int>(computed));
-        m_bLastCRCGood = 0;
-      }
-    } else if (!m_bPerformChecksum) {
-      success = complete;
-      if (complete) BumpBundleRxBytes(contentLength);
-    }
-
-    if (complete && !surplus && BytesPending() > 0) surplus = true;
-    if (surplus) {
-      LogMsg("FileTransferConfiglet - httpClient - data past content length, closing\r\n");
-      CloseURL();
-    }
-
-    Sleep(50);
-    if (success) return 1;
-    if (surplus) return 0;
+    int result = GetOnce(path, localFile);
+    if (result != kRequestAgain) return result;
   }
+}
+
+int CHTTPClient::GetOnce(const wchar_t* path, const wchar_t* localFile) {
+  if (!EnsureXferBuffer()) return GiveUp(kBadAlloc);
+  if (!path || !localFile)
+    return GiveUp("FileTransferConfiglet - CHttpClient:Get - bad ret 1.1\r\n");
+  {
+    std::unique_ptr<char[]> scratch(new (std::nothrow) char[kRequestScratch]);
+    if (!scratch) return GiveUp(kBadAlloc);
+    if (!SendRequest(scratch.get(), kRequestScratch, path))
+      return DropConnection("FileTransferConfiglet - CHttpClient:Get - bad ret 2\r\n");
+  }
+  if (!SocketReadable(m_dwTimeout))
+    return DropConnection("FileTransferConfiglet - CHttpClient:Get - bad ret 3\r\n");
+  int got = ReadHead();
+  if (got < 0) return DropConnection("FileTransferConfiglet - CHttpClient:Get - bad ret 4\r\n");
+
+  char* buffer = m_pXferBuffer;
+  size_t bodyStart = 0;
+  bool headComplete = FindHeadEnd(buffer, size_t(got), bodyStart);
+  Head head;
+  if (const Refusal* refusal =
+          ReadHeaders(std::string_view(buffer, headComplete ? bodyStart : size_t(got)),
+                      headComplete, m_bPerformChecksum != 0, m_dwXferBufferSize, head))
+    return DropConnection(refusal->line, refusal->debug);
+
+  // Bytes past the content length belong to no file; they are dropped and the connection
+  // is not kept, since whatever follows on it cannot be trusted.
+  DWORD inBuffer = DWORD(got) - DWORD(bodyStart);
+  bool surplus = inBuffer > head.contentLength;
+  if (surplus) inBuffer = head.contentLength;
+  std::memmove(buffer, buffer + bodyStart, inBuffer);
+
+  char narrowPath[kPathBytes] = {};
+  if (!OpenLocalFile(localFile, head.contentLength, narrowPath, sizeof narrowPath)) {
+    OutputGUIMsgA("%s", narrowPath);
+    OutputGUIMsgA("file open error");
+    LogMsg("FileTransferConfiglet - OpenForWriting - error, %s\r\n", narrowPath);
+    return EndAttempt(0);  // the writer never opened: closing it does nothing
+  }
+  LogMsg("FileTransferConfiglet - after OPenForWriting - success, !%s%%\r\n", narrowPath);
+
+  if (head.contentLength == 0) {
+    OutputGUIMsgA("filesize = 0");
+    LogMsg("FileTransferConfiglet - after OpenForWriting - zero length file, !%s%%\r\n",
+           narrowPath);
+    return EndAttempt(1);
+  }
+  m_pFile->Seek(0);
+  if (inBuffer) {
+    if (!m_pFile->Write(buffer, inBuffer)) {
+      OutputGUIMsgA("fileWrite error - %s\r\n", narrowPath);
+      LogMsg("FileTransferConfiglet - httpClient - first write error\r\n");
+      return EndAttempt(0);
+    }
+    if (inBuffer == head.contentLength) {
+      LogMsg("FileTransferConfiglet - httpClient - file complete in first frame\r\n");
+      return EndAttempt(1);
+    }
+  }
+  BodyEnd end = ReadBody(inBuffer, head.contentLength);
+  if (end == BodyEnd::kReadFailed) return EndAttempt(0);
+  bool complete = end == BodyEnd::kComplete;
+
+  CloseFile();
+  int setResult = m_pFile->SetAttributes(narrowPath, head.attributes);
+  LogMsg("Setting file attributes, %s, %d, %d\r\n", narrowPath, static_cast<int>(head.attributes),
+         setResult);
+  bool success =
+      complete && (!m_bPerformChecksum || CrcMatches(localFile, narrowPath, head.expectedCRC));
+  if (success) BumpBundleRxBytes(head.contentLength);
+
+  bool dropped = surplus || (complete && BytesPending() > 0);
+  if (dropped) {
+    LogMsg("FileTransferConfiglet - httpClient - data past content length, closing\r\n");
+    CloseURL();
+  }
+  Sleep(50);
+  if (success) return 1;
+  return dropped ? 0 : kRequestAgain;
+}
+
+bool CHTTPClient::SendRequest(char* scratch, size_t capacity, const wchar_t* path) {
+  int length = FormatRequest(scratch, capacity, path);
+  if (length < 0) return false;
+  LogMsg("\r\n");
+  LogMsg("%s", scratch);
+  LogMsg("\r\n\r\n");
+  return SendData(scratch, DWORD(length)) >= DWORD(length);
+}
+
+int CHTTPClient::ReadHead() {
+  const DWORD room = m_dwXferBufferSize;
+  int got = 0;
+  if (!ReadData(m_pXferBuffer, static_cast<int>(room), got)) return -1;
+  // A head split over several segments is gathered, but never past the transfer buffer size.
+  size_t bodyStart = 0;
+  while (!FindHeadEnd(m_pXferBuffer, size_t(got), bodyStart) && DWORD(got) < room &&
+         SocketReadable(m_dwTimeout)) {
+    int more = 0;
+    if (!ReadData(m_pXferBuffer + got, static_cast<int>(room - DWORD(got)), more)) break;
+    got += more;
+  }
+  return got;
+}
+
+bool CHTTPClient::OpenLocalFile(const wchar_t* localFile, DWORD length, char* narrowPath,
+                                size_t capacity) {
+  bool pathFits = Narrow(localFile, narrowPath, capacity);
+  // A fresh writer per download; the previous one is released rather than leaked.
+  if (m_pFile) {
+    m_pFile->Close();
+    delete m_pFile;
+  }
+  m_pFile = new (std::nothrow) FileIO();
+  if (!m_pFile || !pathFits) return false;
+  m_pFile->PrepareForWriting(narrowPath);
+  m_pFile->RemoveStale(narrowPath);
+  return m_pFile->OpenForWriting(narrowPath, 0, length) != 0;
+}
+
+CHTTPClient::BodyEnd CHTTPClient::ReadBody(DWORD received, DWORD length) {
+  for (;;) {
+    if (!SocketReadable(m_dwTimeout)) {
+      LogMsg("FileTransferConfiglet - httpclient, server not sending data 3\r\n");
+      return BodyEnd::kCut;
+    }
+    // Never read past this body: the next response on the connection starts there.
+    DWORD want = length - received;
+    if (want > m_dwXferCapacity) want = m_dwXferCapacity;
+    int n = 0;
+    if (!ReadData(m_pXferBuffer, static_cast<int>(want), n)) {
+      OutputGUIMsgA("Read data error 2\r\n");
+      LogMsg("FileTransferConfiglet - m_HTTP.ReadData error\r\n");
+      return BodyEnd::kReadFailed;
+    }
+    m_pFile->Seek(received);
+    if (!m_pFile->Write(m_pXferBuffer, DWORD(n))) {
+      LogMsg("FileTransferConfiglet - file->Write error, %d\r\n", static_cast<int>(GetLastError()));
+      return BodyEnd::kCut;
+    }
+    received += DWORD(n);
+    UpdateStatus(received, length);
+    if (received == length) {
+      LogMsg("FileTransferConfiglet - http file size match, transfer success\r\n");
+      return BodyEnd::kComplete;
+    }
+  }
+}
+
+bool CHTTPClient::CrcMatches(const wchar_t* localFile, const char* narrowPath, DWORD expected) {
+  LogMsg("performing CRC check\r\n");
+  DWORD computed = 0;
+  LogMsg("FileTransferConfiglet - FILECRC32\r\n");
+  FTCCCRC32 crc;
+  if (crc.FileCRC32(localFile, computed) != 0) {
+    LogMsg("FileTransferConfiglet - RAMFILECRC32 or FILECRC32 returned error\r\n");
+    return false;
+  }
+  if (computed == expected) {
+    LogMsg("FileTransferConfiglet - good CRC\r\n");
+    m_bLastCRCGood = 1;
+    return true;
+  }
+  OutputGUIMsgA("CRC failed\r\n");
+  Debug(L"CRC failed\r\n");
+  LogMsg("FileTransferConfiglet - CRC error, %s, %d, %d\r\n", narrowPath,
+         static_cast<int>(expected), static_cast<int>(computed));
+  m_bLastCRCGood = 0;
+  return false;
+}
+
+int CHTTPClient::DropConnection(const char* line, const wchar_t* debug) {
+  if (debug) Debug(debug);
+  CloseURL();
+  LogMsg("%s", line);
+  return 0;
+}
+
+int CHTTPClient::EndAttempt(int result) {
+  CloseFile();
+  CloseURL();
+  return result;
 }
 
 void CHTTPClient::SendUpgradeComplete(const char* error) {

@@ -65,6 +65,23 @@ class CHTTPClient : public CSocketIO {
   // Writes the file request into out[capacity]; its length, or -1 when it does not fit.
   int FormatRequest(char* out, size_t capacity, const wchar_t* path);
 
+  // The steps of Get. GetOnce makes one request for the whole file: 1 done, 0 failed, or -1
+  // when the file arrived damaged or short and may be requested again.
+  enum class BodyEnd { kComplete, kCut, kReadFailed };
+  int GetOnce(const wchar_t* path, const wchar_t* localFile);
+  bool SendRequest(char* scratch, size_t capacity, const wchar_t* path);
+  // Bytes gathered into the transfer buffer (head and first body bytes); -1 when the first
+  // read fails.
+  int ReadHead();
+  // narrowPath[capacity] receives the narrow local name whatever the outcome.
+  bool OpenLocalFile(const wchar_t* localFile, DWORD length, char* narrowPath, size_t capacity);
+  BodyEnd ReadBody(DWORD received, DWORD length);
+  bool CrcMatches(const wchar_t* localFile, const char* narrowPath, DWORD expected);
+  // Exits of an attempt: the connection dropped before the reason is logged; or the file and
+  // the connection closed, the reason logged already.
+  int DropConnection(const char* line, const wchar_t* debug = nullptr);
+  int EndAttempt(int result);
+
   DWORD m_dwConnectedPort;
   DWORD m_dwConnectedAddr;  // network order
   HANDLE m_hWorkingSemaphore;

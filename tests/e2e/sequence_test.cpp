@@ -31,6 +31,7 @@ class Sequence : public ::testing::Test {
     EXPECT_EQ(WinuxWaitForSingleObject(worker, INFINITE), WINUX_WAIT_ACQUIRED);
     CloseHandle(worker);
     EXPECT_EQ(m_bUpgradeInProgress, 0);
+    EXPECT_EQ(m_pUpgCfg, nullptr);  // nothing left pointing at the destroyed job
   }
 
   UpgradeConfig* NewJob(uint16_t port) {

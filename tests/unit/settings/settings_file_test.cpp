@@ -129,6 +129,19 @@ TEST_F(SettingsFile, FlashSizeDecidesBetweenPackages) {
   EXPECT_EQ(cfg.IsMultiPass(), 0);
 }
 
+TEST_F(SettingsFile, PatternsMeetTheHardwareTextTheJobHolds) {
+  // Too long for the record's read, so the job holds no text; over no common length every
+  // pattern matches.
+  root.WriteIdentity("hwcfg=AB12CD34EF56GH78IJ90KL12MN\nuniqueid=SET-DEVICE\n");
+  root.WriteFile("\\Flash File Store\\hw.xml",
+                 "<S><Downloads><File SourceDir=\"a.bin\" DestDir=\"\\a.bin\" "
+                 "HardwareVersion=\"ZZ*\"/></Downloads></S>");
+  UpgradeConfig cfg;
+  ASSERT_STREQ(cfg.GetMfgString(), "");
+  ASSERT_EQ(cfg.LoadFromFile(L"hw.xml"), 1);
+  EXPECT_EQ(cfg.GetDownloadFiles().size(), 1u);
+}
+
 TEST_F(SettingsFile, WindowsCopyIsConsumedAndFlashStoreCopyKept) {
   struct Case {
     const char* name;
