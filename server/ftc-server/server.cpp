@@ -23,6 +23,8 @@
 #include <unordered_map>
 
 #include "common/http.h"
+#include "store/intake.h"
+#include "store/text.h"
 
 namespace ftcserver {
 namespace {
@@ -48,28 +50,8 @@ int64_t NowSec() {
   return ts.tv_sec;
 }
 
-std::string IsoNow() {
-  timespec ts{};
-  clock_gettime(CLOCK_REALTIME, &ts);
-  std::tm tm{};
-  gmtime_r(&ts.tv_sec, &tm);
-  char buf[96];
-  std::snprintf(buf, sizeof buf, "%04d-%02d-%02dT%02d:%02d:%02d.%03ldZ", tm.tm_year + 1900,
-                tm.tm_mon + 1, tm.tm_mday, tm.tm_hour, tm.tm_min, tm.tm_sec, ts.tv_nsec / 1000000);
-  return buf;
-}
-
 std::string Errno(const char* what) {
   return std::string(what) + ": " + std::strerror(errno);
-}
-
-// A device number field: kept as a JSON number when it reads as one, else as text.
-std::string JsonNumberOrText(const std::string* v) {
-  if (!v) return "null";
-  std::string_view s = *v;
-  std::string_view digits = !s.empty() && s[0] == '-' ? s.substr(1) : s;
-  if (ParseDecimal(digits)) return std::string(s);
-  return JsonString(s);
 }
 
 const char* Reason(int status) {
@@ -86,6 +68,8 @@ const char* Reason(int status) {
       return "Not Found";
     case 405:
       return "Method Not Allowed";
+    case 411:
+      return "Length Required";
     case 413:
       return "Payload Too Large";
     case 416:
@@ -94,6 +78,8 @@ const char* Reason(int status) {
       return "Internal Server Error";
     case 501:
       return "Not Implemented";
+    case 503:
+      return "Service Unavailable";
     default:
       return "Error";
   }
@@ -189,6 +175,9 @@ class Worker {
     ev.data.ptr = &gStopTag;
     if (epoll_ctl(m_ep, EPOLL_CTL_ADD, m_server.stopFd(), &ev) != 0) return Errno("epoll_ctl");
     m_reserveFd = open("/dev/null", O_RDONLY | O_CLOEXEC);
+    std::string error;
+    m_store = ftcstore::OpenStore(m_server.options().db, ftcstore::OpenMode::kRead, &error);
+    if (!m_store) return "cannot open the store " + m_server.options().db + ": " + error;
     return {};
   }
 
@@ -227,6 +216,8 @@ class Worker {
     std::string peer;
     std::string in;
     unsigned long long discard = 0;
+    size_t bodyWanted = 0;  // a delivery's body still being read
+    std::string bodyTarget;
     std::string out;
     size_t outOff = 0;
     int fileFd = -1;
@@ -296,7 +287,7 @@ class Worker {
   // false once the peer has closed its side or the socket failed.
   bool ReadInput(Conn& c) {
     char buf[65536];
-    while (c.in.size() < kMaxBufferedInput) {
+    while (c.in.size() < std::max(kMaxBufferedInput, c.bodyWanted)) {
       ssize_t n = recv(c.fd, buf, sizeof buf, 0);
       if (n > 0) {
         c.in.append(buf, static_cast<size_t>(n));
@@ -317,17 +308,23 @@ class Worker {
         c.discard -= take;
         if (c.discard) break;
       }
-      Request r;
-      ParseResult pr = ParseRequest(c.in, &r);
-      if (pr.status == ParseStatus::kIncomplete) break;
-      if (pr.status == ParseStatus::kBad) {
-        if (m_server.options().verbose)
-          std::fprintf(stderr, "%s bad request: %s\n", c.peer.c_str(), pr.error.c_str());
-        c.in.clear();
-        Respond(c, 400, "", true);
+      if (c.bodyWanted) {
+        if (c.in.size() < c.bodyWanted) break;
+        Deliver(c);
       } else {
-        c.in.erase(0, pr.headLength);
-        Handle(c, r);
+        Request r;
+        ParseResult pr = ParseRequest(c.in, &r);
+        if (pr.status == ParseStatus::kIncomplete) break;
+        if (pr.status == ParseStatus::kBad) {
+          if (m_server.options().verbose)
+            std::fprintf(stderr, "%s bad request: %s\n", c.peer.c_str(), pr.error.c_str());
+          c.in.clear();
+          Respond(c, 400, "", true);
+        } else {
+          c.in.erase(0, pr.headLength);
+          Handle(c, r);
+          if (c.bodyWanted) continue;
+        }
       }
       Flushed f = Flush(c);
       if (f == Flushed::kError) return Close(c);
@@ -341,6 +338,8 @@ class Worker {
   void Handle(Conn& c, const Request& r) {
     c.closeAfter = !r.KeepAlive();
     if (r.Header("Transfer-Encoding")) return Respond(c, 501, r.target, true);
+    if (r.method == "POST" && (r.target == "/xq/messages" || r.target == "/xq/inventory"))
+      return ExpectBody(c, r);
     if (const std::string* cl = r.Header("Content-Length")) {
       auto n = ParseDecimal(*cl);
       if (!n) return Respond(c, 400, r.target, true);
@@ -354,20 +353,53 @@ class Worker {
   }
 
   void Report(Conn& c, const Request& r) {
-    const std::string* core = r.Header("Core-name");
-    const std::string* error = r.Header("Error");
-    std::string line = "{\"time\":" + JsonString(IsoNow()) + ",\"peer\":" + JsonString(c.peer) +
-                       ",\"Core-name\":" + (core ? JsonString(*core) : "null") +
-                       ",\"Bundle-rx\":" + JsonNumberOrText(r.Header("Bundle-rx")) +
-                       ",\"HTTP-fallback\":" + JsonNumberOrText(r.Header("HTTP-fallback")) +
-                       ",\"Error\":" + (error ? JsonString(*error) : "null") + "}";
+    timespec now{};
+    clock_gettime(CLOCK_REALTIME, &now);
+    ftcstore::ReportRow row =
+        ftcstore::MakeReport(ftcstore::IsoTime(now, 3), c.peer, r.Header("Core-name"),
+                             r.Header("Bundle-rx"), r.Header("HTTP-fallback"), r.Header("Error"));
     // Durable before the device hears back, and before its next request is read.
-    if (!m_server.reports().Append(line)) {
+    if (!m_server.reports().Append(row.line)) {
       std::fprintf(stderr, "ftc-server: cannot record completion report: %s\n",
                    std::strerror(errno));
       return Respond(c, 500, "", false);
     }
+    if (ftcstore::Status s = m_store->AddReport(row, ftcstore::IsoTime(now, 6)); !s.ok()) {
+      std::fprintf(stderr, "ftc-server: cannot store completion report: %s\n", s.message.c_str());
+      return Respond(c, 503, "", false, RetryAfter().c_str());
+    }
     Respond(c, 200, "", false);
+  }
+
+  // A delivery's head has arrived; its body is read before anything else on the connection.
+  void ExpectBody(Conn& c, const Request& r) {
+    const std::string* length = r.Header("Content-Length");
+    std::optional<unsigned long long> n;
+    if (length) n = ParseDecimal(*length);
+    if (!n)
+      return RespondJson(c, r.target, ftcstore::Refusal(length ? 400 : 411, "no body length"),
+                         true);
+    if (*n > ftcstore::kMaxDeliveryBody)
+      return RespondJson(c, r.target, ftcstore::Refusal(413, "body over 4 MiB"), true);
+    c.bodyTarget = r.target;
+    c.bodyWanted = static_cast<size_t>(*n);
+    // An empty body is complete at once.
+    if (c.bodyWanted == 0) Deliver(c);
+  }
+
+  void Deliver(Conn& c) {
+    std::string_view body(c.in.data(), c.bodyWanted);
+    ftcstore::Answer a = c.bodyTarget == "/xq/messages" ? ftcstore::AcceptMessages(body, *m_store)
+                                                        : ftcstore::AcceptInventory(body, *m_store);
+    c.in.erase(0, c.bodyWanted);
+    c.bodyWanted = 0;
+    // A large body must not keep its buffer for the life of a kept-alive connection.
+    if (c.in.capacity() > kMaxBufferedInput) std::string(c.in).swap(c.in);
+    RespondJson(c, c.bodyTarget, a, false);
+  }
+
+  static std::string RetryAfter() {
+    return "Retry-After: " + std::to_string(ftcstore::kRetryAfterSeconds) + "\r\n";
   }
 
   void ServeFile(Conn& c, const Request& r) {
@@ -460,16 +492,24 @@ class Worker {
     return fd;
   }
 
+  // Every refusal and every message turned away is logged, verbose or not.
+  void RespondJson(Conn& c, const std::string& target, const ftcstore::Answer& a, bool close) {
+    for (const std::string& line : a.log)
+      std::fprintf(stderr, "ftc-server: %s POST %s %d: %s\n", c.peer.c_str(), target.c_str(),
+                   a.status, line.c_str());
+    Respond(c, a.status, target, close, a.status == 503 ? RetryAfter().c_str() : "", &a.body);
+  }
+
   void Respond(Conn& c, int status, const std::string& target, bool close,
-               const char* extraHeaders = "") {
+               const char* extraHeaders = "", const std::string* json = nullptr) {
     if (close) c.closeAfter = true;
-    std::string body = status == 200 ? "" : std::string(Reason(status)) + "\n";
+    std::string body = json ? *json : status == 200 ? "" : std::string(Reason(status)) + "\n";
     char head[256];
     int n = std::snprintf(
         head, sizeof head,
         "HTTP/1.1 %d %s\r\nServer: ftc-server\r\nContent-Length: %zu\r\n"
-        "Content-Type: text/plain\r\n%s%s",
-        status, Reason(status), body.size(), extraHeaders,
+        "Content-Type: %s\r\n%s%s",
+        status, Reason(status), body.size(), json ? "application/json" : "text/plain", extraHeaders,
         c.closeAfter ? "Connection: close\r\n\r\n" : "Connection: Keep-Alive\r\n\r\n");
     c.out.assign(head, static_cast<size_t>(std::min<int>(n, sizeof head - 1)));
     c.out += body;
@@ -543,6 +583,7 @@ class Worker {
   }
 
   Server& m_server;
+  std::unique_ptr<ftcstore::Store> m_store;
   int m_ep = -1;
   int m_reserveFd = -1;
   int64_t m_now = 0;
@@ -570,6 +611,10 @@ std::string Server::Start() {
   m_rootFd = open(resolved, O_RDONLY | O_DIRECTORY | O_CLOEXEC);
   if (m_rootFd < 0) return Errno(("cannot open root " + m_options.root).c_str());
   if (std::string e = m_reports.Open(m_options.reports); !e.empty()) return e;
+  if (m_options.db.empty()) m_options.db = "sqlite:" + m_options.root + ".fleet.db";
+  // Brings the schema up to date once, before any worker opens its own connection.
+  if (std::string e; !ftcstore::OpenStore(m_options.db, ftcstore::OpenMode::kServe, &e))
+    return "cannot open the store " + m_options.db + ": " + e;
   m_stopFd = eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
   if (m_stopFd < 0) return Errno("eventfd");
 

@@ -18,6 +18,7 @@ struct Options {
   std::string bind = "127.0.0.1";
   uint16_t port = 8080;
   std::string reports;   // empty: completion reports go to stdout
+  std::string db;        // store URL; empty: an SQLite file beside the root
   unsigned threads = 0;  // 0: one per core
   unsigned idleTimeoutSec = 120;
   bool verbose = false;
