@@ -11,7 +11,8 @@ for set in "$@"; do
     # The store's tests start their own PostgreSQL server from these binaries.
     test) pkgs+=(libgtest-dev libgmock-dev uftp iproute2 postgresql) ;;
     multicast) pkgs+=(uftp iproute2) ;;
-    bench) pkgs+=(libbenchmark-dev zlib1g-dev nginx-light wrk uftp postgresql sqlite3) ;;
+    bench) pkgs+=(libbenchmark-dev zlib1g-dev nginx-light libnginx-mod-stream wrk uftp postgresql
+           sqlite3) ;;
     *) echo "bootstrap: unknown set '$set'" >&2; exit 2 ;;
   esac
 done
