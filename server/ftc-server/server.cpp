@@ -25,6 +25,7 @@
 #include "common/http.h"
 #include "store/intake.h"
 #include "store/text.h"
+#include "store_queue.h"
 
 namespace ftcserver {
 namespace {
@@ -43,6 +44,7 @@ constexpr int kAcceptBatch = 4;
 
 char gListenTag;
 char gStopTag;
+char gStoreDoneTag;
 
 int64_t NowSec() {
   timespec ts{};
@@ -162,6 +164,7 @@ class Worker {
   ~Worker() {
     for (auto& [fd, c] : m_conns) Release(*c);
     if (m_ep >= 0) close(m_ep);
+    if (m_doneFd >= 0) close(m_doneFd);
   }
 
   std::string Init() {
@@ -174,10 +177,12 @@ class Worker {
     ev.events = EPOLLIN;
     ev.data.ptr = &gStopTag;
     if (epoll_ctl(m_ep, EPOLL_CTL_ADD, m_server.stopFd(), &ev) != 0) return Errno("epoll_ctl");
+    m_doneFd = eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
+    if (m_doneFd < 0) return Errno("eventfd");
+    ev.events = EPOLLIN;
+    ev.data.ptr = &gStoreDoneTag;
+    if (epoll_ctl(m_ep, EPOLL_CTL_ADD, m_doneFd, &ev) != 0) return Errno("epoll_ctl");
     m_reserveFd = open("/dev/null", O_RDONLY | O_CLOEXEC);
-    std::string error;
-    m_store = ftcstore::OpenStore(m_server.options().db, ftcstore::OpenMode::kRead, &error);
-    if (!m_store) return "cannot open the store " + m_server.options().db + ": " + error;
     return {};
   }
 
@@ -189,16 +194,21 @@ class Worker {
       int n = epoll_wait(m_ep, events, 256, 1000);
       if (n < 0 && errno != EINTR) break;
       m_now = NowSec();
+      bool answered = false;
       for (int i = 0; i < n; ++i) {
         void* tag = events[i].data.ptr;
         if (tag == &gStopTag) {
           running = false;
         } else if (tag == &gListenTag) {
           Accept();
+        } else if (tag == &gStoreDoneTag) {
+          answered = true;
         } else {
           OnEvent(*static_cast<Conn*>(tag), events[i].events);
         }
       }
+      // After the batch: an answer may close a connection that a later event still names.
+      if (answered) StoreDone();
       if (m_now - lastSweep >= 1) {
         lastSweep = m_now;
         SweepIdle();
@@ -218,6 +228,9 @@ class Worker {
     unsigned long long discard = 0;
     size_t bodyWanted = 0;  // a delivery's body still being read
     std::string bodyTarget;
+    uint64_t id = 0;            // tells a connection from a later one on the same descriptor
+    bool waitingStore = false;  // its answer comes from the store queue; reads are paused
+    bool paused = false;
     std::string out;
     size_t outOff = 0;
     int fileFd = -1;
@@ -251,6 +264,7 @@ class Worker {
       setsockopt(fd, IPPROTO_TCP, TCP_NODELAY, &one, sizeof one);
       auto c = std::make_unique<Conn>();
       c->fd = fd;
+      c->id = ++m_nextId;
       c->lastActive = m_now;
       char host[INET6_ADDRSTRLEN] = "?";
       if (ss.ss_family == AF_INET)
@@ -272,6 +286,7 @@ class Worker {
   void OnEvent(Conn& c, uint32_t events) {
     c.lastActive = m_now;
     if (events & EPOLLERR) return Close(c);
+    if (c.waitingStore) return (events & EPOLLHUP) ? Close(c) : void();
     if (Pending(c)) {
       Flushed f = Flush(c);
       if (f == Flushed::kError) return Close(c);
@@ -326,6 +341,7 @@ class Worker {
           if (c.bodyWanted) continue;
         }
       }
+      if (c.waitingStore) return Pause(c);
       Flushed f = Flush(c);
       if (f == Flushed::kError) return Close(c);
       if (f == Flushed::kBlocked) return SetInterest(c, true);
@@ -364,11 +380,11 @@ class Worker {
                    std::strerror(errno));
       return Respond(c, 500, "", false);
     }
-    if (ftcstore::Status s = m_store->AddReport(row, ftcstore::IsoTime(now, 6)); !s.ok()) {
-      std::fprintf(stderr, "ftc-server: cannot store completion report: %s\n", s.message.c_str());
-      return Respond(c, 503, "", false, RetryAfter().c_str());
-    }
-    Respond(c, 200, "", false);
+    StoreJob job;
+    job.kind = StoreJob::kReport;
+    job.report = std::move(row);
+    job.received = ftcstore::IsoTime(now, 6);
+    Submit(c, std::move(job));
   }
 
   // A delivery's head has arrived; its body is read before anything else on the connection.
@@ -388,14 +404,71 @@ class Worker {
   }
 
   void Deliver(Conn& c) {
-    std::string_view body(c.in.data(), c.bodyWanted);
-    ftcstore::Answer a = c.bodyTarget == "/xq/messages" ? ftcstore::AcceptMessages(body, *m_store)
-                                                        : ftcstore::AcceptInventory(body, *m_store);
+    StoreJob job;
+    job.kind = c.bodyTarget == "/xq/messages" ? StoreJob::kMessages : StoreJob::kInventory;
+    job.body = c.in.substr(0, c.bodyWanted);
     c.in.erase(0, c.bodyWanted);
     c.bodyWanted = 0;
-    // A large body must not keep its buffer for the life of a kept-alive connection.
-    if (c.in.capacity() > kMaxBufferedInput) std::string(c.in).swap(c.in);
-    RespondJson(c, c.bodyTarget, a, false);
+    // Thousands of devices stay connected between deliveries: none keeps a body's buffer.
+    std::string(c.in).swap(c.in);
+    Submit(c, std::move(job));
+  }
+
+  // The connection waits, reading nothing more, until the store has answered.
+  void Submit(Conn& c, StoreJob job) {
+    c.waitingStore = true;
+    job.done = [this, fd = c.fd, id = c.id,
+                report = job.kind == StoreJob::kReport](ftcstore::Answer a) {
+      {
+        std::lock_guard<std::mutex> lock(m_doneMutex);
+        m_done.push_back({fd, id, report, std::move(a)});
+      }
+      uint64_t one = 1;
+      [[maybe_unused]] ssize_t n = write(m_doneFd, &one, sizeof one);
+    };
+    m_server.storeQueue().Submit(std::move(job));
+  }
+
+  void StoreDone() {
+    uint64_t count;
+    [[maybe_unused]] ssize_t n = read(m_doneFd, &count, sizeof count);
+    std::vector<Answered> done;
+    {
+      std::lock_guard<std::mutex> lock(m_doneMutex);
+      done.swap(m_done);
+    }
+    for (Answered& d : done) {
+      auto it = m_conns.find(d.fd);
+      if (it == m_conns.end() || it->second->id != d.id) continue;  // gone meanwhile
+      Conn& c = *it->second;
+      c.waitingStore = false;
+      if (d.report) {  // its answer keeps its old bytes
+        for (const std::string& line : d.answer.log)
+          std::fprintf(stderr, "ftc-server: %s\n", line.c_str());
+        if (d.answer.status == 200)
+          Respond(c, 200, "", false);
+        else
+          Respond(c, 503, "", false, RetryAfter().c_str());
+      } else {
+        RespondJson(c, c.bodyTarget, d.answer, false);
+      }
+      Flushed f = Flush(c);
+      if (f == Flushed::kError) {
+        Close(c);
+      } else if (f == Flushed::kBlocked) {
+        SetInterest(c, true);
+      } else if (c.closeAfter) {
+        Close(c);
+      } else {
+        Process(c);
+      }
+    }
+  }
+
+  void Pause(Conn& c) {
+    epoll_event ev{};
+    ev.data.ptr = &c;
+    if (epoll_ctl(m_ep, EPOLL_CTL_MOD, c.fd, &ev) == 0) c.paused = true;
   }
 
   static std::string RetryAfter() {
@@ -551,11 +624,14 @@ class Worker {
 
   void SetInterest(Conn& c, bool wantWrite) {
     // A send budget running out leaves the socket writable: EPOLLOUT fires again at once.
-    if (c.wantWrite == wantWrite) return;
+    if (!c.paused && c.wantWrite == wantWrite) return;
     epoll_event ev{};
     ev.events = wantWrite ? EPOLLOUT : (EPOLLIN | EPOLLRDHUP);
     ev.data.ptr = &c;
-    if (epoll_ctl(m_ep, EPOLL_CTL_MOD, c.fd, &ev) == 0) c.wantWrite = wantWrite;
+    if (epoll_ctl(m_ep, EPOLL_CTL_MOD, c.fd, &ev) == 0) {
+      c.wantWrite = wantWrite;
+      c.paused = false;
+    }
   }
 
   static void Release(Conn& c) {
@@ -582,9 +658,19 @@ class Worker {
     }
   }
 
+  struct Answered {
+    int fd;
+    uint64_t id;
+    bool report;
+    ftcstore::Answer answer;
+  };
+
   Server& m_server;
-  std::unique_ptr<ftcstore::Store> m_store;
   int m_ep = -1;
+  int m_doneFd = -1;  // store threads post answers to m_done and wake the loop here
+  std::mutex m_doneMutex;
+  std::vector<Answered> m_done;
+  uint64_t m_nextId = 0;
   int m_reserveFd = -1;
   int64_t m_now = 0;
   std::unordered_map<int, std::unique_ptr<Conn>> m_conns;
@@ -665,6 +751,9 @@ std::string Server::Start() {
 
   unsigned threads = m_options.threads;
   if (threads == 0) threads = std::max(1u, std::min(8u, std::thread::hardware_concurrency()));
+  // SQLite takes one writer at a time; PostgreSQL commits as many as it has connections.
+  bool sqlite = m_options.db.rfind("sqlite:", 0) == 0;
+  if (std::string e = m_storeQueue.Start(m_options.db, sqlite ? 1 : threads); !e.empty()) return e;
   for (unsigned i = 0; i < threads; ++i) {
     auto w = std::make_unique<Worker>(*this);
     if (std::string e = w->Init(); !e.empty()) return e;
@@ -688,6 +777,8 @@ void Server::Wait() {
   for (auto& t : m_threads)
     if (t.joinable()) t.join();
   m_threads.clear();
+  // After the workers, before they are destroyed: answers go to them.
+  m_storeQueue.Stop();
 }
 
 }  // namespace ftcserver

@@ -10,6 +10,7 @@
 #include <vector>
 
 #include "common/crc_cache.h"
+#include "store_queue.h"
 
 namespace ftcserver {
 
@@ -64,6 +65,7 @@ class Server {
   int stopFd() const { return m_stopFd; }
   CrcCache& crcCache() { return m_crcCache; }
   ReportLog& reports() { return m_reports; }
+  StoreQueue& storeQueue() { return m_storeQueue; }
 
  private:
   Options m_options;
@@ -73,6 +75,7 @@ class Server {
   std::string m_listenAddress;
   CrcCache m_crcCache;
   ReportLog m_reports;
+  StoreQueue m_storeQueue;
   std::vector<std::unique_ptr<Worker>> m_workers;
   std::vector<std::thread> m_threads;
 };

@@ -166,6 +166,14 @@ TEST_F(FleetTest, MessagesAreStoredOnceWithTheirKindsAndBadOnesAreRefused) {
   }
   EXPECT_EQ(View("events --json --db " + db).size(), 4u);
 
+  // The answer comes before the close a client asked for.
+  Connection last(server.port());
+  std::string body = Batch("dev-1", {batch[0]});
+  last.Send("POST /xq/messages HTTP/1.1\r\nConnection: close\r\nContent-Length: " +
+            std::to_string(body.size()) + "\r\n\r\n" + body);
+  EXPECT_EQ(Statuses(last.Read()), std::vector<std::string>{"duplicate"});
+  EXPECT_TRUE(last.ClosedByPeer());
+
   // Oversized or unmeasured bodies are refused before they are read.
   for (const char* head : {"Content-Length: 4194305\r\n", ""}) {
     Connection big(server.port());
