@@ -698,7 +698,7 @@ std::string Server::Start() {
   if (m_rootFd < 0) return Errno(("cannot open root " + m_options.root).c_str());
   if (std::string e = m_reports.Open(m_options.reports); !e.empty()) return e;
   if (m_options.db.empty()) m_options.db = "sqlite:" + m_options.root + ".fleet.db";
-  // Brings the schema up to date once, before any worker opens its own connection.
+  // Brings the schema up to date once, before the store threads open their connections.
   if (std::string e; !ftcstore::OpenStore(m_options.db, ftcstore::OpenMode::kServe, &e))
     return "cannot open the store " + m_options.db + ": " + e;
   m_stopFd = eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
