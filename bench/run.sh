@@ -1,8 +1,9 @@
 #!/usr/bin/env bash
 # Side-by-side benchmarks on loopback: the plug-in's HTTP client and CRC-32 against curl and zlib,
-# ftc-server against nginx. Usage: bench/run.sh BUILD_DIR
+# ftc-server against nginx, and (bench/fleet.sh) deliveries against the databases' own tools.
+# Usage: bench/run.sh BUILD_DIR
 # Sizes come from the environment: BENCH_BIG_MB (1024), BENCH_SMALL_FILES (2000),
-# BENCH_WRK_SECONDS (5), BENCH_ROUNDS (3); BENCH_PARTS picks parts (abcd); BENCH_DIR keeps the data somewhere chosen
+# BENCH_WRK_SECONDS (5), BENCH_ROUNDS (3); BENCH_PARTS picks parts (abcde); BENCH_DIR keeps the data somewhere chosen
 # (default: a fresh folder under /tmp, removed at the end unless BENCH_KEEP=1).
 set -euo pipefail
 
@@ -12,7 +13,7 @@ BIG_MB=${BENCH_BIG_MB:-1024}
 SMALL=${BENCH_SMALL_FILES:-2000}
 SECS=${BENCH_WRK_SECONDS:-5}
 ROUNDS=${BENCH_ROUNDS:-3}
-PARTS=${BENCH_PARTS:-abcd}
+PARTS=${BENCH_PARTS:-abcde}
 WORK=${BENCH_DIR:-$(mktemp -d /tmp/ftc-bench.XXXXXX)}
 mkdir -p "$WORK"
 chmod 755 "$WORK"  # nginx workers may run as another user
@@ -38,6 +39,9 @@ calc() { awk "BEGIN { printf \"%.2f\", $* }"; }
 field() { sed -n "s/.*[ ]$1=\([^ ]*\).*/\1/p" | head -1; }
 verdict() { awk "BEGIN { exit !($1 >= $2) }" && echo "meets target" || echo "BELOW target"; }
 now() { date +%s.%N; }
+
+run_fleet() { [[ $PARTS != *e* ]] || { echo; "$(dirname "$0")/fleet.sh" "$BUILD"; }; }
+[[ $PARTS == *[abcd]* ]] || { run_fleet; exit 0; }
 
 echo "== data: ${BIG_MB} MiB file, ${SMALL} small files, under $WORK"
 mkdir -p "$DATA/small" "$DEV/bench/small"
@@ -135,7 +139,7 @@ echo "CHTTPClient: $(calc "$SMALL / $best_ftc") files/s   curl: $(calc "$SMALL /
 
 fi
 
-[[ $PARTS == *d* ]] || exit 0
+[[ $PARTS == *d* ]] || { run_fleet; exit 0; }
 echo
 echo "== (d) ftc-server vs nginx (same folder, wrk ${SECS}s per run)"
 NG=$WORK/nginx
@@ -199,3 +203,4 @@ for file in w4k.bin w1m.bin; do
   done
 done
 echo "lowest ratio $worst (target >= 0.8: $(verdict "$worst" 0.8))"
+run_fleet

@@ -3,13 +3,16 @@
 # Usage: scripts/bootstrap.sh [build|test|bench|multicast]...   (build is always included)
 set -euo pipefail
 
-pkgs=(cmake ninja-build g++ make pkg-config libpugixml-dev curl libcurl4-openssl-dev nlohmann-json3-dev)
+pkgs=(cmake ninja-build g++ make pkg-config libpugixml-dev curl libcurl4-openssl-dev libsqlite3-dev
+      libpq-dev nlohmann-json3-dev)
 for set in "$@"; do
   case "$set" in
     build) ;;
-    test) pkgs+=(libgtest-dev libgmock-dev uftp iproute2) ;;
+    # The store's tests start their own PostgreSQL server from these binaries.
+    test) pkgs+=(libgtest-dev libgmock-dev uftp iproute2 postgresql) ;;
     multicast) pkgs+=(uftp iproute2) ;;
-    bench) pkgs+=(libbenchmark-dev zlib1g-dev nginx-light wrk uftp) ;;
+    bench) pkgs+=(libbenchmark-dev zlib1g-dev nginx-light libnginx-mod-stream wrk uftp postgresql
+           sqlite3) ;;
     *) echo "bootstrap: unknown set '$set'" >&2; exit 2 ;;
   esac
 done

@@ -75,6 +75,8 @@ done <"$work/job.xml"
 echo "   $checked files checked, $bad wrong"
 echo "== the server recorded the completion report:"
 sed 's/^/   /' "$work/reports.log" 2>/dev/null || echo "   (none)"
+echo "== the fleet as the server sees it:"
+"$bin/ftc-server" fleet --db "sqlite:$work/fleet.db" | sed 's/^./   &/' || echo "   (no fleet store)"
 
 if [ "$status" -eq 0 ] && [ "$bad" -ne 0 ]; then status=1; fi
 echo "== demo finished with status $status"

@@ -4,7 +4,7 @@
 start_server() {
   echo "== starting ftc-server on 127.0.0.1"
   "$bin/ftc-server" --root "$1" --bind 127.0.0.1 --port 0 \
-    --reports "$work/reports.log" >"$work/server.log" 2>&1 &
+    --reports "$work/reports.log" --db "sqlite:$work/fleet.db" >"$work/server.log" 2>&1 &
   server_pid=$!
   port=""
   for _ in $(seq 1 100); do

@@ -192,59 +192,6 @@ std::string FormatDeviceTimestamp(std::time_t t) {
   return buf;
 }
 
-namespace {
-
-bool IsValidUtf8(std::string_view s) {
-  size_t i = 0;
-  while (i < s.size()) {
-    unsigned char c = static_cast<unsigned char>(s[i]);
-    size_t n = c < 0x80 ? 0 : (c >> 5) == 6 ? 1 : (c >> 4) == 14 ? 2 : (c >> 3) == 30 ? 3 : 9;
-    if (n == 9 || (n == 1 && c < 0xC2) || i + n >= s.size()) return false;
-    for (size_t k = 1; k <= n; ++k)
-      if ((static_cast<unsigned char>(s[i + k]) >> 6) != 2) return false;
-    i += n + 1;
-  }
-  return true;
-}
-
-}  // namespace
-
-std::string JsonString(std::string_view s) {
-  // Device texts are narrow and may be in a legacy code page; such bytes are kept as Latin-1 so
-  // the line stays valid JSON.
-  bool utf8 = IsValidUtf8(s);
-  std::string out = "\"";
-  for (unsigned char c : s) {
-    switch (c) {
-      case '"':
-        out += "\\\"";
-        break;
-      case '\\':
-        out += "\\\\";
-        break;
-      case '\n':
-        out += "\\n";
-        break;
-      case '\r':
-        out += "\\r";
-        break;
-      case '\t':
-        out += "\\t";
-        break;
-      default:
-        if (c < 0x20 || c == 0x7f || (c >= 0x80 && !utf8)) {
-          char esc[8];
-          std::snprintf(esc, sizeof esc, "\\u%04x", c);
-          out += esc;
-        } else {
-          out.push_back(static_cast<char>(c));
-        }
-    }
-  }
-  out.push_back('"');
-  return out;
-}
-
 std::optional<unsigned long long> ParseDecimal(std::string_view s) {
   if (s.empty() || s.size() > 19) return std::nullopt;
   unsigned long long v = 0;

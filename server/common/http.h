@@ -53,9 +53,6 @@ ResolvedTarget ResolveTarget(std::string_view target);
 // "MM-DD-YYYY hh:mm:ss" in UTC, the form devices parse from "Content-timestamp:".
 std::string FormatDeviceTimestamp(std::time_t t);
 
-// `s` as a JSON string literal, quotes included.
-std::string JsonString(std::string_view s);
-
 // Strict decimal (digits only, no sign), bounded to 64 bits.
 std::optional<unsigned long long> ParseDecimal(std::string_view s);
 

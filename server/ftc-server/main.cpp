@@ -1,5 +1,6 @@
-// ftc-server --root BUNDLE_DIR [--bind 127.0.0.1] [--port N] [--reports FILE] [--threads N]
-//            [--idle-timeout SEC] [--verbose]
+// ftc-server --root BUNDLE_DIR [--bind 127.0.0.1] [--port N] [--reports FILE] [--db URL]
+//            [--threads N] [--idle-timeout SEC] [--verbose]
+// ftc-server fleet|events --db URL ...: the operator's views of the store
 #include <signal.h>
 #include <sys/resource.h>
 #include <sys/signalfd.h>
@@ -9,9 +10,11 @@
 #include <cstdlib>
 #include <cstring>
 #include <string>
+#include <vector>
 
 #include "common/http.h"
 #include "server.h"
+#include "views.h"
 
 namespace {
 
@@ -19,7 +22,10 @@ int Usage(const char* error) {
   if (error) std::fprintf(stderr, "ftc-server: %s\n", error);
   std::fprintf(stderr,
                "usage: ftc-server --root BUNDLE_DIR [--bind ADDRESS] [--port N] [--reports FILE]\n"
-               "                  [--threads N] [--idle-timeout SEC] [--verbose]\n");
+               "                  [--db sqlite:PATH|postgresql://...] [--threads N]\n"
+               "                  [--idle-timeout SEC] [--verbose]\n"
+               "       ftc-server fleet --db URL [--json] [--stale MINUTES]\n"
+               "       ftc-server events --db URL [--device ID] [--since TIME] [--json]\n");
   return 2;
 }
 
@@ -33,6 +39,10 @@ bool ParseNumber(const char* text, unsigned long long max, unsigned long long* o
 }  // namespace
 
 int main(int argc, char** argv) {
+  if (argc > 1 && (std::strcmp(argv[1], "fleet") == 0 || std::strcmp(argv[1], "events") == 0)) {
+    std::vector<std::string> args(argv + 2, argv + argc);
+    return argv[1][0] == 'f' ? ftcserver::FleetView(args) : ftcserver::EventsView(args);
+  }
   ftcserver::Options opt;
   bool haveRoot = false;
   for (int i = 1; i < argc; ++i) {
@@ -56,6 +66,8 @@ int main(int argc, char** argv) {
       opt.port = static_cast<uint16_t>(n);
     } else if (a == "--reports") {
       opt.reports = v;
+    } else if (a == "--db") {
+      opt.db = v;
     } else if (a == "--threads") {
       if (!ParseNumber(v, 256, &n)) return Usage("bad --threads");
       opt.threads = static_cast<unsigned>(n);

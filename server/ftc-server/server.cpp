@@ -23,6 +23,9 @@
 #include <unordered_map>
 
 #include "common/http.h"
+#include "store/intake.h"
+#include "store/text.h"
+#include "store_queue.h"
 
 namespace ftcserver {
 namespace {
@@ -41,6 +44,7 @@ constexpr int kAcceptBatch = 4;
 
 char gListenTag;
 char gStopTag;
+char gStoreDoneTag;
 
 int64_t NowSec() {
   timespec ts{};
@@ -48,28 +52,8 @@ int64_t NowSec() {
   return ts.tv_sec;
 }
 
-std::string IsoNow() {
-  timespec ts{};
-  clock_gettime(CLOCK_REALTIME, &ts);
-  std::tm tm{};
-  gmtime_r(&ts.tv_sec, &tm);
-  char buf[96];
-  std::snprintf(buf, sizeof buf, "%04d-%02d-%02dT%02d:%02d:%02d.%03ldZ", tm.tm_year + 1900,
-                tm.tm_mon + 1, tm.tm_mday, tm.tm_hour, tm.tm_min, tm.tm_sec, ts.tv_nsec / 1000000);
-  return buf;
-}
-
 std::string Errno(const char* what) {
   return std::string(what) + ": " + std::strerror(errno);
-}
-
-// A device number field: kept as a JSON number when it reads as one, else as text.
-std::string JsonNumberOrText(const std::string* v) {
-  if (!v) return "null";
-  std::string_view s = *v;
-  std::string_view digits = !s.empty() && s[0] == '-' ? s.substr(1) : s;
-  if (ParseDecimal(digits)) return std::string(s);
-  return JsonString(s);
 }
 
 const char* Reason(int status) {
@@ -86,6 +70,8 @@ const char* Reason(int status) {
       return "Not Found";
     case 405:
       return "Method Not Allowed";
+    case 411:
+      return "Length Required";
     case 413:
       return "Payload Too Large";
     case 416:
@@ -94,6 +80,8 @@ const char* Reason(int status) {
       return "Internal Server Error";
     case 501:
       return "Not Implemented";
+    case 503:
+      return "Service Unavailable";
     default:
       return "Error";
   }
@@ -176,6 +164,7 @@ class Worker {
   ~Worker() {
     for (auto& [fd, c] : m_conns) Release(*c);
     if (m_ep >= 0) close(m_ep);
+    if (m_doneFd >= 0) close(m_doneFd);
   }
 
   std::string Init() {
@@ -188,6 +177,11 @@ class Worker {
     ev.events = EPOLLIN;
     ev.data.ptr = &gStopTag;
     if (epoll_ctl(m_ep, EPOLL_CTL_ADD, m_server.stopFd(), &ev) != 0) return Errno("epoll_ctl");
+    m_doneFd = eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
+    if (m_doneFd < 0) return Errno("eventfd");
+    ev.events = EPOLLIN;
+    ev.data.ptr = &gStoreDoneTag;
+    if (epoll_ctl(m_ep, EPOLL_CTL_ADD, m_doneFd, &ev) != 0) return Errno("epoll_ctl");
     m_reserveFd = open("/dev/null", O_RDONLY | O_CLOEXEC);
     return {};
   }
@@ -200,16 +194,21 @@ class Worker {
       int n = epoll_wait(m_ep, events, 256, 1000);
       if (n < 0 && errno != EINTR) break;
       m_now = NowSec();
+      bool answered = false;
       for (int i = 0; i < n; ++i) {
         void* tag = events[i].data.ptr;
         if (tag == &gStopTag) {
           running = false;
         } else if (tag == &gListenTag) {
           Accept();
+        } else if (tag == &gStoreDoneTag) {
+          answered = true;
         } else {
           OnEvent(*static_cast<Conn*>(tag), events[i].events);
         }
       }
+      // After the batch: an answer may close a connection that a later event still names.
+      if (answered) StoreDone();
       if (m_now - lastSweep >= 1) {
         lastSweep = m_now;
         SweepIdle();
@@ -227,6 +226,11 @@ class Worker {
     std::string peer;
     std::string in;
     unsigned long long discard = 0;
+    size_t bodyWanted = 0;  // a delivery's body still being read
+    std::string bodyTarget;
+    uint64_t id = 0;            // tells a connection from a later one on the same descriptor
+    bool waitingStore = false;  // its answer comes from the store queue; reads are paused
+    bool paused = false;
     std::string out;
     size_t outOff = 0;
     int fileFd = -1;
@@ -260,6 +264,7 @@ class Worker {
       setsockopt(fd, IPPROTO_TCP, TCP_NODELAY, &one, sizeof one);
       auto c = std::make_unique<Conn>();
       c->fd = fd;
+      c->id = ++m_nextId;
       c->lastActive = m_now;
       char host[INET6_ADDRSTRLEN] = "?";
       if (ss.ss_family == AF_INET)
@@ -281,6 +286,7 @@ class Worker {
   void OnEvent(Conn& c, uint32_t events) {
     c.lastActive = m_now;
     if (events & EPOLLERR) return Close(c);
+    if (c.waitingStore) return (events & EPOLLHUP) ? Close(c) : void();
     if (Pending(c)) {
       Flushed f = Flush(c);
       if (f == Flushed::kError) return Close(c);
@@ -296,7 +302,7 @@ class Worker {
   // false once the peer has closed its side or the socket failed.
   bool ReadInput(Conn& c) {
     char buf[65536];
-    while (c.in.size() < kMaxBufferedInput) {
+    while (c.in.size() < std::max(kMaxBufferedInput, c.bodyWanted)) {
       ssize_t n = recv(c.fd, buf, sizeof buf, 0);
       if (n > 0) {
         c.in.append(buf, static_cast<size_t>(n));
@@ -317,18 +323,25 @@ class Worker {
         c.discard -= take;
         if (c.discard) break;
       }
-      Request r;
-      ParseResult pr = ParseRequest(c.in, &r);
-      if (pr.status == ParseStatus::kIncomplete) break;
-      if (pr.status == ParseStatus::kBad) {
-        if (m_server.options().verbose)
-          std::fprintf(stderr, "%s bad request: %s\n", c.peer.c_str(), pr.error.c_str());
-        c.in.clear();
-        Respond(c, 400, "", true);
+      if (c.bodyWanted) {
+        if (c.in.size() < c.bodyWanted) break;
+        Deliver(c);
       } else {
-        c.in.erase(0, pr.headLength);
-        Handle(c, r);
+        Request r;
+        ParseResult pr = ParseRequest(c.in, &r);
+        if (pr.status == ParseStatus::kIncomplete) break;
+        if (pr.status == ParseStatus::kBad) {
+          if (m_server.options().verbose)
+            std::fprintf(stderr, "%s bad request: %s\n", c.peer.c_str(), pr.error.c_str());
+          c.in.clear();
+          Respond(c, 400, "", true);
+        } else {
+          c.in.erase(0, pr.headLength);
+          Handle(c, r);
+          if (c.bodyWanted) continue;
+        }
       }
+      if (c.waitingStore) return Pause(c);
       Flushed f = Flush(c);
       if (f == Flushed::kError) return Close(c);
       if (f == Flushed::kBlocked) return SetInterest(c, true);
@@ -341,6 +354,8 @@ class Worker {
   void Handle(Conn& c, const Request& r) {
     c.closeAfter = !r.KeepAlive();
     if (r.Header("Transfer-Encoding")) return Respond(c, 501, r.target, true);
+    if (r.method == "POST" && (r.target == "/xq/messages" || r.target == "/xq/inventory"))
+      return ExpectBody(c, r);
     if (const std::string* cl = r.Header("Content-Length")) {
       auto n = ParseDecimal(*cl);
       if (!n) return Respond(c, 400, r.target, true);
@@ -354,20 +369,110 @@ class Worker {
   }
 
   void Report(Conn& c, const Request& r) {
-    const std::string* core = r.Header("Core-name");
-    const std::string* error = r.Header("Error");
-    std::string line = "{\"time\":" + JsonString(IsoNow()) + ",\"peer\":" + JsonString(c.peer) +
-                       ",\"Core-name\":" + (core ? JsonString(*core) : "null") +
-                       ",\"Bundle-rx\":" + JsonNumberOrText(r.Header("Bundle-rx")) +
-                       ",\"HTTP-fallback\":" + JsonNumberOrText(r.Header("HTTP-fallback")) +
-                       ",\"Error\":" + (error ? JsonString(*error) : "null") + "}";
+    timespec now{};
+    clock_gettime(CLOCK_REALTIME, &now);
+    ftcstore::ReportRow row =
+        ftcstore::MakeReport(ftcstore::IsoTime(now, 3), c.peer, r.Header("Core-name"),
+                             r.Header("Bundle-rx"), r.Header("HTTP-fallback"), r.Header("Error"));
     // Durable before the device hears back, and before its next request is read.
-    if (!m_server.reports().Append(line)) {
+    if (!m_server.reports().Append(row.line)) {
       std::fprintf(stderr, "ftc-server: cannot record completion report: %s\n",
                    std::strerror(errno));
       return Respond(c, 500, "", false);
     }
-    Respond(c, 200, "", false);
+    StoreJob job;
+    job.kind = StoreJob::kReport;
+    job.report = std::move(row);
+    job.received = ftcstore::IsoTime(now, 6);
+    Submit(c, std::move(job));
+  }
+
+  // A delivery's head has arrived; its body is read before anything else on the connection.
+  void ExpectBody(Conn& c, const Request& r) {
+    const std::string* length = r.Header("Content-Length");
+    std::optional<unsigned long long> n;
+    if (length) n = ParseDecimal(*length);
+    if (!n)
+      return RespondJson(c, r.target, ftcstore::Refusal(length ? 400 : 411, "no body length"),
+                         true);
+    if (*n > ftcstore::kMaxDeliveryBody)
+      return RespondJson(c, r.target, ftcstore::Refusal(413, "body over 4 MiB"), true);
+    c.bodyTarget = r.target;
+    c.bodyWanted = static_cast<size_t>(*n);
+    // An empty body is complete at once.
+    if (c.bodyWanted == 0) Deliver(c);
+  }
+
+  void Deliver(Conn& c) {
+    StoreJob job;
+    job.kind = c.bodyTarget == "/xq/messages" ? StoreJob::kMessages : StoreJob::kInventory;
+    job.body = c.in.substr(0, c.bodyWanted);
+    c.in.erase(0, c.bodyWanted);
+    c.bodyWanted = 0;
+    // Thousands of devices stay connected between deliveries: none keeps a body's buffer.
+    std::string(c.in).swap(c.in);
+    Submit(c, std::move(job));
+  }
+
+  // The connection waits, reading nothing more, until the store has answered.
+  void Submit(Conn& c, StoreJob job) {
+    c.waitingStore = true;
+    job.done = [this, fd = c.fd, id = c.id,
+                report = job.kind == StoreJob::kReport](ftcstore::Answer a) {
+      {
+        std::lock_guard<std::mutex> lock(m_doneMutex);
+        m_done.push_back({fd, id, report, std::move(a)});
+      }
+      uint64_t one = 1;
+      [[maybe_unused]] ssize_t n = write(m_doneFd, &one, sizeof one);
+    };
+    m_server.storeQueue().Submit(std::move(job));
+  }
+
+  void StoreDone() {
+    uint64_t count;
+    [[maybe_unused]] ssize_t n = read(m_doneFd, &count, sizeof count);
+    std::vector<Answered> done;
+    {
+      std::lock_guard<std::mutex> lock(m_doneMutex);
+      done.swap(m_done);
+    }
+    for (Answered& d : done) {
+      auto it = m_conns.find(d.fd);
+      if (it == m_conns.end() || it->second->id != d.id) continue;  // gone meanwhile
+      Conn& c = *it->second;
+      c.waitingStore = false;
+      if (d.report) {  // its answer keeps its old bytes
+        for (const std::string& line : d.answer.log)
+          std::fprintf(stderr, "ftc-server: %s\n", line.c_str());
+        if (d.answer.status == 200)
+          Respond(c, 200, "", false);
+        else
+          Respond(c, 503, "", false, RetryAfter().c_str());
+      } else {
+        RespondJson(c, c.bodyTarget, d.answer, false);
+      }
+      Flushed f = Flush(c);
+      if (f == Flushed::kError) {
+        Close(c);
+      } else if (f == Flushed::kBlocked) {
+        SetInterest(c, true);
+      } else if (c.closeAfter) {
+        Close(c);
+      } else {
+        Process(c);
+      }
+    }
+  }
+
+  void Pause(Conn& c) {
+    epoll_event ev{};
+    ev.data.ptr = &c;
+    if (epoll_ctl(m_ep, EPOLL_CTL_MOD, c.fd, &ev) == 0) c.paused = true;
+  }
+
+  static std::string RetryAfter() {
+    return "Retry-After: " + std::to_string(ftcstore::kRetryAfterSeconds) + "\r\n";
   }
 
   void ServeFile(Conn& c, const Request& r) {
@@ -460,16 +565,24 @@ class Worker {
     return fd;
   }
 
+  // Every refusal and every message turned away is logged, verbose or not.
+  void RespondJson(Conn& c, const std::string& target, const ftcstore::Answer& a, bool close) {
+    for (const std::string& line : a.log)
+      std::fprintf(stderr, "ftc-server: %s POST %s %d: %s\n", c.peer.c_str(), target.c_str(),
+                   a.status, line.c_str());
+    Respond(c, a.status, target, close, a.status == 503 ? RetryAfter().c_str() : "", &a.body);
+  }
+
   void Respond(Conn& c, int status, const std::string& target, bool close,
-               const char* extraHeaders = "") {
+               const char* extraHeaders = "", const std::string* json = nullptr) {
     if (close) c.closeAfter = true;
-    std::string body = status == 200 ? "" : std::string(Reason(status)) + "\n";
+    std::string body = json ? *json : status == 200 ? "" : std::string(Reason(status)) + "\n";
     char head[256];
     int n = std::snprintf(
         head, sizeof head,
         "HTTP/1.1 %d %s\r\nServer: ftc-server\r\nContent-Length: %zu\r\n"
-        "Content-Type: text/plain\r\n%s%s",
-        status, Reason(status), body.size(), extraHeaders,
+        "Content-Type: %s\r\n%s%s",
+        status, Reason(status), body.size(), json ? "application/json" : "text/plain", extraHeaders,
         c.closeAfter ? "Connection: close\r\n\r\n" : "Connection: Keep-Alive\r\n\r\n");
     c.out.assign(head, static_cast<size_t>(std::min<int>(n, sizeof head - 1)));
     c.out += body;
@@ -511,11 +624,14 @@ class Worker {
 
   void SetInterest(Conn& c, bool wantWrite) {
     // A send budget running out leaves the socket writable: EPOLLOUT fires again at once.
-    if (c.wantWrite == wantWrite) return;
+    if (!c.paused && c.wantWrite == wantWrite) return;
     epoll_event ev{};
     ev.events = wantWrite ? EPOLLOUT : (EPOLLIN | EPOLLRDHUP);
     ev.data.ptr = &c;
-    if (epoll_ctl(m_ep, EPOLL_CTL_MOD, c.fd, &ev) == 0) c.wantWrite = wantWrite;
+    if (epoll_ctl(m_ep, EPOLL_CTL_MOD, c.fd, &ev) == 0) {
+      c.wantWrite = wantWrite;
+      c.paused = false;
+    }
   }
 
   static void Release(Conn& c) {
@@ -542,8 +658,19 @@ class Worker {
     }
   }
 
+  struct Answered {
+    int fd;
+    uint64_t id;
+    bool report;
+    ftcstore::Answer answer;
+  };
+
   Server& m_server;
   int m_ep = -1;
+  int m_doneFd = -1;  // store threads post answers to m_done and wake the loop here
+  std::mutex m_doneMutex;
+  std::vector<Answered> m_done;
+  uint64_t m_nextId = 0;
   int m_reserveFd = -1;
   int64_t m_now = 0;
   std::unordered_map<int, std::unique_ptr<Conn>> m_conns;
@@ -570,6 +697,10 @@ std::string Server::Start() {
   m_rootFd = open(resolved, O_RDONLY | O_DIRECTORY | O_CLOEXEC);
   if (m_rootFd < 0) return Errno(("cannot open root " + m_options.root).c_str());
   if (std::string e = m_reports.Open(m_options.reports); !e.empty()) return e;
+  if (m_options.db.empty()) m_options.db = "sqlite:" + m_options.root + ".fleet.db";
+  // Brings the schema up to date once, before the store threads open their connections.
+  if (std::string e; !ftcstore::OpenStore(m_options.db, ftcstore::OpenMode::kServe, &e))
+    return "cannot open the store " + m_options.db + ": " + e;
   m_stopFd = eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
   if (m_stopFd < 0) return Errno("eventfd");
 
@@ -620,6 +751,9 @@ std::string Server::Start() {
 
   unsigned threads = m_options.threads;
   if (threads == 0) threads = std::max(1u, std::min(8u, std::thread::hardware_concurrency()));
+  // SQLite takes one writer at a time; PostgreSQL commits as many as it has connections.
+  bool sqlite = m_options.db.rfind("sqlite:", 0) == 0;
+  if (std::string e = m_storeQueue.Start(m_options.db, sqlite ? 1 : threads); !e.empty()) return e;
   for (unsigned i = 0; i < threads; ++i) {
     auto w = std::make_unique<Worker>(*this);
     if (std::string e = w->Init(); !e.empty()) return e;
@@ -643,6 +777,8 @@ void Server::Wait() {
   for (auto& t : m_threads)
     if (t.joinable()) t.join();
   m_threads.clear();
+  // After the workers, before they are destroyed: answers go to them.
+  m_storeQueue.Stop();
 }
 
 }  // namespace ftcserver

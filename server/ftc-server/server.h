@@ -10,6 +10,7 @@
 #include <vector>
 
 #include "common/crc_cache.h"
+#include "store_queue.h"
 
 namespace ftcserver {
 
@@ -18,6 +19,7 @@ struct Options {
   std::string bind = "127.0.0.1";
   uint16_t port = 8080;
   std::string reports;   // empty: completion reports go to stdout
+  std::string db;        // store URL; empty: an SQLite file beside the root
   unsigned threads = 0;  // 0: one per core
   unsigned idleTimeoutSec = 120;
   bool verbose = false;
@@ -63,6 +65,7 @@ class Server {
   int stopFd() const { return m_stopFd; }
   CrcCache& crcCache() { return m_crcCache; }
   ReportLog& reports() { return m_reports; }
+  StoreQueue& storeQueue() { return m_storeQueue; }
 
  private:
   Options m_options;
@@ -72,6 +75,7 @@ class Server {
   std::string m_listenAddress;
   CrcCache m_crcCache;
   ReportLog m_reports;
+  StoreQueue m_storeQueue;
   std::vector<std::unique_ptr<Worker>> m_workers;
   std::vector<std::thread> m_threads;
 };

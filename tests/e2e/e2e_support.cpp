@@ -21,18 +21,6 @@ Server::Server(const std::string& dir, uint16_t port)
                                    dir + "/../reports-" + std::to_string(port)}),
       m_reports(dir + "/../reports-" + std::to_string(port)) {}
 
-uint16_t UnusedPort() {
-  int s = socket(AF_INET, SOCK_STREAM, 0);
-  sockaddr_in a{};
-  a.sin_family = AF_INET;
-  a.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-  bind(s, reinterpret_cast<sockaddr*>(&a), sizeof a);
-  socklen_t len = sizeof a;
-  getsockname(s, reinterpret_cast<sockaddr*>(&a), &len);
-  close(s);
-  return ntohs(a.sin_port);
-}
-
 Bundle::Bundle() {
   std::string tmpl = (fs::temp_directory_path() / "ftc-bundle-XXXXXX").string();
   if (!mkdtemp(tmpl.data())) throw std::runtime_error("mkdtemp");

@@ -24,9 +24,6 @@ class Server : public ftctest::ServerProcess {
   std::string m_reports;
 };
 
-// A port nothing listens on (free when asked).
-uint16_t UnusedPort();
-
 // A temporary bundle folder.
 class Bundle {
  public:

@@ -185,7 +185,7 @@ TEST_F(UpgradeJob, ReportsOfARefusedJobAndOfARebootJobUnderProvisioning) {
 // refused and the first one still finishes once the server comes up.
 TEST_F(UpgradeJob, WaitsForAnUnreachableServerAndRefusesASecondJob) {
   uint32_t crc = bundle.Add("late.bin", "worth the wait");
-  uint16_t port = e2e::UnusedPort();
+  uint16_t port = static_cast<uint16_t>(ftctest::FreeTcpPort());
   ftctest::PluginHost host;
   e2e::Job job;
   job.baseUrl = "http://127.0.0.1:" + std::to_string(port);

@@ -98,8 +98,10 @@ int Child::Wait(std::chrono::milliseconds timeout) {
   return WIFEXITED(status) ? WEXITSTATUS(status) : 128;
 }
 
-int BoundUdp(int* port) {
-  int s = socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
+namespace {
+
+int BoundSocket(int type, int* port) {
+  int s = socket(AF_INET, type | SOCK_CLOEXEC, 0);
   sockaddr_in a{};
   a.sin_family = AF_INET;
   a.sin_port = htons(static_cast<uint16_t>(*port));
@@ -111,9 +113,21 @@ int BoundUdp(int* port) {
   return s;
 }
 
+}  // namespace
+
+int BoundUdp(int* port) {
+  return BoundSocket(SOCK_DGRAM, port);
+}
+
 int FreeUdpPort() {
   int port = 0;
   close(BoundUdp(&port));
+  return port;
+}
+
+int FreeTcpPort() {
+  int port = 0;
+  close(BoundSocket(SOCK_STREAM, &port));
   return port;
 }
 

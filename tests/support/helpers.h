@@ -41,6 +41,8 @@ class Child {
 // A UDP socket bound on loopback to *port (0: any free one); the port goes back in *port.
 int BoundUdp(int* port);
 int FreeUdpPort();
+// A loopback TCP port nothing listened on when asked.
+int FreeTcpPort();
 // One datagram from fd, or "<none>" when nothing came within the time-out.
 std::string ReceiveDatagram(int fd, int timeoutMs = 5000);
 void SendDatagram(int port, const std::string& bytes);

@@ -5,6 +5,7 @@
 
 #include "common/crc_cache.h"
 #include "common/http.h"
+#include "store/intake.h"
 #include "support/device_root.h"
 #include "support/scripted_http_peer.h"
 
@@ -117,9 +118,14 @@ TEST(ServerTargets, MapToPathsUnderTheRoot) {
   }
 }
 
-TEST(ServerTexts, TimestampAndJson) {
+TEST(ServerTexts, TimestampAndReportLine) {
   EXPECT_EQ(FormatDeviceTimestamp(1709622489), "03-05-2024 07:08:09");
-  EXPECT_EQ(JsonString("a\"b\\c\r\n\x01"), "\"a\\\"b\\\\c\\r\\n\\u0001\"");
-  EXPECT_EQ(JsonString("caf\xc3\xa9"), "\"caf\xc3\xa9\"");  // UTF-8 kept
-  EXPECT_EQ(JsonString("caf\xe9"), "\"caf\\u00e9\"");       // legacy byte made valid
+  // Quotes escaped, UTF-8 kept, a legacy byte read as Latin-1; numbers stay numbers.
+  const std::string core = "caf\xe9", rx = "12", fallback = "-1x", error = "a\"b\tc \xc3\xa9";
+  EXPECT_EQ(ftcstore::MakeReport("T", "1.2.3.4", &core, &rx, &fallback, &error).line,
+            "{\"time\":\"T\",\"peer\":\"1.2.3.4\",\"Core-name\":\"caf\xc3\xa9\",\"Bundle-rx\":12,"
+            "\"HTTP-fallback\":\"-1x\",\"Error\":\"a\\\"b\\tc \xc3\xa9\"}");
+  EXPECT_EQ(ftcstore::MakeReport("T", "p", nullptr, nullptr, nullptr, nullptr).line,
+            "{\"time\":\"T\",\"peer\":\"p\",\"Core-name\":null,\"Bundle-rx\":null,"
+            "\"HTTP-fallback\":null,\"Error\":null}");
 }

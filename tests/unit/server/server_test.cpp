@@ -1,9 +1,5 @@
 // The real ftc-server, driven the way devices and plain HTTP clients drive it.
-#include <arpa/inet.h>
 #include <gtest/gtest.h>
-#include <netinet/in.h>
-#include <poll.h>
-#include <sys/socket.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -11,96 +7,18 @@
 #include <atomic>
 #include <cstdio>
 #include <filesystem>
-#include <map>
-#include <stdexcept>
 #include <thread>
 
 #include "support/device_root.h"
 #include "support/helpers.h"
+#include "support/http_client.h"
 #include "support/scripted_http_peer.h"
 
+using ftctest::Connection;
+using ftctest::Response;
 using ftctest::ServerProcess;
 
 namespace {
-
-struct Response {
-  int status = 0;  // 0: no complete response (closed, timed out or malformed)
-  std::map<std::string, std::string> headers;
-  std::string body;
-};
-
-// A raw client connection to the server on loopback.
-class Connection {
- public:
-  explicit Connection(uint16_t port) : m_fd(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0)) {
-    sockaddr_in a{};
-    a.sin_family = AF_INET;
-    a.sin_port = htons(port);
-    a.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    if (connect(m_fd, reinterpret_cast<sockaddr*>(&a), sizeof a) != 0)
-      throw std::runtime_error("connect");
-  }
-  ~Connection() { close(m_fd); }
-  bool Send(const std::string& bytes) {
-    for (size_t done = 0; done < bytes.size();) {
-      ssize_t n = send(m_fd, bytes.data() + done, bytes.size() - done, MSG_NOSIGNAL);
-      if (n <= 0) return false;
-      done += static_cast<size_t>(n);
-    }
-    return true;
-  }
-  // One response; HEAD responses have no body.
-  Response Read(bool head = false) {
-    Response r;
-    size_t end;
-    while ((end = m_buffer.find("\r\n\r\n")) == std::string::npos)
-      if (!Fill()) return r;
-    std::string text = m_buffer.substr(0, end + 2);
-    m_buffer.erase(0, end + 4);
-    int status = 0;
-    if (std::sscanf(text.c_str(), "HTTP/1.1 %d", &status) != 1) return r;
-    for (size_t pos = text.find("\r\n") + 2; pos < text.size();) {
-      size_t next = text.find("\r\n", pos);
-      std::string line = text.substr(pos, next - pos);
-      pos = next + 2;
-      size_t colon = line.find(": ");
-      if (colon != std::string::npos) r.headers[line.substr(0, colon)] = line.substr(colon + 2);
-    }
-    size_t length =
-        head ? 0
-             : std::stoull(r.headers.count("Content-Length") ? r.headers["Content-Length"] : "0");
-    while (m_buffer.size() < length)
-      if (!Fill()) return r;
-    r.body = m_buffer.substr(0, length);
-    m_buffer.erase(0, length);
-    r.status = status;
-    return r;
-  }
-  Response Get(const std::string& target, const std::string& extraHeaders = "") {
-    if (!Send("GET " + target + " HTTP/1.1\r\nHost: 127.0.0.1\r\n" + extraHeaders + "\r\n"))
-      return {};
-    return Read();
-  }
-  // True when the server closed the connection (EOF within a second).
-  bool ClosedByPeer() {
-    pollfd p{m_fd, POLLIN, 0};
-    char c;
-    return poll(&p, 1, 1000) == 1 && recv(m_fd, &c, 1, MSG_PEEK) == 0;
-  }
-
- private:
-  bool Fill() {
-    pollfd p{m_fd, POLLIN, 0};
-    if (poll(&p, 1, 10000) != 1) return false;
-    char buf[1 << 16];
-    ssize_t n = recv(m_fd, buf, sizeof buf, 0);
-    if (n <= 0) return false;
-    m_buffer.append(buf, static_cast<size_t>(n));
-    return true;
-  }
-  int m_fd;
-  std::string m_buffer;
-};
 
 std::string Crc(const std::string& data) {
   return std::to_string(ftctest::ReferenceCrc32(data));
@@ -242,33 +160,6 @@ TEST_F(ServerTest, PipelinedRequestsOnOneConnectionAndManyClientsAtOnce) {
     });
   for (auto& t : clients) t.join();
   EXPECT_EQ(good.load(), 50 * 8);
-}
-
-TEST_F(ServerTest, CompletionReportsAreRecordedBeforeTheAnswer) {
-  std::string reports = root.path() + "/reports.jsonl";
-  ServerProcess server(bundle, {"--reports", reports});
-  Connection c(server.port());
-  // As the plug-in sends it: no path, no Host; whole jobs show the report without an error.
-  ASSERT_TRUE(
-      c.Send("GET HTTP/1.1\r\nCore-name: CORE2\r\nBundle-rx: 0\r\nHTTP-fallback: 0\r\n"
-             "Bundle-transfer: COMPLETE\r\nError: CRC \"bad\"\r\n\r\n"));
-  EXPECT_EQ(c.Read().status, 200);  // answered only once recorded
-  std::string text = ftctest::ReadHostFile(reports);
-  EXPECT_NE(text.find("\"peer\":\"127.0.0.1\""), std::string::npos) << text;
-  EXPECT_NE(text.find("\"time\":\"20"), std::string::npos) << text;
-  EXPECT_NE(text.find("\"Core-name\":\"CORE2\",\"Bundle-rx\":0,\"HTTP-fallback\":0,"
-                      "\"Error\":\"CRC \\\"bad\\\"\"}\n"),
-            std::string::npos)
-      << text;
-
-  // A device that hangs up right after sending is still recorded.
-  Connection(server.port())
-      .Send("GET HTTP/1.1\r\nCore-name: CORE3\r\nBundle-transfer: COMPLETE\r\n\r\n");
-  EXPECT_TRUE(ftctest::WaitUntil([&] {
-    return ftctest::ReadHostFile(reports).find("\"Core-name\":\"CORE3\",\"Bundle-rx\":null") !=
-           std::string::npos;
-  }));
-  EXPECT_EQ(server.Stop(), 0);
 }
 
 }  // namespace

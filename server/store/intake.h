@@ -1,0 +1,40 @@
+// What devices deliver over HTTP, apart from the socket: a request body in, the answer out.
+// The answer is given only after the store has committed what it acknowledges.
+#pragma once
+
+#include <ctime>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "store.h"
+
+namespace ftcstore {
+
+constexpr size_t kMaxDeliveryBody = 4 << 20;
+constexpr size_t kMaxMessageBytes = 256 << 10;
+constexpr size_t kMaxBatch = 500;
+// Asked of devices when the store cannot commit.
+constexpr unsigned kRetryAfterSeconds = 2;
+
+struct Answer {
+  int status = 200;
+  std::string body;              // JSON
+  std::vector<std::string> log;  // why something was refused or could not be stored
+};
+
+// A refusal: {"error": why}, and why for the log.
+Answer Refusal(int status, const std::string& why);
+
+// POST /xq/messages: a device's batch of spooled messages.
+Answer AcceptMessages(std::string_view body, Store& store);
+// POST /xq/inventory: what a device has installed.
+Answer AcceptInventory(std::string_view body, Store& store);
+
+// A completion request's headers (null when absent) as the reports file's JSON line and the
+// store's row. time: when it arrived, as the line shows it.
+ReportRow MakeReport(const std::string& time, const std::string& peer, const std::string* core,
+                     const std::string* bundleRx, const std::string* fallback,
+                     const std::string* error);
+
+}  // namespace ftcstore

@@ -1,0 +1,342 @@
+// What devices deliver to the real ftc-server, and what the operator's views then show.
+#include <gtest/gtest.h>
+
+#include <cstdio>
+#include <filesystem>
+#include <map>
+#include <mutex>
+#include <nlohmann/json.hpp>
+#include <thread>
+
+#include "support/device_root.h"
+#include "support/helpers.h"
+#include "support/http_client.h"
+#include "support/postgres.h"
+
+using ftctest::Connection;
+using ftctest::ServerProcess;
+using Json = nlohmann::json;
+
+namespace {
+
+// The documents as the plug-in queues them.
+std::string Event(const std::string& code, const std::string& text) {
+  return "<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n<DevInfo Action=\"Notify\">\n"
+         "  <Subsystem Name=\"QV_EVENT_DB\">\n    <Group Name=\"errorLogMsg\">\n"
+         "      <Field Name=\"timestamp\">0</Field>\n      <Field Name=\"system\">20</Field>\n"
+         "      <Field Name=\"msgNum\">" +
+         code + "</Field>\n      <Field Name=\"optArgArrayElement\">" + text +
+         "</Field>\n    </Group>\n  </Subsystem>\n</DevInfo>\n";
+}
+std::string State(const std::string& subsystem, const std::string& group,
+                  const std::string& fields) {
+  return "<?xml version=\"1.0\" encoding=\"UTF-8\"?>\t\t<DevInfo Action=\"Set\">   <Subsystem "
+         "Name=\"" +
+         subsystem + "\">   <Group Name=\"" + group + "\">" + fields +
+         "   </Group>   </Subsystem>\t</DevInfo>";
+}
+std::string ReadyToWork(const std::string& state, const std::string& reason) {
+  return State("QV_Client", "Ready-to-Work",
+               "<Field Name=\"State\">" + state + "</Field>   <Field Name=\"Reason\">" + reason +
+                   "</Field>");
+}
+
+Json Message(const std::string& queue, Json seq, const std::string& body,
+             const std::string& time = "2026-11-22T04:38:17.123456Z") {
+  return {{"queue", queue}, {"seq", seq}, {"time", time}, {"body", body}};
+}
+std::string Batch(const std::string& device, const std::vector<Json>& messages) {
+  return Json{{"device", device}, {"messages", messages}}.dump();
+}
+std::string Inventory(const std::string& device, const std::string& bundle,
+                      const std::string& time) {
+  std::string record =
+      "<QVInstalledBundles>   <Subsystem Name=\"Installed Bundles\">      "
+      "<Group Name=\"" +
+      bundle +
+      "\">        <Field Name=\"Version\" Type=\"String\">1.0</Field>      "
+      "</Group>   </Subsystem></QVInstalledBundles>";
+  return Json{{"device", device},  {"serial", "S-" + device},    {"hardware", "HW7"},
+              {"bundles", record}, {"version", "Version=3.50d"}, {"time", time}}
+      .dump();
+}
+
+std::vector<std::string> Statuses(const ftctest::Response& r) {
+  std::vector<std::string> out;
+  Json j = Json::parse(r.body, nullptr, false);
+  if (j.is_object() && j.contains("results"))
+    for (const Json& x : j["results"]) out.push_back(x["status"]);
+  return out;
+}
+
+// `ftc-server fleet|events ARGS` as JSON lines, one object each.
+std::vector<Json> View(const std::string& args, int* status = nullptr) {
+  std::string out = ftctest::RunCommand(ftctest::BinDir() + "/ftc-server " + args, status);
+  std::vector<Json> rows;
+  for (size_t at = 0, end; at < out.size(); at = end + 1) {
+    end = out.find('\n', at);
+    if (end == std::string::npos) end = out.size();
+    rows.push_back(Json::parse(out.substr(at, end - at), nullptr, false));
+  }
+  return rows;
+}
+
+std::map<std::string, Json> ByDevice(const std::vector<Json>& rows) {
+  std::map<std::string, Json> out;
+  for (const Json& r : rows) out[r.value("device", "?")] = r;
+  return out;
+}
+
+std::string CompletionReport(const std::string& device, const std::string& error) {
+  return "GET HTTP/1.1\r\nCore-name: " + device +
+         "\r\nBundle-rx: 0\r\nHTTP-fallback: 1\r\nBundle-transfer: COMPLETE\r\n" +
+         (error.empty() ? "" : "Error: " + error + "\r\n") + "\r\n";
+}
+
+class FleetTest : public ::testing::Test {
+ protected:
+  void SetUp() override { std::filesystem::create_directories(bundle); }
+  ftctest::DeviceRoot root;
+  std::string bundle = root.path() + "/bundle";
+  std::string dbPath = root.path() + "/fleet.db";
+  std::string db = "sqlite:" + dbPath;
+};
+
+TEST_F(FleetTest, MessagesAreStoredOnceWithTheirKindsAndBadOnesAreRefused) {
+  ServerProcess server(bundle, {"--db", db});
+  Connection c(server.port());
+  const std::string unescaped = ReadyToWork("1", "Upgrade Failed: <disk> & more");
+  const std::string autoDeploy =
+      State("AutoDeploy", "Info", "<Field Name=\"Settings Installed\">101</Field>");
+  const std::vector<Json> batch = {
+      Message("QV_Event_DB", 1, Event("205181", "Demo, 1.0")),
+      Message("QV_CLIENT", 1, unescaped, "2026-11-22T04:38:18Z"),
+      Message("QV_CLIENT", 2, autoDeploy),
+      Message("QV_Other", 1, "<Anything><Else/></Anything>"),
+      // Refused one by one, never stored, never in the way of the others.
+      Message("../QV_CLIENT", 3, autoDeploy),
+      Message("QV_CLIENT", 0, autoDeploy),
+      Message("QV_CLIENT", -4, autoDeploy),
+      Message("QV_CLIENT", 4, autoDeploy, "yesterday"),
+      Message("QV_CLIENT", 5, ""),
+      Message("QV_CLIENT", 6, "<DevInfo><unclosed>"),
+      Message("QV_CLIENT", 7, std::string(256 * 1024 + 1, 'x')),
+      Message("QV_Event_DB", 2, State("QV_EVENT_DB", "errorLogMsg", "<Field Name=\"x\"/>")),
+  };
+  const std::vector<std::string> stored = {"stored", "stored", "stored", "stored"};
+  std::vector<std::string> rejected(8, "rejected");
+  auto expect = [&](std::vector<std::string> first) {
+    first.insert(first.end(), rejected.begin(), rejected.end());
+    return first;
+  };
+  ftctest::Response r = c.Post("/xq/messages", Batch("dev-1", batch));
+  ASSERT_EQ(r.status, 200) << r.body;
+  EXPECT_EQ(Statuses(r), expect(stored)) << r.body;
+  r = c.Post("/xq/messages", Batch("dev-1", batch));
+  EXPECT_EQ(Statuses(r), expect({"duplicate", "duplicate", "duplicate", "duplicate"})) << r.body;
+
+  std::vector<Json> events = View("events --json --db " + db);
+  ASSERT_EQ(events.size(), 4u);
+  const std::pair<std::string, std::vector<std::string>> want[] = {
+      {Event("205181", "Demo, 1.0"), {"QV_Event_DB", "event", "205181", "Demo, 1.0"}},
+      {autoDeploy, {"QV_CLIENT", "autodeploy", "101", ""}},
+      {"<Anything><Else/></Anything>", {"QV_Other", "message", "", ""}},
+      {unescaped, {"QV_CLIENT", "state", "1", "Upgrade Failed: <disk> & more"}},
+  };
+  for (size_t i = 0; i < events.size(); ++i) {
+    const Json& e = events[i];
+    EXPECT_EQ(e["body"], want[i].first);
+    EXPECT_EQ((std::vector<std::string>{e["queue"], e["kind"], e["code"], e["text"]}),
+              want[i].second);
+  }
+  EXPECT_EQ(events[0]["category"], 20);
+
+  // A bad envelope is refused whole, and the connection stays usable.
+  std::vector<Json> many;
+  for (int i = 1; i <= 501; ++i) many.push_back(Message("QV_CLIENT", i, autoDeploy));
+  for (const std::string& body :
+       {std::string("not json"), Batch("not a device id!", batch), Batch("dev-1", {}),
+        Batch("dev-1", many), Batch("dev-1", {1, 2}), std::string(100, '[') + std::string(100, ']'),
+        std::string("{\"device\":\"dev-1\",\"serial\":7}")}) {
+    const char* target =
+        body.find("serial") != std::string::npos ? "/xq/inventory" : "/xq/messages";
+    r = c.Post(target, body);
+    EXPECT_EQ(r.status, 400) << body.substr(0, 60);
+    EXPECT_TRUE(Json::parse(r.body, nullptr, false).contains("error")) << r.body;
+  }
+  EXPECT_EQ(View("events --json --db " + db).size(), 4u);
+
+  // The answer comes before the close a client asked for.
+  Connection last(server.port());
+  std::string body = Batch("dev-1", {batch[0]});
+  last.Send("POST /xq/messages HTTP/1.1\r\nConnection: close\r\nContent-Length: " +
+            std::to_string(body.size()) + "\r\n\r\n" + body);
+  EXPECT_EQ(Statuses(last.Read()), std::vector<std::string>{"duplicate"});
+  EXPECT_TRUE(last.ClosedByPeer());
+
+  // Oversized or unmeasured bodies are refused before they are read.
+  for (const char* head : {"Content-Length: 4194305\r\n", ""}) {
+    Connection big(server.port());
+    big.Send(std::string("POST /xq/messages HTTP/1.1\r\n") + head + "\r\n");
+    EXPECT_EQ(big.Read().status, *head ? 413 : 411);
+    EXPECT_TRUE(big.ClosedByPeer());
+  }
+}
+
+TEST_F(FleetTest, FleetViewShowsEachDevicesLastJobInventoryAndReport) {
+  std::string reports = root.path() + "/reports.jsonl";
+  ServerProcess server(bundle, {"--db", db, "--reports", reports});
+  Connection c(server.port());
+  auto post = [&](const std::string& target, const std::string& body) {
+    EXPECT_EQ(c.Post(target, body).status, 200) << body.substr(0, 80);
+  };
+  auto report = [&](const std::string& device, const std::string& error) {
+    ASSERT_TRUE(c.Send(CompletionReport(device, error)));
+    ftctest::Response r = c.Read();
+    EXPECT_EQ(r.status, 200);  // answered only once recorded
+    EXPECT_EQ(r.body, "");
+  };
+  post("/xq/messages", Batch("dev-done", {Message("QV_Event_DB", 1, Event("205181", "Demo, 1.0")),
+                                          Message("QV_Event_DB", 2, Event("205182", "Demo, 1.0"),
+                                                  "2026-11-22T04:40:00Z")}));
+  post("/xq/inventory", Inventory("dev-done", "Demo", "2026-11-22T05:00:00Z"));
+  // Sent earlier, arriving later: it does not replace what the device sent since.
+  post("/xq/inventory", Inventory("dev-done", "Older", "2026-11-22T04:00:00Z"));
+  report("dev-done", "");
+  post("/xq/messages",
+       Batch("dev-failed", {Message("QV_Event_DB", 1, Event("205181", "Demo, 2.0")),
+                            Message("QV_Event_DB", 2, Event("205180", "CRC, Demo, 2.0"),
+                                    "2026-11-22T04:40:00Z")}));
+  report("dev-failed", "CRC \"bad\"");
+  post("/xq/messages",
+       Batch("dev-busy", {Message("QV_Event_DB", 1, Event("205181", "Demo, 3.0"))}));
+  post("/xq/inventory", Inventory("dev-new", "Demo", "2026-11-22T05:00:00Z"));
+  // A device that hangs up right after sending is still recorded.
+  Connection(server.port()).Send(CompletionReport("dev-old", ""));
+  ASSERT_TRUE(ftctest::WaitUntil(
+      [&] { return ftctest::ReadHostFile(reports).find("dev-old") != std::string::npos; }));
+
+  std::string lines = ftctest::ReadHostFile(reports);
+  EXPECT_NE(lines.find("{\"time\":\"20"), std::string::npos) << lines;
+  EXPECT_NE(lines.find("\"peer\":\"127.0.0.1\",\"Core-name\":\"dev-failed\",\"Bundle-rx\":0,"
+                       "\"HTTP-fallback\":1,\"Error\":\"CRC \\\"bad\\\"\"}\n"),
+            std::string::npos)
+      << lines;
+
+  auto fleet = ByDevice(View("fleet --json --db " + db));
+  ASSERT_EQ(fleet.size(), 5u);
+  const std::map<std::string, std::vector<std::string>> want = {
+      // state, last job, installed
+      {"dev-done", {"complete", "Demo, 1.0", "Demo 1.0"}},
+      {"dev-failed", {"failed", "Demo, 2.0", ""}},
+      {"dev-busy", {"started", "Demo, 3.0", ""}},
+      {"dev-new", {"no report", "", "Demo 1.0"}},
+      {"dev-old", {"complete", "", ""}},
+  };
+  for (const auto& [device, fields] : want) {
+    const Json& f = fleet[device];
+    EXPECT_EQ((std::vector<std::string>{f["state"], f["last_job"], f["installed"]}), fields)
+        << device;
+  }
+  EXPECT_EQ(fleet["dev-failed"]["error"], "CRC \"bad\"");
+  EXPECT_EQ(fleet["dev-done"]["http_fallback"], "1");
+  EXPECT_EQ(fleet["dev-done"]["serial"], "S-dev-done");
+  EXPECT_TRUE(fleet["dev-busy"]["error"].is_null());
+
+  // A job that has gone quiet for the operator's limit is no longer shown as running.
+  EXPECT_EQ(ByDevice(View("fleet --json --stale 0 --db " + db))["dev-busy"]["state"], "stale");
+  std::string table = ftctest::RunCommand(ftctest::BinDir() + "/ftc-server fleet --db " + db);
+  EXPECT_NE(table.find("\n5 devices: 2 complete, 1 failed, 1 started, 0 stale, 1 no report\n"),
+            std::string::npos)
+      << table;
+  EXPECT_EQ(View("events --json --device dev-failed --since 2026-11-22T04:39 --db " + db).size(),
+            1u);
+}
+
+TEST_F(FleetTest, AnswersRetryAfterWhileTheDatabaseIsGoneAndStoresOnceItIsBack) {
+  ServerProcess server(bundle, {"--db", db, "--reports", root.path() + "/reports.jsonl"});
+  Connection c(server.port());
+  auto post = [&](int seq) {
+    return c.Post("/xq/messages",
+                  Batch("dev-1", {Message("QV_CLIENT", seq, ReadyToWork("4", "x"))}));
+  };
+  ASSERT_EQ(post(1).status, 200);
+  std::filesystem::rename(dbPath, dbPath + ".away");
+  ftctest::Response r = post(2);
+  EXPECT_EQ(r.status, 503);
+  EXPECT_EQ(r.headers["Retry-After"], "2");
+  ASSERT_TRUE(c.Send(CompletionReport("dev-1", "")));
+  EXPECT_EQ(c.Read().status, 503);
+  std::filesystem::rename(dbPath + ".away", dbPath);
+  r = post(2);
+  EXPECT_EQ(Statuses(r), std::vector<std::string>{"stored"}) << r.body;
+  EXPECT_EQ(View("events --json --db " + db).size(), 2u);
+}
+
+class FleetPostgresTest : public ::testing::Test {
+ protected:
+  static void SetUpTestSuite() { pg = new ftctest::PostgresServer(); }
+  static void TearDownTestSuite() { delete pg; }
+  void SetUp() override {
+    if (!pg->available()) GTEST_SKIP() << pg->why();
+    std::filesystem::create_directories(bundle);
+  }
+  static ftctest::PostgresServer* pg;
+  ftctest::DeviceRoot root;
+  std::string bundle = root.path() + "/bundle";
+};
+ftctest::PostgresServer* FleetPostgresTest::pg = nullptr;
+
+TEST_F(FleetPostgresTest, TwoServersShareOneDatabaseAndSurviveItsRestart) {
+  ServerProcess a(bundle, {"--db", pg->url(), "--threads", "2"});
+  ServerProcess b(bundle, {"--db", pg->url(), "--threads", "2"});
+  // Every device delivers each batch through both servers at once, as a retry behind a load
+  // balancer would: each message must be stored exactly once.
+  constexpr int kDevices = 4, kMessages = 40, kBatch = 10;
+  std::mutex mutex;
+  std::map<std::string, int> storedCount, answers;
+  std::vector<std::thread> clients;
+  for (int t = 0; t < kDevices * 2; ++t)
+    clients.emplace_back([&, t] {
+      Connection c(t % 2 ? a.port() : b.port());
+      std::string device = "dev-" + std::to_string(t / 2);
+      for (int first = 1; first <= kMessages; first += kBatch) {
+        std::vector<Json> batch;
+        for (int seq = first; seq < first + kBatch; ++seq)
+          batch.push_back(Message("QV_Event_DB", seq,
+                                  Event("205181", "Demo, " + std::to_string(seq)),
+                                  "2026-11-22T04:" + std::to_string(10 + seq) + ":00Z"));
+        ftctest::Response r = c.Post("/xq/messages", Batch(device, batch));
+        std::vector<std::string> statuses = Statuses(r);
+        std::lock_guard<std::mutex> lock(mutex);
+        answers[std::to_string(r.status)]++;
+        for (size_t i = 0; i < statuses.size(); ++i)
+          if (statuses[i] == "stored") storedCount[device + "/" + std::to_string(first + i)]++;
+      }
+    });
+  for (auto& t : clients) t.join();
+  EXPECT_EQ(answers["200"], kDevices * 2 * kMessages / kBatch);
+  EXPECT_EQ(storedCount.size(), size_t(kDevices * kMessages));
+  for (const auto& [key, n] : storedCount) EXPECT_EQ(n, 1) << key;
+  EXPECT_EQ(View("events --json --db " + pg->url()).size(), size_t(kDevices * kMessages));
+  auto fleet = View("fleet --json --db " + pg->url());
+  ASSERT_EQ(fleet.size(), size_t(kDevices));
+  EXPECT_EQ(fleet[0]["state"], "started");
+  EXPECT_EQ(fleet[0]["last_job"], "Demo, 40");
+
+  Connection c(a.port());
+  auto post = [&](int seq) {
+    return c.Post("/xq/messages",
+                  Batch("dev-9", {Message("QV_CLIENT", seq, ReadyToWork("4", "x"))}));
+  };
+  ASSERT_TRUE(pg->Stop());
+  ftctest::Response r = post(1);
+  EXPECT_EQ(r.status, 503);
+  EXPECT_EQ(r.headers["Retry-After"], "2");
+  ASSERT_TRUE(pg->Start());
+  EXPECT_TRUE(ftctest::WaitUntil([&] { return post(1).status == 200; }));
+  EXPECT_EQ(a.Stop(), 0);
+  EXPECT_EQ(b.Stop(), 0);
+}
+
+}  // namespace
