@@ -164,7 +164,7 @@ const char kUpgradeComplete[] =
 TEST_F(Deliver, AServerAwayAndThenBusyLosesNothingAndKeepsEachQueuesOrder) {
   for (int i = 1; i <= 5; ++i) Spool("QV_Event_DB", "e" + std::to_string(i));
   for (int i = 1; i <= 3; ++i) Spool("QV_CLIENT", "c" + std::to_string(i));
-  uint16_t port = e2e::UnusedPort();
+  uint16_t port = static_cast<uint16_t>(ftctest::FreeTcpPort());
   ftctest::Child agent({ftctest::BinDir() + "/ftc-host", "deliver", "--follow", "--server",
                         "http://127.0.0.1:" + std::to_string(port), "--root", root.path(),
                         "--time-scale", "0.001"});
