@@ -8,7 +8,6 @@
 #include <map>
 #include <mutex>
 #include <set>
-#include <sstream>
 #include <string>
 #include <thread>
 #include <vector>
@@ -27,28 +26,6 @@ using Clock = std::chrono::steady_clock;
 // The plug-in's request record holds each text in 256 bytes.
 constexpr size_t kMaxText = 255;
 constexpr int kAttempts = 10;
-
-std::string ReadFrom(const std::string& path, std::streamoff offset) {
-  std::ifstream in(path, std::ios::binary);
-  if (!in) return "";
-  in.seekg(0, std::ios::end);
-  if (in.tellg() < offset) offset = 0;
-  in.seekg(offset);
-  std::ostringstream s;
-  s << in.rdbuf();
-  return s.str();
-}
-
-std::streamoff SizeOf(const std::string& path) {
-  std::ifstream in(path, std::ios::binary | std::ios::ate);
-  return in ? static_cast<std::streamoff>(in.tellg()) : 0;
-}
-
-int Count(const std::string& text, const std::string& what) {
-  int n = 0;
-  for (size_t at = text.find(what); at != std::string::npos; at = text.find(what, at + 1)) ++n;
-  return n;
-}
 
 int PullUsage(const std::string& message) {
   fprintf(stderr,
@@ -109,8 +86,6 @@ int PullCommand(const Options& opt) {
 
   std::set<std::string> seen;
   ReadSpoolNew(opt.root, "", &seen);
-  const std::string log = WinuxMapPath(kDeviceLogFile);
-  std::streamoff logStart = SizeOf(log);
   auto started = Clock::now();
 
   const std::pair<const char*, std::string> fields[] = {{"SrcUrl", named["--url"]},
@@ -128,41 +103,34 @@ int PullCommand(const Options& opt) {
     return kExitFailed;
   }
 
-  // Each attempt may wait out the client's 20 s time-out and a scaled 3 s pause.
+  // Each attempt may wait out the client's 20 s time-out and a scaled 3 s pause. A request that
+  // used up its attempts says nothing more: its thread ends, and that is the end.
   const double scale = WinuxTimeScale();
   const auto limit =
       std::chrono::milliseconds(static_cast<int64_t>(kAttempts * (20000 + 3000 * scale) + 10000));
-  bool complete = false, gaveUp = false;
-  while (!(complete && finished) && !gaveUp && Clock::now() - started < limit) {
+  bool complete = false, ended = false;
+  while (!(complete && finished) && !ended && Clock::now() - started < limit) {
+    ended = WinuxWaitForPlatformThreads(20);
     for (const SpoolRecord& r : ReadSpoolNew(opt.root, "", &seen)) {
       if (r.kind != "event") continue;
       print("event " + r.code + ": " + r.text);
       if (r.code == "205185" && r.text == dest) complete = true;
     }
-    // A request that used up its attempts says nothing more.
-    if (!complete && Count(ReadFrom(log, logStart), "PullFilethread - retrying") >= kAttempts)
-      gaveUp = true;
-    if (!(complete && finished) && !gaveUp)
-      std::this_thread::sleep_for(std::chrono::milliseconds(20));
   }
   double seconds = std::chrono::duration<double>(Clock::now() - started).count();
-  std::string text = ReadFrom(log, logStart);
-  int retries = Count(text, "PullFilethread - retrying");
   char summary[160];
   if (complete) {
     std::ifstream in(WinuxMapPath(dest), std::ios::binary | std::ios::ate);
     long long bytes = in ? static_cast<long long>(in.tellg()) : -1;
-    snprintf(summary, sizeof summary, "pulled %lld bytes in %.1f s after %d failed attempt%s",
-             bytes, seconds, retries, retries == 1 ? "" : "s");
+    snprintf(summary, sizeof summary, "pulled %lld bytes in %.1f s", bytes, seconds);
     print(summary);
     return kExitOk;
   }
-  if (gaveUp)
-    snprintf(summary, sizeof summary, "pull failed: %d attempts, none succeeded (see ftc-host log)",
-             retries);
+  if (ended)
+    snprintf(summary, sizeof summary,
+             "pull failed: %d attempts, none succeeded (see the device log)", kAttempts);
   else
-    snprintf(summary, sizeof summary, "pull did not finish within %.0f s (%d failed attempts)",
-             seconds, retries);
+    snprintf(summary, sizeof summary, "pull did not finish within %.0f s", seconds);
   print(summary);
   return kExitFailed;
 }

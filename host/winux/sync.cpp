@@ -177,6 +177,9 @@ bool WaitLocked(std::unique_lock<std::mutex>& lock, DWORD milliseconds, Ready re
 
 void* ThreadMain(void* arg);
 
+// Threads started by CreateThread that have not ended yet; guarded by SyncLock.
+int g_livePlatformThreads = 0;
+
 struct StartBlock {
   std::shared_ptr<ThreadRec> rec;
   LPTHREAD_START_ROUTINE start;
@@ -192,6 +195,7 @@ struct EndMarker {
     std::lock_guard<std::mutex> guard(SyncLock());
     rec->exitCode = returned ? code : rec->cancelCode;
     rec->ended = true;
+    --g_livePlatformThreads;
     SyncCondition().notify_all();
   }
 };
@@ -254,10 +258,18 @@ extern "C" HANDLE CreateThread(LPSECURITY_ATTRIBUTES, DWORD stackSize, LPTHREAD_
     pthread_attr_setstacksize(&attr, size);
   }
   auto* block = new StartBlock{rec, start, parameter};
+  {
+    std::lock_guard<std::mutex> guard(SyncLock());
+    ++g_livePlatformThreads;
+  }
   pthread_t thread;
   int rc = pthread_create(&thread, &attr, ThreadMain, block);
   pthread_attr_destroy(&attr);
   if (rc != 0) {
+    {
+      std::lock_guard<std::mutex> guard(SyncLock());
+      --g_livePlatformThreads;
+    }
     delete block;
     WinuxSetLastErrorFromErrno(rc);
     return nullptr;
@@ -270,6 +282,12 @@ extern "C" HANDLE CreateThread(LPSECURITY_ATTRIBUTES, DWORD stackSize, LPTHREAD_
   auto object = std::make_shared<ThreadObject>();
   object->rec = rec;
   return AddHandle(object);
+}
+
+bool WinuxWaitForPlatformThreads(DWORD realMilliseconds) {
+  std::unique_lock<std::mutex> lock(SyncLock());
+  return SyncCondition().wait_for(lock, std::chrono::milliseconds(realMilliseconds),
+                                  [] { return g_livePlatformThreads == 0; });
 }
 
 extern "C" BOOL TerminateThread(HANDLE thread, DWORD exitCode) {

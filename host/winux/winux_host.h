@@ -17,6 +17,9 @@ WINUX_API std::string WinuxMapPathW(const wchar_t* devicePath);
 // WINUX_TIME_SCALE (default 1): every platform pause and timed wait is multiplied by it.
 WINUX_API double WinuxTimeScale();
 WINUX_API DWORD WinuxScaleMs(DWORD milliseconds);
+// Waits, in real time, until every thread started by CreateThread has ended: the host's join
+// on work the plug-in runs on its own threads. False when some still run at the limit.
+WINUX_API bool WinuxWaitForPlatformThreads(DWORD realMilliseconds);
 // A value of <root>/.winux/identity (lines key=value); empty when the key is not set.
 WINUX_API std::string WinuxIdentityValue(const std::string& key);
 // Sets the calling thread's last error from errno (the one errno conversion point).
