@@ -95,8 +95,6 @@ class Walker {
         if (!field) return Fail(child, "<Field> has no Name", error);
         std::string value = child.text().get();
         m_job->calls.push_back({JobCall::kSetField, field.value(), value, Line(child)});
-        if (strcasecmp(field.value(), "Reboot") == 0)
-          m_job->reboot = strcasecmp(value.c_str(), "True") == 0;
         Remember(field.value(), value);
       } else {
         return Fail(child, std::string("unexpected element <") + child.name() + ">", error);

@@ -25,8 +25,6 @@ struct JobFile {
   File listFile;
   bool hasListFile = false;
   bool hasUpgrade = false;
-  // A completed job that asks for a reboot requests it after its end.
-  bool reboot = false;
 };
 
 // Parses text into calls. On failure returns false and sets error to a message carrying the line

@@ -5,6 +5,7 @@
 #include <thread>
 
 #include "platform/winux.h"
+#include "winux/winux_host.h"
 #include "xq/spool.h"
 
 namespace ftchost {
@@ -15,6 +16,8 @@ namespace {
 constexpr char kEventQueue[] = "QV_Event_DB";
 constexpr char kUpgradeFailed[] = "205180";
 constexpr char kUpgradeComplete[] = "205182";
+// The worker's last steps take seconds at most.
+constexpr std::chrono::milliseconds kTailLimit{120000};
 
 }  // namespace
 
@@ -61,8 +64,13 @@ JobOutcome JobWatch::Wait(std::chrono::milliseconds limit) {
   auto until = std::chrono::steady_clock::now() + limit;
   for (;;) {
     JobOutcome outcome = Poll();
-    if (outcome != JobOutcome::kRunning || std::chrono::steady_clock::now() >= until)
+    if (outcome != JobOutcome::kRunning) {
+      // The worker's tail (clean-up, a reboot request, closing the queue) follows the end; the
+      // host must not unload or exit under it.
+      (void)WinuxWaitForPlatformThreads(static_cast<DWORD>(kTailLimit.count()));
       return outcome;
+    }
+    if (std::chrono::steady_clock::now() >= until) return outcome;
     std::this_thread::sleep_for(std::chrono::milliseconds(20));
   }
 }

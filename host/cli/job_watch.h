@@ -27,7 +27,8 @@ class JobWatch {
 
   // Looks once; kRunning until the job has ended.
   [[nodiscard]] JobOutcome Poll();
-  // Polls until the job has ended or limit (real time) has passed; kRunning then.
+  // Polls until the job has ended or limit (real time) has passed; kRunning then. After the end
+  // it also waits for the plug-in's threads to leave.
   [[nodiscard]] JobOutcome Wait(std::chrono::milliseconds limit);
   // The final event's text: "bundle, version", or "reason, bundle, version" on failure.
   const std::string& text() const { return m_text; }

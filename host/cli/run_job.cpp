@@ -30,8 +30,6 @@ using Clock = std::chrono::steady_clock;
 
 // A job waits for an unreachable server for as long as it takes; an operator should not.
 constexpr std::chrono::hours kJobLimit{1};
-// The worker's last steps before its reboot request take seconds at most.
-constexpr std::chrono::minutes kRebootLimit{2};
 
 // A file as it stood before the job.
 struct Stamp {
@@ -191,13 +189,6 @@ bool RebootRequested(const Run& run) {
 // The worker owns the job now; the watch says when it has let go.
 void WaitForEnd(Run& run) {
   if (run.upgradeStarted) run.outcome = run.watch->Wait(kJobLimit);
-  // A completed job that asked for a reboot requests it after its end: wait for that record
-  // rather than leave while the worker is about to write it.
-  if (run.outcome == JobOutcome::kComplete && run.job.reboot) {
-    auto until = Clock::now() + kRebootLimit;
-    while (!RebootRequested(run) && Clock::now() < until)
-      std::this_thread::sleep_for(std::chrono::milliseconds(20));
-  }
   run.view.Finish();
   run.seconds = std::chrono::duration<double>(Clock::now() - run.started).count();
 }
