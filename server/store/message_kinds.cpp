@@ -21,7 +21,8 @@ pugi::xml_node Field(const pugi::xml_node& group, const char* name) {
 }
 
 // The plug-in fills the ready-to-work reason and the AutoDeploy value into its templates
-// without escaping them, and both are the template's last field: escape that text and retry.
+// without escaping them, and both are the template's last field: parse the document without
+// that text, then give the field its text as it was sent.
 bool LoadRepaired(std::string_view body, pugi::xml_document* doc) {
   for (const char* open : {"<Field Name=\"Reason\">", "<Field Name=\"Settings Installed\">"}) {
     size_t from = body.find(open);
@@ -29,20 +30,17 @@ bool LoadRepaired(std::string_view body, pugi::xml_document* doc) {
     if (from == std::string_view::npos || to == std::string_view::npos) continue;
     from += std::strlen(open);
     if (to < from) continue;
-    std::string fixed(body.substr(0, from));
-    for (char c : body.substr(from, to - from)) {
-      if (c == '&')
-        fixed += "&amp;";
-      else if (c == '<')
-        fixed += "&lt;";
-      else if (c == '>')
-        fixed += "&gt;";
-      else
-        fixed += c;
-    }
-    fixed += body.substr(to);
-    if (doc->load_buffer(fixed.data(), fixed.size(), pugi::parse_default, pugi::encoding_utf8))
-      return true;
+    std::string hollow(body.substr(0, from));
+    hollow += body.substr(to);
+    if (!doc->load_buffer(hollow.data(), hollow.size(), pugi::parse_default, pugi::encoding_utf8))
+      continue;
+    std::string name(open + std::strlen("<Field Name=\""));
+    name.resize(name.size() - 2);
+    pugi::xml_node field = doc->find_node([&](const pugi::xml_node& n) {
+      return std::strcmp(n.name(), "Field") == 0 && name == n.attribute("Name").value();
+    });
+    if (field) field.text().set(std::string(body.substr(from, to - from)).c_str());
+    return true;
   }
   return false;
 }
