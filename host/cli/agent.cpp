@@ -3,6 +3,7 @@
 // A record under <root>/.winux names the job under way, so that after a restart the server, not
 // the agent, decides whether that job runs again.
 #include <fcntl.h>
+#include <pthread.h>
 #include <signal.h>
 #include <sys/file.h>
 #include <unistd.h>
@@ -226,10 +227,18 @@ class DeviceAgent {
     if (!Keep(record)) return;
     printf("%s: running its job\n", name.c_str());
     fflush(stdout);
+    // The plug-in's threads inherit the mask: a stop during the job waits for its end instead of
+    // cutting their calls short with EINTR.
+    sigset_t stops, was;
+    sigemptyset(&stops);
+    sigaddset(&stops, SIGTERM);
+    sigaddset(&stops, SIGINT);
+    pthread_sigmask(SIG_BLOCK, &stops, &was);
     JobResult r = RunParsedJob(m_opt, job, [this] {
       m_pending = Result("started", 0, "");
       PostResult();
     });
+    pthread_sigmask(SIG_SETMASK, &was, nullptr);
     m_inventoryDue = true;
     record["outcome"] = StateName(r.state);
     (void)Keep(record);
