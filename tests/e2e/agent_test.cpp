@@ -1,6 +1,6 @@
 // ftc-host agent against a peer that answers as the fleet server does: jobs handed out are
 // fetched once, run, delivered and reported; a refusal carries its code; an agent killed
-// mid-job asks the server instead of running the job again.
+// mid-job tells the server what it found and runs the job again only when handed it again.
 #include <gtest/gtest.h>
 #include <signal.h>
 
@@ -231,6 +231,11 @@ TEST_F(Agent, KilledMidJobItReportsWhatItFoundAndLeavesTheJobToTheServer) {
   // The interrupted job's records still reach the server.
   ASSERT_TRUE(ftctest::WaitUntil([&] { return !peer.Events().empty(); })) << Output();
   EXPECT_EQ(peer.Events()[0], "205181");
+
+  // Handed out again, it runs again.
+  peer.Hand(9, job);
+  EXPECT_TRUE(ftctest::WaitUntil([&] { return peer.Results().size() == 2; })) << Output();
+  EXPECT_EQ(peer.Fetches().size(), 2u);
 }
 
 }  // namespace
