@@ -1,6 +1,8 @@
 // The commands of ftc-host.
 #pragma once
 
+#include <cstdint>
+#include <functional>
 #include <string>
 #include <vector>
 
@@ -15,8 +17,9 @@ struct Options {
   std::string root;               // absolute; WINUX_ROOT is set to it
   std::string plugin;
   std::string queue;
-  std::string server;   // deliver --server
-  std::string deliver;  // run --deliver: where the job's reports go afterwards
+  std::string server;    // deliver --server
+  std::string deliver;   // run --deliver: where the job's reports go afterwards
+  std::string interval;  // agent --interval, device seconds
   bool follow = false;
   bool dword = false;
 };
@@ -24,7 +27,24 @@ struct Options {
 // The device log, as the plug-in names it.
 constexpr char kDeviceLogFile[] = "/tmp/FileXfer.txt";
 
+// How a job replayed into the plug-in ended.
+struct JobResult {
+  enum State { kNotRun, kRefused, kComplete, kFailed, kUnknown };
+  State state = kNotRun;
+  uint32_t code = 0;  // kRefused: the result code of the refused Upgrade call
+  std::string text;   // the final event's text, the refusal's meaning, or why it is unknown
+  int exit = kExitFailed;
+};
+
+struct JobFile;
+
+// `run`'s work after the job file is read: replays the job, follows it to its end and prints
+// the summary. started is called once the plug-in has taken the job.
+JobResult RunParsedJob(const Options& opt, const JobFile& job,
+                       const std::function<void()>& started = {});
 int RunJob(const Options& opt);
+// `ftc-host agent`: checks in with the fleet server and runs the jobs it hands out.
+int AgentCommand(const Options& opt);
 int RegistryCommand(const Options& opt);
 int IdentityCommand(const Options& opt);
 int LogCommand(const Options& opt);

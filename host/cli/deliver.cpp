@@ -80,6 +80,8 @@ std::string RegistryText(const wchar_t* key, const wchar_t* name, size_t maxChar
   return narrow;
 }
 
+}  // namespace
+
 bool ResolveServer(const std::string& given, std::string* base, std::string* error) {
   std::string url = given;
   if (url.empty()) {
@@ -109,6 +111,8 @@ bool ResolveServer(const std::string& given, std::string* base, std::string* err
   *base = url;
   return true;
 }
+
+namespace {
 
 std::string IdentityText(DWORD (*get)(char*, DWORD*)) {
   char buf[256] = {};
@@ -222,34 +226,17 @@ class Agent {
     return Step::kFailed;
   }
 
-  // Capped exponential with jitter, so a fleet that lost its server does not return in step.
-  double NextWait() {
-    double scale = WinuxTimeScale();
-    double wait = std::min(kLongestWait, kFirstWait * std::pow(2.0, std::min(m_failures, 16)));
-    wait = std::uniform_real_distribution<double>(wait / 2, wait)(m_random) * scale;
-    ++m_failures;
-    if (m_retryAfter > 0) {
-      double asked = static_cast<double>(m_retryAfter);
-      wait = asked + std::uniform_real_distribution<double>(0, asked / 4)(m_random);
-    }
-    return wait;
-  }
+  double NextWait() { return RetryWait(m_failures++, kLongestWait, m_retryAfter, m_random); }
 
-  void Pause(double seconds) {
-    auto until = Clock::now() + std::chrono::duration_cast<Clock::duration>(
-                                    std::chrono::duration<double>(seconds));
-    while (!g_stop && Clock::now() < until) {
-      Clock::duration left = until - Clock::now();
-      std::this_thread::sleep_for(std::min<Clock::duration>(left, std::chrono::milliseconds(50)));
-    }
-  }
+  void Pause(double seconds) { PauseUnlessStopped(seconds); }
 
   Step SendInventory() {
     std::string folder = RegistryText(kSubsystemsKey, L"Path", 256);
+    DeviceIdentity id = ReadIdentity();
     json inventory = {
         {"device", m_device},
-        {"serial", IdentityText(TVLHWID::GetSerialNumber)},
-        {"hardware", IdentityText(TVLHWID::GetHardwareCfg)},
+        {"serial", id.serial},
+        {"hardware", id.hardware},
         {"bundles", DeviceFileText(kBundleFile)},
         {"version", DeviceFileText(folder.empty() ? kDefaultVersionFile
                                                   : folder + "\\FileTransferConfiglet.ini")},
@@ -452,6 +439,50 @@ class Agent {
 
 }  // namespace
 
+DeviceIdentity ReadIdentity() {
+  return {IdentityText(TVLHWID::GetUniqueID), IdentityText(TVLHWID::GetSerialNumber),
+          IdentityText(TVLHWID::GetHardwareCfg)};
+}
+
+bool UsableDeviceId(const std::string& device, std::string* error) {
+  if (IsDeviceId(device)) return true;
+  *error = "the device's unique id \"" + device +
+           "\" cannot name it to the server (1 to 64 of A-Z a-z 0-9 _ . : -)";
+  return false;
+}
+
+void StopOnSignals() {
+  struct sigaction stop {};
+  stop.sa_handler = OnStopSignal;
+  sigemptyset(&stop.sa_mask);
+  sigaction(SIGTERM, &stop, nullptr);
+  sigaction(SIGINT, &stop, nullptr);
+}
+
+bool StopRequested() {
+  return g_stop;
+}
+
+double RetryWait(int failures, double longest, long retryAfter, std::mt19937& random) {
+  // Capped exponential with jitter, so a fleet that lost its server does not return in step.
+  double wait = std::min(longest, kFirstWait * std::pow(2.0, std::min(failures, 16)));
+  wait = std::uniform_real_distribution<double>(wait / 2, wait)(random) * WinuxTimeScale();
+  if (retryAfter > 0) {
+    double asked = static_cast<double>(std::min(retryAfter, kLongestRetryAfter));
+    wait = asked + std::uniform_real_distribution<double>(0, asked / 4)(random);
+  }
+  return wait;
+}
+
+void PauseUnlessStopped(double seconds) {
+  auto until = Clock::now() +
+               std::chrono::duration_cast<Clock::duration>(std::chrono::duration<double>(seconds));
+  while (!g_stop && Clock::now() < until) {
+    Clock::duration left = until - Clock::now();
+    std::this_thread::sleep_for(std::min<Clock::duration>(left, std::chrono::milliseconds(50)));
+  }
+}
+
 int DeliverOnce(const DeliverOptions& opt) {
   // A server that drops the connection mid-request is a failed attempt, not the end of us.
   signal(SIGPIPE, SIG_IGN);
@@ -461,12 +492,9 @@ int DeliverOnce(const DeliverOptions& opt) {
       fprintf(stderr, "ftc-host deliver: %s\n", error.c_str());
       return kExitUsage;
     }
-    std::string device = IdentityText(TVLHWID::GetUniqueID);
-    if (!IsDeviceId(device)) {
-      fprintf(stderr,
-              "ftc-host deliver: the device's unique id \"%s\" cannot name it to the server "
-              "(1 to 64 of A-Z a-z 0-9 _ . : -)\n",
-              device.c_str());
+    std::string device = ReadIdentity().device;
+    if (!UsableDeviceId(device, &error)) {
+      fprintf(stderr, "ftc-host deliver: %s\n", error.c_str());
       return kExitFailed;
     }
     Agent agent(opt, base, device);
@@ -487,11 +515,7 @@ int DeliverCommand(const Options& opt) {
     return kExitUsage;
   }
   // Stop after the request in flight: its acknowledged records are retired first.
-  struct sigaction stop {};
-  stop.sa_handler = OnStopSignal;
-  sigemptyset(&stop.sa_mask);
-  sigaction(SIGTERM, &stop, nullptr);
-  sigaction(SIGINT, &stop, nullptr);
+  StopOnSignals();
   DeliverOptions d;
   d.root = opt.root;
   d.server = opt.server;

@@ -35,6 +35,14 @@ HttpClient::~HttpClient() {
 }
 
 HttpAnswer HttpClient::PostJson(const std::string& url, const std::string& body) {
+  return Perform(url, &body);
+}
+
+HttpAnswer HttpClient::Get(const std::string& url) {
+  return Perform(url, nullptr);
+}
+
+HttpAnswer HttpClient::Perform(const std::string& url, const std::string* body) {
   HttpAnswer answer;
   CURL* curl = static_cast<CURL*>(m_curl);
   if (!curl) {
@@ -42,14 +50,19 @@ HttpAnswer HttpClient::PostJson(const std::string& url, const std::string& body)
     return answer;
   }
   try {
-    curl_slist* headers = curl_slist_append(nullptr, "Content-Type: application/json");
-    // No "Expect: 100-continue" round trip before large batches.
-    headers = curl_slist_append(headers, "Expect:");
+    curl_slist* headers = nullptr;
+    if (body) {
+      headers = curl_slist_append(nullptr, "Content-Type: application/json");
+      // No "Expect: 100-continue" round trip before large batches.
+      headers = curl_slist_append(headers, "Expect:");
+      curl_easy_setopt(curl, CURLOPT_POSTFIELDS, body->data());
+      curl_easy_setopt(curl, CURLOPT_POSTFIELDSIZE_LARGE, static_cast<curl_off_t>(body->size()));
+    } else {
+      curl_easy_setopt(curl, CURLOPT_HTTPGET, 1L);
+    }
     char error[CURL_ERROR_SIZE] = "";
     curl_easy_setopt(curl, CURLOPT_URL, url.c_str());
     curl_easy_setopt(curl, CURLOPT_HTTPHEADER, headers);
-    curl_easy_setopt(curl, CURLOPT_POSTFIELDS, body.data());
-    curl_easy_setopt(curl, CURLOPT_POSTFIELDSIZE_LARGE, static_cast<curl_off_t>(body.size()));
     curl_easy_setopt(curl, CURLOPT_WRITEFUNCTION, Collect);
     curl_easy_setopt(curl, CURLOPT_WRITEDATA, &answer.body);
     curl_easy_setopt(curl, CURLOPT_ERRORBUFFER, error);

@@ -1,5 +1,5 @@
-// JSON over HTTP POST for the delivery agent, on libcurl. One client keeps its connection alive
-// between requests.
+// JSON over HTTP POST (and job files by GET) for the delivery and device agents, on libcurl. One
+// client keeps its connection alive between requests.
 #pragma once
 
 #include <string>
@@ -22,8 +22,11 @@ class HttpClient {
 
   // Posts body as application/json to url. Never throws.
   HttpAnswer PostJson(const std::string& url, const std::string& body);
+  HttpAnswer Get(const std::string& url);
 
  private:
+  HttpAnswer Perform(const std::string& url, const std::string* body);
+
   void* m_curl = nullptr;
 };
 

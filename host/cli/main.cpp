@@ -1,5 +1,6 @@
-// ftc-host: the host process. Loads the plug-in, replays a job file, shows the upgrade, and
-// gives operators a look at the device's registry, identity, log and reports.
+// ftc-host: the host process. Loads the plug-in, replays a job file, shows the upgrade, runs as
+// the device's agent, and gives operators a look at the device's registry, identity, log and
+// reports.
 #include <unistd.h>
 
 #include <cstdio>
@@ -28,6 +29,8 @@ void Usage(FILE* out) {
           "       ftc-host pull --url URL --file NAME --dest PATH --bundle NAME [--root DIR]\n"
           "                     [--time-scale X]\n"
           "       ftc-host deliver [--server URL] [--follow] [--root DIR] [--time-scale X]\n"
+          "       ftc-host agent [--server URL] [--root DIR] [--interval SECONDS]\n"
+          "                      [--plugin PATH] [--time-scale X]\n"
           "KEY is a full key path such as HKEY_LOCAL_MACHINE\\SOFTWARE\\Tervalon\\XQueue.\n"
           "The device root defaults to $XDG_STATE_HOME/ftc/device (~/.local/state/ftc/device).\n");
 }
@@ -70,6 +73,8 @@ int main(int argc, char** argv) {
       if (!next(&opt.server)) return Bad("--server needs a URL");
     } else if (a == "--deliver") {
       if (!next(&opt.deliver)) return Bad("--deliver needs a URL");
+    } else if (a == "--interval") {
+      if (!next(&opt.interval)) return Bad("--interval needs seconds");
     } else if (a == "--follow") {
       opt.follow = true;
     } else if (a == "--dword") {
@@ -115,5 +120,6 @@ int main(int argc, char** argv) {
   if (cmd == "events") return ftchost::EventsCommand(opt);
   if (cmd == "pull") return ftchost::PullCommand(opt);
   if (cmd == "deliver") return ftchost::DeliverCommand(opt);
+  if (cmd == "agent") return ftchost::AgentCommand(opt);
   return Bad("unknown command " + cmd);
 }

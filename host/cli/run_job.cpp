@@ -6,6 +6,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <filesystem>
+#include <functional>
 #include <map>
 #include <optional>
 #include <thread>
@@ -80,10 +81,10 @@ std::string Hex(uint32_t v) {
 }
 
 struct Run {
-  explicit Run(const Options& o) : opt(o), view(stdout, isatty(fileno(stdout))) {}
+  Run(const Options& o, const JobFile& j) : opt(o), job(j), view(stdout, isatty(fileno(stdout))) {}
 
   const Options& opt;
-  JobFile job;
+  const JobFile& job;
   ProgressView view;
   PluginSession plugin;
   std::map<std::string, Stamp> before;
@@ -107,10 +108,6 @@ struct Run {
 
 int Load(Run& run) {
   std::string error;
-  if (!LoadJob(run.opt.args[0], &run.job, &error)) {
-    fprintf(stderr, "ftc-host: bad job file: %s\n", error.c_str());
-    return kExitUsage;
-  }
   printf("device root: %s\n", run.opt.root.c_str());
   printf("time scale:  %g (device pauses run at this fraction of their length)\n",
          WinuxTimeScale());
@@ -132,7 +129,7 @@ int Load(Run& run) {
 }
 
 // The job's calls in order, innermost groups closed first.
-void Replay(Run& run) {
+void Replay(Run& run, const std::function<void()>& started) {
   int depth = 0;
   // A refused group is not entered: its fields and inner groups are not sent, and it is not
   // closed (closing Upgrade would start the job even when opening it was refused).
@@ -175,8 +172,10 @@ void Replay(Run& run) {
       run.upgradeRefused = true;
       run.upgradeCode = rc;
     }
-    if (upgrade && call.kind == JobCall::kEndGroup && rc == 0 && !run.upgradeRefused)
+    if (upgrade && call.kind == JobCall::kEndGroup && rc == 0 && !run.upgradeRefused) {
       run.upgradeStarted = true;
+      if (started) started();
+    }
   }
 }
 
@@ -216,28 +215,43 @@ void Verify(Run& run) {
   }
 }
 
-int Summary(const Run& run) {
+JobResult Summary(const Run& run) {
+  JobResult r;
   std::string result;
-  bool success = false;
   if (!run.job.hasUpgrade) {
-    success = !run.anyRefused;
-    result = success ? "no upgrade in the job; every call accepted" : "some calls were refused";
+    r.state = run.anyRefused ? JobResult::kFailed : JobResult::kComplete;
+    r.text =
+        run.anyRefused ? "some calls were refused" : "no upgrade in the job; every call accepted";
+    result = r.text;
   } else if (run.upgradeRefused || !run.upgradeStarted) {
-    result = "refused (" + Hex(run.upgradeCode) + " " + ResultMeaning(run.upgradeCode) + ")";
+    r.state = JobResult::kRefused;
+    r.code = run.upgradeCode;
+    r.text = ResultMeaning(run.upgradeCode);
+    result = "refused (" + Hex(run.upgradeCode) + " " + r.text + ")";
   } else if (run.outcome == JobOutcome::kRunning) {
-    result = "unknown: the job gave no end within " +
+    r.state = JobResult::kUnknown;
+    r.text = "the job gave no end within " +
              std::to_string(std::chrono::minutes(kJobLimit).count()) +
              " minutes and may still be running";
+    result = "unknown: " + r.text;
   } else if (run.outcome == JobOutcome::kUnreported) {
-    result = "unknown: the job ended without queueing its final device event";
+    r.state = JobResult::kUnknown;
+    r.text = "the job ended without queueing its final device event";
+    result = "unknown: " + r.text;
   } else if (run.outcome == JobOutcome::kFailed) {
-    result = "failed (" + run.watch->text() + ")";
+    r.state = JobResult::kFailed;
+    r.text = run.watch->text();
+    result = "failed (" + r.text + ")";
   } else if (run.damaged > 0) {
-    result = "failed (files do not match their CRCs)";
+    r.state = JobResult::kFailed;
+    r.text = "files do not match their CRCs";
+    result = "failed (" + r.text + ")";
   } else {
-    success = true;
+    r.state = JobResult::kComplete;
+    r.text = run.watch->text();
     result = "succeeded";
   }
+  bool success = r.state == JobResult::kComplete;
 
   printf("\nsummary\n");
   printf("  outcome:        %s\n", result.c_str());
@@ -252,18 +266,35 @@ int Summary(const Run& run) {
   }
   printf("  device log:     %s\n", WinuxMapPath(kDeviceLogFile).c_str());
   fflush(stdout);
-  return success ? kExitOk : kExitFailed;
+  r.exit = success ? kExitOk : kExitFailed;
+  return r;
 }
 
 }  // namespace
 
-int RunJob(const Options& opt) {
-  Run run(opt);
-  if (int rc = Load(run); rc != kExitOk) return rc;
-  Replay(run);
+JobResult RunParsedJob(const Options& opt, const JobFile& job,
+                       const std::function<void()>& started) {
+  Run run(opt, job);
+  if (int rc = Load(run); rc != kExitOk) {
+    JobResult r;
+    r.exit = rc;
+    r.text = "the plug-in could not be loaded";
+    return r;
+  }
+  Replay(run, started);
   WaitForEnd(run);
   Verify(run);
-  return DeliverAfterJob(opt, Summary(run));
+  return Summary(run);
+}
+
+int RunJob(const Options& opt) {
+  JobFile job;
+  std::string error;
+  if (!LoadJob(opt.args[0], &job, &error)) {
+    fprintf(stderr, "ftc-host: bad job file: %s\n", error.c_str());
+    return kExitUsage;
+  }
+  return DeliverAfterJob(opt, RunParsedJob(opt, job).exit);
 }
 
 }  // namespace ftchost
