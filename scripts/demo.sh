@@ -1,6 +1,7 @@
 #!/usr/bin/env bash
 # One real upgrade job on this machine: a sample bundle served by ftc-server on loopback, run by
-# ftc-host against a fresh device root, then every file checked against its CRC-32.
+# ftc-host against a fresh device root that then delivers its reports to the same server, every
+# file checked against its CRC-32, and the fleet as the server records it.
 # Usage: scripts/demo.sh BUILD_DIR        (make demo builds ./build and runs this)
 # FTC_DEMO_TIME_SCALE (default 0.05) shortens the device's fixed pauses; FTC_DEMO_KEEP=1 keeps
 # the work folder (bundle, device root, logs) for a look afterwards.
@@ -45,8 +46,10 @@ echo "== writing the job file"
 echo "   $work/job.xml"
 
 echo "== running the job (time scale $scale: device pauses run at that fraction of their length)"
+echo "   and delivering the device's reports to http://127.0.0.1:$port"
 status=0
-"$bin/ftc-host" run "$work/job.xml" --root "$work/device" --time-scale "$scale" || status=$?
+"$bin/ftc-host" run "$work/job.xml" --root "$work/device" --time-scale "$scale" \
+  --deliver "http://127.0.0.1:$port" || status=$?
 
 echo "== checking the files on the device root against their CRC-32"
 crc32() {

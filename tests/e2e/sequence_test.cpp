@@ -5,8 +5,8 @@
 
 #include <chrono>
 #include <cstring>
+#include <cwchar>
 #include <filesystem>
-#include <thread>
 
 #include "config/UpgradeConfig.h"
 #include "e2e_support.h"
@@ -151,7 +151,21 @@ TEST_F(Sequence, StartupWaitEndsAnOverstayingTransferAgent) {
   fs::path exe = dir / "QVTransferAgent.exe";
   fs::copy_file("/bin/sleep", exe, fs::copy_options::overwrite_existing);
   ftctest::Child agent({exe.string(), "60"});
-  std::this_thread::sleep_for(std::chrono::milliseconds(100));
+  // Listed under its name only once the exec is through, which takes a while on a busy machine.
+  auto listed = [&] {
+    HANDLE snapshot = CreateToolhelp32Snapshot(TH32CS_SNAPPROCESS, 0);
+    if (snapshot == INVALID_HANDLE_VALUE || !snapshot) return false;
+    PROCESSENTRY32 entry = {};
+    entry.dwSize = sizeof entry;
+    bool found = false;
+    for (BOOL more = Process32First(snapshot, &entry); more && !found;
+         more = Process32Next(snapshot, &entry))
+      found = entry.th32ProcessID == static_cast<DWORD>(agent.pid()) &&
+              wcscmp(entry.szExeFile, L"QVTransferAgent.exe") == 0;
+    CloseToolhelp32Snapshot(snapshot);
+    return found;
+  };
+  ASSERT_TRUE(ftctest::WaitUntil(listed, std::chrono::seconds(60)));
 
   UpgradeConfig cfg;
   cfg.SetBundleName("Seq");
@@ -159,7 +173,7 @@ TEST_F(Sequence, StartupWaitEndsAnOverstayingTransferAgent) {
   m_pUpgCfg = &cfg;
   EXPECT_EQ(WaitForStartupProcesses(), 0);
   m_pUpgCfg = nullptr;
-  EXPECT_EQ(agent.Wait(std::chrono::seconds(2)), 128);
+  EXPECT_EQ(agent.Wait(std::chrono::seconds(60)), 128);
   fs::remove_all(dir);
 
   std::string log = Log();

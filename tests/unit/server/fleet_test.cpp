@@ -9,25 +9,21 @@
 #include <thread>
 
 #include "support/device_root.h"
+#include "support/fleet_view.h"
 #include "support/helpers.h"
 #include "support/http_client.h"
 #include "support/postgres.h"
 
+using ftctest::ByDevice;
 using ftctest::Connection;
+using ftctest::Event;
 using ftctest::ServerProcess;
+using ftctest::ServerView;
 using Json = nlohmann::json;
 
 namespace {
 
 // The documents as the plug-in queues them.
-std::string Event(const std::string& code, const std::string& text) {
-  return "<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n<DevInfo Action=\"Notify\">\n"
-         "  <Subsystem Name=\"QV_EVENT_DB\">\n    <Group Name=\"errorLogMsg\">\n"
-         "      <Field Name=\"timestamp\">0</Field>\n      <Field Name=\"system\">20</Field>\n"
-         "      <Field Name=\"msgNum\">" +
-         code + "</Field>\n      <Field Name=\"optArgArrayElement\">" + text +
-         "</Field>\n    </Group>\n  </Subsystem>\n</DevInfo>\n";
-}
 std::string State(const std::string& subsystem, const std::string& group,
                   const std::string& fields) {
   return "<?xml version=\"1.0\" encoding=\"UTF-8\"?>\t\t<DevInfo Action=\"Set\">   <Subsystem "
@@ -66,24 +62,6 @@ std::vector<std::string> Statuses(const ftctest::Response& r) {
   Json j = Json::parse(r.body, nullptr, false);
   if (j.is_object() && j.contains("results"))
     for (const Json& x : j["results"]) out.push_back(x["status"]);
-  return out;
-}
-
-// `ftc-server fleet|events ARGS` as JSON lines, one object each.
-std::vector<Json> View(const std::string& args, int* status = nullptr) {
-  std::string out = ftctest::RunCommand(ftctest::BinDir() + "/ftc-server " + args, status);
-  std::vector<Json> rows;
-  for (size_t at = 0, end; at < out.size(); at = end + 1) {
-    end = out.find('\n', at);
-    if (end == std::string::npos) end = out.size();
-    rows.push_back(Json::parse(out.substr(at, end - at), nullptr, false));
-  }
-  return rows;
-}
-
-std::map<std::string, Json> ByDevice(const std::vector<Json>& rows) {
-  std::map<std::string, Json> out;
-  for (const Json& r : rows) out[r.value("device", "?")] = r;
   return out;
 }
 
@@ -135,7 +113,7 @@ TEST_F(FleetTest, MessagesAreStoredOnceWithTheirKindsAndBadOnesAreRefused) {
   r = c.Post("/xq/messages", Batch("dev-1", batch));
   EXPECT_EQ(Statuses(r), expect({"duplicate", "duplicate", "duplicate", "duplicate"})) << r.body;
 
-  std::vector<Json> events = View("events --json --db " + db);
+  std::vector<Json> events = ServerView("events --json --db " + db);
   ASSERT_EQ(events.size(), 4u);
   const std::pair<std::string, std::vector<std::string>> want[] = {
       {Event("205181", "Demo, 1.0"), {"QV_Event_DB", "event", "205181", "Demo, 1.0"}},
@@ -164,7 +142,7 @@ TEST_F(FleetTest, MessagesAreStoredOnceWithTheirKindsAndBadOnesAreRefused) {
     EXPECT_EQ(r.status, 400) << body.substr(0, 60);
     EXPECT_TRUE(Json::parse(r.body, nullptr, false).contains("error")) << r.body;
   }
-  EXPECT_EQ(View("events --json --db " + db).size(), 4u);
+  EXPECT_EQ(ServerView("events --json --db " + db).size(), 4u);
 
   // The answer comes before the close a client asked for.
   Connection last(server.port());
@@ -223,7 +201,7 @@ TEST_F(FleetTest, FleetViewShowsEachDevicesLastJobInventoryAndReport) {
             std::string::npos)
       << lines;
 
-  auto fleet = ByDevice(View("fleet --json --db " + db));
+  auto fleet = ByDevice(ServerView("fleet --json --db " + db));
   ASSERT_EQ(fleet.size(), 5u);
   const std::map<std::string, std::vector<std::string>> want = {
       // state, last job, installed
@@ -244,13 +222,15 @@ TEST_F(FleetTest, FleetViewShowsEachDevicesLastJobInventoryAndReport) {
   EXPECT_TRUE(fleet["dev-busy"]["error"].is_null());
 
   // A job that has gone quiet for the operator's limit is no longer shown as running.
-  EXPECT_EQ(ByDevice(View("fleet --json --stale 0 --db " + db))["dev-busy"]["state"], "stale");
+  EXPECT_EQ(ByDevice(ServerView("fleet --json --stale 0 --db " + db))["dev-busy"]["state"],
+            "stale");
   std::string table = ftctest::RunCommand(ftctest::BinDir() + "/ftc-server fleet --db " + db);
   EXPECT_NE(table.find("\n5 devices: 2 complete, 1 failed, 1 started, 0 stale, 1 no report\n"),
             std::string::npos)
       << table;
-  EXPECT_EQ(View("events --json --device dev-failed --since 2026-11-22T04:39 --db " + db).size(),
-            1u);
+  EXPECT_EQ(
+      ServerView("events --json --device dev-failed --since 2026-11-22T04:39 --db " + db).size(),
+      1u);
 }
 
 TEST_F(FleetTest, AnswersRetryAfterWhileTheDatabaseIsGoneAndStoresOnceItIsBack) {
@@ -270,7 +250,7 @@ TEST_F(FleetTest, AnswersRetryAfterWhileTheDatabaseIsGoneAndStoresOnceItIsBack) 
   std::filesystem::rename(dbPath + ".away", dbPath);
   r = post(2);
   EXPECT_EQ(Statuses(r), std::vector<std::string>{"stored"}) << r.body;
-  EXPECT_EQ(View("events --json --db " + db).size(), 2u);
+  EXPECT_EQ(ServerView("events --json --db " + db).size(), 2u);
 }
 
 class FleetPostgresTest : public ::testing::Test {
@@ -318,8 +298,8 @@ TEST_F(FleetPostgresTest, TwoServersShareOneDatabaseAndSurviveItsRestart) {
   EXPECT_EQ(answers["200"], kDevices * 2 * kMessages / kBatch);
   EXPECT_EQ(storedCount.size(), size_t(kDevices * kMessages));
   for (const auto& [key, n] : storedCount) EXPECT_EQ(n, 1) << key;
-  EXPECT_EQ(View("events --json --db " + pg->url()).size(), size_t(kDevices * kMessages));
-  auto fleet = View("fleet --json --db " + pg->url());
+  EXPECT_EQ(ServerView("events --json --db " + pg->url()).size(), size_t(kDevices * kMessages));
+  auto fleet = ServerView("fleet --json --db " + pg->url());
   ASSERT_EQ(fleet.size(), size_t(kDevices));
   EXPECT_EQ(fleet[0]["state"], "started");
   EXPECT_EQ(fleet[0]["last_job"], "Demo, 40");
