@@ -70,6 +70,8 @@ const char* Reason(int status) {
       return "Not Found";
     case 405:
       return "Method Not Allowed";
+    case 410:
+      return "Gone";
     case 411:
       return "Length Required";
     case 413:
@@ -354,7 +356,8 @@ class Worker {
   void Handle(Conn& c, const Request& r) {
     c.closeAfter = !r.KeepAlive();
     if (r.Header("Transfer-Encoding")) return Respond(c, 501, r.target, true);
-    if (r.method == "POST" && (r.target == "/xq/messages" || r.target == "/xq/inventory"))
+    if (r.method == "POST" && (r.target == "/xq/messages" || r.target == "/xq/inventory" ||
+                               r.target == "/agent/checkin" || r.target == "/agent/result"))
       return ExpectBody(c, r);
     if (const std::string* cl = r.Header("Content-Length")) {
       auto n = ParseDecimal(*cl);
@@ -365,6 +368,12 @@ class Worker {
     if (r.IsCompletionReport()) return Report(c, r);
     if (r.target.empty()) return Respond(c, 400, r.target, true);
     if (r.method != "GET" && r.method != "HEAD") return Respond(c, 405, r.target, false);
+    if (r.method == "GET" && r.target.rfind("/agent/jobs/", 0) == 0) {
+      StoreJob job;
+      job.kind = StoreJob::kJob;
+      job.body = c.bodyTarget = r.target;
+      return Submit(c, std::move(job));
+    }
     ServeFile(c, r);
   }
 
@@ -405,7 +414,10 @@ class Worker {
 
   void Deliver(Conn& c) {
     StoreJob job;
-    job.kind = c.bodyTarget == "/xq/messages" ? StoreJob::kMessages : StoreJob::kInventory;
+    job.kind = c.bodyTarget == "/xq/messages"     ? StoreJob::kMessages
+               : c.bodyTarget == "/xq/inventory"  ? StoreJob::kInventory
+               : c.bodyTarget == "/agent/checkin" ? StoreJob::kCheckIn
+                                                  : StoreJob::kResult;
     job.body = c.in.substr(0, c.bodyWanted);
     c.in.erase(0, c.bodyWanted);
     c.bodyWanted = 0;
@@ -570,11 +582,13 @@ class Worker {
     for (const std::string& line : a.log)
       std::fprintf(stderr, "ftc-server: %s POST %s %d: %s\n", c.peer.c_str(), target.c_str(),
                    a.status, line.c_str());
-    Respond(c, a.status, target, close, a.status == 503 ? RetryAfter().c_str() : "", &a.body);
+    Respond(c, a.status, target, close, a.status == 503 ? RetryAfter().c_str() : "", &a.body,
+            a.type.c_str());
   }
 
   void Respond(Conn& c, int status, const std::string& target, bool close,
-               const char* extraHeaders = "", const std::string* json = nullptr) {
+               const char* extraHeaders = "", const std::string* json = nullptr,
+               const char* type = "application/json") {
     if (close) c.closeAfter = true;
     std::string body = json ? *json : status == 200 ? "" : std::string(Reason(status)) + "\n";
     char head[256];
@@ -582,7 +596,7 @@ class Worker {
         head, sizeof head,
         "HTTP/1.1 %d %s\r\nServer: ftc-server\r\nContent-Length: %zu\r\n"
         "Content-Type: %s\r\n%s%s",
-        status, Reason(status), body.size(), json ? "application/json" : "text/plain", extraHeaders,
+        status, Reason(status), body.size(), json ? type : "text/plain", extraHeaders,
         c.closeAfter ? "Connection: close\r\n\r\n" : "Connection: Keep-Alive\r\n\r\n");
     c.out.assign(head, static_cast<size_t>(std::min<int>(n, sizeof head - 1)));
     c.out += body;
@@ -753,7 +767,9 @@ std::string Server::Start() {
   if (threads == 0) threads = std::max(1u, std::min(8u, std::thread::hardware_concurrency()));
   // SQLite takes one writer at a time; PostgreSQL commits as many as it has connections.
   bool sqlite = m_options.db.rfind("sqlite:", 0) == 0;
-  if (std::string e = m_storeQueue.Start(m_options.db, sqlite ? 1 : threads); !e.empty()) return e;
+  if (std::string e = m_storeQueue.Start(m_options.db, sqlite ? 1 : threads, m_options.checkInSec);
+      !e.empty())
+    return e;
   for (unsigned i = 0; i < threads; ++i) {
     auto w = std::make_unique<Worker>(*this);
     if (std::string e = w->Init(); !e.empty()) return e;

@@ -22,6 +22,7 @@ struct Options {
   std::string db;        // store URL; empty: an SQLite file beside the root
   unsigned threads = 0;  // 0: one per core
   unsigned idleTimeoutSec = 120;
+  unsigned checkInSec = 30;  // asked of device agents between check-ins
   bool verbose = false;
 };
 
