@@ -83,23 +83,6 @@ int64_t Count(const ftcstore::DeploymentRow& d, const std::string& state) {
   return 0;
 }
 
-OrderedJson DeploymentJson(const ftcstore::DeploymentRow& d) {
-  OrderedJson counts = OrderedJson::object();
-  for (const char* state : kDeviceStates) counts[state] = Count(d, state);
-  OrderedJson phases = OrderedJson::array();
-  for (const std::string& p : Split(d.phases)) phases.push_back(std::stoi(p));
-  return {{"id", d.id},
-          {"bundle", d.bundle},
-          {"created", d.created},
-          {"state", d.state},
-          {"phase", d.phase + 1},
-          {"phases", phases},
-          {"max_failures", d.maxFailures.empty() ? OrderedJson() : OrderedJson(d.maxFailures)},
-          {"deadline", d.deadline.empty() ? OrderedJson() : OrderedJson(d.deadline)},
-          {"devices", d.devices},
-          {"counts", counts}};
-}
-
 struct Args {
   std::string db, id, devices, hardware, phases = "100", maxFailures, deadline, root;
   bool all = false, json = false;
@@ -222,15 +205,7 @@ int Show(const Args& a, int64_t id) {
   if (!found) return Fail("no deployment " + a.id);
   if (a.json) {
     OrderedJson j = DeploymentJson(d);
-    OrderedJson list = OrderedJson::array();
-    for (const ftcstore::DeploymentDeviceRow& r : devices)
-      list.push_back({{"device", r.device},
-                      {"phase", r.phase + 1},
-                      {"state", r.state},
-                      {"code", r.code ? OrderedJson(*r.code) : OrderedJson()},
-                      {"text", r.text},
-                      {"updated", r.updated}});
-    j["devices"] = list;
+    j["devices"] = DeploymentDevicesJson(devices);
     std::printf("%s\n", Dump(j).c_str());
     return 0;
   }
@@ -263,6 +238,35 @@ int Change(const Args& a, const std::string& action, int64_t id) {
 }
 
 }  // namespace
+
+OrderedJson DeploymentJson(const ftcstore::DeploymentRow& d) {
+  OrderedJson counts = OrderedJson::object();
+  for (const char* state : kDeviceStates) counts[state] = Count(d, state);
+  OrderedJson phases = OrderedJson::array();
+  for (const std::string& p : Split(d.phases)) phases.push_back(std::stoi(p));
+  return {{"id", d.id},
+          {"bundle", d.bundle},
+          {"created", d.created},
+          {"state", d.state},
+          {"phase", d.phase + 1},
+          {"phases", phases},
+          {"max_failures", d.maxFailures.empty() ? OrderedJson() : OrderedJson(d.maxFailures)},
+          {"deadline", d.deadline.empty() ? OrderedJson() : OrderedJson(d.deadline)},
+          {"devices", d.devices},
+          {"counts", counts}};
+}
+
+OrderedJson DeploymentDevicesJson(const std::vector<ftcstore::DeploymentDeviceRow>& devices) {
+  OrderedJson list = OrderedJson::array();
+  for (const ftcstore::DeploymentDeviceRow& r : devices)
+    list.push_back({{"device", r.device},
+                    {"phase", r.phase + 1},
+                    {"state", r.state},
+                    {"code", r.code ? OrderedJson(*r.code) : OrderedJson()},
+                    {"text", r.text},
+                    {"updated", r.updated}});
+  return list;
+}
 
 int DeployCommand(const std::vector<std::string>& args) {
   if (args.empty()) return Usage("deploy needs a command");

@@ -1,5 +1,6 @@
 // ftc-server --root BUNDLE_DIR [--bind 127.0.0.1] [--port N] [--reports FILE] [--db URL]
-//            [--threads N] [--idle-timeout SEC] [--check-in SEC] [--verbose]
+//            [--threads N] [--idle-timeout SEC] [--check-in SEC] [--admin-bind ADDRESS:PORT]
+//            [--verbose]
 // ftc-server fleet|events --db URL ...: the operator's views of the store
 // ftc-server deploy ...: jobs handed to devices in phases
 #include <signal.h>
@@ -21,13 +22,15 @@ namespace {
 
 int Usage(const char* error) {
   if (error) std::fprintf(stderr, "ftc-server: %s\n", error);
-  std::fprintf(stderr,
-               "usage: ftc-server --root BUNDLE_DIR [--bind ADDRESS] [--port N] [--reports FILE]\n"
-               "                  [--db sqlite:PATH|postgresql://...] [--threads N]\n"
-               "                  [--idle-timeout SEC] [--check-in SEC] [--verbose]\n"
-               "       ftc-server fleet --db URL [--json] [--stale MINUTES]\n"
-               "       ftc-server events --db URL [--device ID] [--since TIME] [--json]\n"
-               "       ftc-server deploy create|list|show|pause|resume|cancel ...\n");
+  std::fprintf(
+      stderr,
+      "usage: ftc-server --root BUNDLE_DIR [--bind ADDRESS] [--port N] [--reports FILE]\n"
+      "                  [--db sqlite:PATH|postgresql://...] [--threads N]\n"
+      "                  [--idle-timeout SEC] [--check-in SEC] [--admin-bind ADDRESS:PORT]\n"
+      "                  [--verbose]\n"
+      "       ftc-server fleet --db URL [--json] [--stale MINUTES]\n"
+      "       ftc-server events --db URL [--device ID] [--since TIME] [--json]\n"
+      "       ftc-server deploy create|list|show|pause|resume|cancel ...\n");
   return 2;
 }
 
@@ -75,6 +78,8 @@ int main(int argc, char** argv) {
     } else if (a == "--threads") {
       if (!ParseNumber(v, 256, &n)) return Usage("bad --threads");
       opt.threads = static_cast<unsigned>(n);
+    } else if (a == "--admin-bind") {
+      opt.adminBind = v;
     } else if (a == "--check-in") {
       if (!ParseNumber(v, 86400, &n) || n == 0) return Usage("bad --check-in");
       opt.checkInSec = static_cast<unsigned>(n);
@@ -113,6 +118,8 @@ int main(int argc, char** argv) {
   }
   server.Run();
   std::printf("listening on %s\n", server.ListenAddress().c_str());
+  if (!opt.adminBind.empty())
+    std::printf("fleet page on http://%s/\n", server.AdminAddress().c_str());
   std::fflush(stdout);
 
   signalfd_siginfo si{};

@@ -690,6 +690,52 @@ class Worker {
   std::unordered_map<int, std::unique_ptr<Conn>> m_conns;
 };
 
+std::string Listen(const std::string& bind, uint16_t portNumber, int* listenFd,
+                   std::string* address) {
+  addrinfo hints{};
+  hints.ai_family = AF_UNSPEC;
+  hints.ai_socktype = SOCK_STREAM;
+  hints.ai_flags = AI_PASSIVE | AI_NUMERICSERV;
+  addrinfo* res = nullptr;
+  std::string port = std::to_string(portNumber);
+  int gai = getaddrinfo(bind.c_str(), port.c_str(), &hints, &res);
+  if (gai != 0) return "cannot resolve " + bind + ": " + gai_strerror(gai);
+  std::string error = "no address to bind";
+  for (addrinfo* a = res; a; a = a->ai_next) {
+    int fd = socket(a->ai_family, a->ai_socktype | SOCK_NONBLOCK | SOCK_CLOEXEC, a->ai_protocol);
+    if (fd < 0) {
+      error = Errno("socket");
+      continue;
+    }
+    int one = 1;
+    setsockopt(fd, SOL_SOCKET, SO_REUSEADDR, &one, sizeof one);
+    if (::bind(fd, a->ai_addr, a->ai_addrlen) != 0 || listen(fd, SOMAXCONN) != 0) {
+      error = Errno(("cannot listen on " + bind + ":" + port).c_str());
+      close(fd);
+      continue;
+    }
+    *listenFd = fd;
+    break;
+  }
+  freeaddrinfo(res);
+  if (*listenFd < 0) return error;
+
+  sockaddr_storage ss{};
+  socklen_t len = sizeof ss;
+  getsockname(*listenFd, reinterpret_cast<sockaddr*>(&ss), &len);
+  char host[INET6_ADDRSTRLEN] = "";
+  if (ss.ss_family == AF_INET6) {
+    auto* s6 = reinterpret_cast<sockaddr_in6*>(&ss);
+    inet_ntop(AF_INET6, &s6->sin6_addr, host, sizeof host);
+    *address = "[" + std::string(host) + "]:" + std::to_string(ntohs(s6->sin6_port));
+  } else {
+    auto* s4 = reinterpret_cast<sockaddr_in*>(&ss);
+    inet_ntop(AF_INET, &s4->sin_addr, host, sizeof host);
+    *address = std::string(host) + ":" + std::to_string(ntohs(s4->sin_port));
+  }
+  return {};
+}
+
 // ---------------------------------------------------------------------------------------------
 
 Server::Server(Options options) : m_options(std::move(options)) {}
@@ -718,50 +764,11 @@ std::string Server::Start() {
   m_stopFd = eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
   if (m_stopFd < 0) return Errno("eventfd");
 
-  addrinfo hints{};
-  hints.ai_family = AF_UNSPEC;
-  hints.ai_socktype = SOCK_STREAM;
-  hints.ai_flags = AI_PASSIVE | AI_NUMERICSERV;
-  addrinfo* res = nullptr;
-  std::string port = std::to_string(m_options.port);
-  int gai = getaddrinfo(m_options.bind.c_str(), port.c_str(), &hints, &res);
-  if (gai != 0) return "cannot resolve " + m_options.bind + ": " + gai_strerror(gai);
-  std::string error = "no address to bind";
-  for (addrinfo* a = res; a; a = a->ai_next) {
-    int fd = socket(a->ai_family, a->ai_socktype | SOCK_NONBLOCK | SOCK_CLOEXEC, a->ai_protocol);
-    if (fd < 0) {
-      error = Errno("socket");
-      continue;
-    }
-    int one = 1;
-    setsockopt(fd, SOL_SOCKET, SO_REUSEADDR, &one, sizeof one);
-    if (bind(fd, a->ai_addr, a->ai_addrlen) != 0 || listen(fd, SOMAXCONN) != 0) {
-      error = Errno(("cannot listen on " + m_options.bind + ":" + port).c_str());
-      close(fd);
-      continue;
-    }
-    m_listenFd = fd;
-    break;
-  }
-  freeaddrinfo(res);
-  if (m_listenFd < 0) return error;
-
-  sockaddr_storage ss{};
-  socklen_t len = sizeof ss;
-  getsockname(m_listenFd, reinterpret_cast<sockaddr*>(&ss), &len);
-  char host[INET6_ADDRSTRLEN] = "";
-  uint16_t bound = 0;
-  if (ss.ss_family == AF_INET6) {
-    auto* s6 = reinterpret_cast<sockaddr_in6*>(&ss);
-    inet_ntop(AF_INET6, &s6->sin6_addr, host, sizeof host);
-    bound = ntohs(s6->sin6_port);
-    m_listenAddress = "[" + std::string(host) + "]:" + std::to_string(bound);
-  } else {
-    auto* s4 = reinterpret_cast<sockaddr_in*>(&ss);
-    inet_ntop(AF_INET, &s4->sin_addr, host, sizeof host);
-    bound = ntohs(s4->sin_port);
-    m_listenAddress = std::string(host) + ":" + std::to_string(bound);
-  }
+  if (std::string e = Listen(m_options.bind, m_options.port, &m_listenFd, &m_listenAddress);
+      !e.empty())
+    return e;
+  if (!m_options.adminBind.empty())
+    if (std::string e = m_admin.Start(m_options.adminBind, m_options.db); !e.empty()) return e;
 
   unsigned threads = m_options.threads;
   if (threads == 0) threads = std::max(1u, std::min(8u, std::thread::hardware_concurrency()));
@@ -780,6 +787,7 @@ std::string Server::Start() {
 
 void Server::Run() {
   for (auto& w : m_workers) m_threads.emplace_back([&w] { w->Loop(); });
+  m_admin.Run();
 }
 
 void Server::Stop() {
@@ -787,6 +795,7 @@ void Server::Stop() {
   uint64_t one = 1;
   // The counter stays non-zero, so every worker's epoll keeps reporting it.
   [[maybe_unused]] ssize_t n = write(m_stopFd, &one, sizeof one);
+  m_admin.Stop();
 }
 
 void Server::Wait() {
@@ -795,6 +804,7 @@ void Server::Wait() {
   m_threads.clear();
   // After the workers, before they are destroyed: answers go to them.
   m_storeQueue.Stop();
+  m_admin.Wait();
 }
 
 }  // namespace ftcserver

@@ -99,19 +99,6 @@ std::unique_ptr<ftcstore::Store> Open(const ViewOptions& o) {
   return store;
 }
 
-std::string JobState(const ftcstore::FleetRow& r, unsigned long long staleMinutes, time_t now) {
-  if (r.jobCode == "205181") {
-    auto seen = ftcstore::ParseIsoTime(r.lastSeen);
-    bool quiet = !seen || now - *seen >= static_cast<time_t>(staleMinutes * 60);
-    return quiet ? "stale" : "started";
-  }
-  if (r.jobCode == "205182") return "complete";
-  if (r.jobCode == "205180") return "failed";
-  // Devices that deliver no events still report the end of a transfer.
-  if (r.haveReport) return r.reportError && !r.reportError->empty() ? "failed" : "complete";
-  return "no report";
-}
-
 }  // namespace
 
 // "2026-11-22 04:38:17Z" (or with `digits` of the fraction); "-" when there is none.
@@ -168,6 +155,19 @@ OrderedJson Nullable(const std::optional<std::string>& v) {
 
 std::string Dump(const nlohmann::ordered_json& j) {
   return j.dump(-1, ' ', false, OrderedJson::error_handler_t::replace);
+}
+
+std::string JobState(const ftcstore::FleetRow& r, unsigned long long staleMinutes, time_t now) {
+  if (r.jobCode == "205181") {
+    auto seen = ftcstore::ParseIsoTime(r.lastSeen);
+    bool quiet = !seen || now - *seen >= static_cast<time_t>(staleMinutes * 60);
+    return quiet ? "stale" : "started";
+  }
+  if (r.jobCode == "205182") return "complete";
+  if (r.jobCode == "205180") return "failed";
+  // Devices that deliver no events still report the end of a transfer.
+  if (r.haveReport) return r.reportError && !r.reportError->empty() ? "failed" : "complete";
+  return "no report";
 }
 
 int FleetView(const std::vector<std::string>& args) {

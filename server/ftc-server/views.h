@@ -1,10 +1,13 @@
 // The operator's views of the fleet store: ftc-server fleet, events and deploy.
 #pragma once
 
+#include <ctime>
 #include <nlohmann/json.hpp>
 #include <optional>
 #include <string>
 #include <vector>
+
+#include "store/store.h"
 
 namespace ftcserver {
 
@@ -12,6 +15,13 @@ namespace ftcserver {
 int FleetView(const std::vector<std::string>& args);
 int EventsView(const std::vector<std::string>& args);
 int DeployCommand(const std::vector<std::string>& args);
+
+// A device's last job as the fleet view names it: complete, failed, started, stale, no report.
+std::string JobState(const ftcstore::FleetRow& r, unsigned long long staleMinutes, time_t now);
+// A deployment as `deploy list --json` prints it.
+nlohmann::ordered_json DeploymentJson(const ftcstore::DeploymentRow& d);
+nlohmann::ordered_json DeploymentDevicesJson(
+    const std::vector<ftcstore::DeploymentDeviceRow>& devices);
 
 // Table and JSON-line output shared by the views.
 // "2026-11-22 04:38:17Z" (or with `digits` of the fraction); "-" when there is none.

@@ -148,7 +148,7 @@ const Statement kInsertReportSql{
 const Statement kFleetSql{
     kFleet,
     "SELECT d.device, d.serial, d.hardware, d.installed, d.last_seen, j.code, s.text, r.id,"
-    " r.http_fallback, r.error"
+    " r.http_fallback, r.error, r.received"
     " FROM devices d"
     " LEFT JOIN messages j ON j.id = (SELECT m.id FROM messages m WHERE m.device = d.device"
     "  AND m.kind = 'event' AND m.code IN ('205180', '205181', '205182')"
@@ -354,6 +354,7 @@ class SqlStore : public Store {
       f.haveReport = r[7].has_value();
       f.reportFallback = r[8];
       f.reportError = r[9];
+      f.reportTime = Text(r[10]);
       rows->push_back(std::move(f));
       return true;
     });

@@ -62,6 +62,7 @@ struct FleetRow {
   std::string jobText;   // text of the latest started or complete event
   bool haveReport = false;
   std::optional<std::string> reportFallback, reportError;
+  std::string reportTime;  // server time of the last completion report
 };
 
 struct EventRow {

@@ -1,5 +1,9 @@
 // What devices deliver to the real ftc-server, and what the operator's views then show.
+#include <arpa/inet.h>
 #include <gtest/gtest.h>
+#include <netinet/in.h>
+#include <sys/socket.h>
+#include <unistd.h>
 
 #include <cstdio>
 #include <filesystem>
@@ -403,6 +407,82 @@ TEST_F(DeployTest, DevicesWithoutAnOutcomeByTheDeadlineTimeOut) {
   EXPECT_EQ(DeviceStates(show),
             (std::map<std::string, std::string>{{"quiet", "timed out "}, {"slow", "timed out "}}));
   EXPECT_EQ(CheckIn(c, "quiet"), 0);
+}
+
+// A loopback port nothing listens on right now.
+int FreePort() {
+  int s = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+  sockaddr_in a{};
+  a.sin_family = AF_INET;
+  a.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+  socklen_t len = sizeof a;
+  bind(s, reinterpret_cast<sockaddr*>(&a), len);
+  getsockname(s, reinterpret_cast<sockaddr*>(&a), &len);
+  close(s);
+  return ntohs(a.sin_port);
+}
+
+TEST_F(DeployTest, FleetPageShowsTheDeploymentAndItsDevices) {
+  int admin = FreePort();
+  ServerProcess server(bundle, {"--db", db, "--admin-bind", "127.0.0.1:" + std::to_string(admin)});
+  Connection c(server.port());
+  c.Post("/xq/inventory", Inventory("d1", "Demo", "2026-11-22T05:00:00Z"));
+  int id = Create(db, "--devices d1,d2 --phases 50,100 --deadline 60");
+  EXPECT_EQ(CheckIn(c, "d1"), id);
+  EXPECT_EQ(FetchJob(c, id, "d1"), 200);
+  c.Post("/xq/messages", Batch("d1", {Message("QV_Event_DB", 1, Event("205181", "Demo, 1.0"))}));
+
+  Json fleet = Json::parse(Connection(admin).Get("/api/fleet").body, nullptr, false);
+  ASSERT_EQ(fleet["deployments"].size(), 1u) << fleet.dump();
+  const Json& d = fleet["deployments"][0];
+  EXPECT_EQ(d["id"], id);
+  EXPECT_EQ(d["bundle"], "Demo");
+  EXPECT_EQ(d["state"], "running");
+  EXPECT_EQ(d["phase"], 1);
+  EXPECT_EQ(d["phases"], Json::array({50, 100}));
+  EXPECT_TRUE(d["max_failures"].is_null());
+  EXPECT_EQ(d["deadline"].get<std::string>().size(), 27u);
+  EXPECT_EQ(d["devices"], 2);
+  EXPECT_EQ(d["counts"], (Json{{"pending", 1},
+                               {"sent", 0},
+                               {"started", 1},
+                               {"complete", 0},
+                               {"failed", 0},
+                               {"refused", 0},
+                               {"timed out", 0},
+                               {"cancelled", 0}}));
+  ASSERT_EQ(fleet["devices"].size(), 1u) << fleet.dump();
+  const Json& dev = fleet["devices"][0];
+  EXPECT_EQ(dev["device"], "d1");
+  EXPECT_EQ(dev["hardware"], "HW7");
+  EXPECT_EQ(dev["installed"], "Demo 1.0");
+  EXPECT_EQ(dev["state"], "started");
+  EXPECT_EQ(dev["last_event"], "Demo, 1.0");
+  EXPECT_EQ(dev["last_message"].get<std::string>().substr(0, 2), "20");
+  EXPECT_TRUE(dev["last_report"].is_null());
+  EXPECT_EQ(Connection(admin).Get("/api/deployments/99").status, 404);
+  // The device port serves no page, and the page's listener no device.
+  EXPECT_EQ(c.Get("/api/fleet").status, 404);
+
+  if (ftctest::RunCommand("command -v chromium").empty())
+    GTEST_SKIP() << "chromium is not installed (scripts/bootstrap.sh test installs it)";
+  std::string dom = ftctest::RunCommand(
+      "timeout 120 chromium --headless --no-sandbox --disable-gpu --disable-background-networking "
+      "--disable-component-update --disable-sync --no-first-run --user-data-dir=" +
+      root.path() + "/chromium --virtual-time-budget=5000 --dump-dom http://127.0.0.1:" +
+      std::to_string(admin) + "/ 2>/dev/null");
+  size_t table = dom.find("<table id=\"deployment-devices\">");
+  ASSERT_NE(table, std::string::npos) << dom;
+  std::string rows = dom.substr(table, dom.find("</table>", table) - table);
+  EXPECT_NE(rows.find("<tr data-device=\"d1\"><td>d1</td><td>1</td><td class=\"started\">started"
+                      "</td><td>-</td><td>Demo, 1.0</td>"),
+            std::string::npos)
+      << rows;
+  EXPECT_NE(rows.find("<tr data-device=\"d2\"><td>d2</td><td>2</td><td class=\"pending\">pending"
+                      "</td>"),
+            std::string::npos)
+      << rows;
+  EXPECT_NE(dom.find("<h2 id=\"selected\">Deployment 1: Demo, running</h2>"), std::string::npos);
 }
 
 class FleetPostgresTest : public ::testing::Test {
