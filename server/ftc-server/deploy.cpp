@@ -104,22 +104,22 @@ int Create(const Args& a) {
     return Usage("--bundle names a folder directly under the root");
   if ((!a.devices.empty()) + (!a.hardware.empty()) + a.all != 1)
     return Usage("name the devices with one of --devices, --hardware or --all");
-  ftcstore::DeploymentSpec spec;
+  ftcstore::DeploymentPlan plan;
   auto phases = ParsePhases(a.phases);
   if (!phases) return Usage("--phases must be rising percentages ending at 100");
-  spec.phases = *phases;
+  plan.phases = *phases;
   if (!a.maxFailures.empty()) {
-    spec.maxFailuresPercent = a.maxFailures.back() == '%';
-    auto n = ParseDecimal(spec.maxFailuresPercent
+    plan.maxFailuresPercent = a.maxFailures.back() == '%';
+    auto n = ParseDecimal(plan.maxFailuresPercent
                               ? std::string_view(a.maxFailures).substr(0, a.maxFailures.size() - 1)
                               : std::string_view(a.maxFailures));
-    if (!n || *n > 1000000000 || (spec.maxFailuresPercent && *n > 100))
+    if (!n || *n > 1000000000 || (plan.maxFailuresPercent && *n > 100))
       return Usage("bad --max-failures");
-    spec.maxFailures = static_cast<int64_t>(*n);
+    plan.maxFailures = static_cast<int64_t>(*n);
   }
   timespec now{};
   clock_gettime(CLOCK_REALTIME, &now);
-  spec.created = ftcstore::IsoTime(now, 6);
+  plan.created = ftcstore::IsoTime(now, 6);
   if (!a.deadline.empty()) {
     char* end = nullptr;
     double minutes = std::strtod(a.deadline.c_str(), &end);
@@ -130,7 +130,7 @@ int Create(const Args& a) {
     at.tv_sec += static_cast<time_t>(seconds);
     at.tv_nsec += static_cast<long>((seconds - std::floor(seconds)) * 1e9);
     if (at.tv_nsec >= 1000000000L) at.tv_sec++, at.tv_nsec -= 1000000000L;
-    spec.deadline = ftcstore::IsoTime(at, 6);
+    plan.deadline = ftcstore::IsoTime(at, 6);
   }
 
   BundleJob job = a.job;
@@ -139,8 +139,8 @@ int Create(const Args& a) {
   if (!server) return Usage("--server must be http://HOST:PORT with an explicit port");
   job.server = server->base + "/" + UrlPath(job.bundle);
   std::string error;
-  if (!WriteBundleJob(job, "ftc-server", &spec.job, &error)) return Fail(error);
-  spec.bundle = job.bundle;
+  if (!WriteBundleJob(job, "ftc-server", &plan.job, &error)) return Fail(error);
+  plan.bundle = job.bundle;
 
   auto store = Open(a, ftcstore::OpenMode::kServe);
   if (!store) return 1;
@@ -157,11 +157,11 @@ int Create(const Args& a) {
       if (a.all || fnmatch(a.hardware.c_str(), f.hardware.c_str(), 0) == 0) chosen.insert(f.device);
   }
   if (chosen.empty()) return Fail("no device matches");
-  spec.devices.assign(chosen.begin(), chosen.end());
+  plan.devices.assign(chosen.begin(), chosen.end());
   int64_t id = 0;
-  if (ftcstore::Status s = store->CreateDeployment(spec, &id); !s.ok()) return Fail(s.message);
+  if (ftcstore::Status s = store->CreateDeployment(plan, &id); !s.ok()) return Fail(s.message);
   std::printf("deployment %lld: %s to %zu devices in %zu phases\n", static_cast<long long>(id),
-              spec.bundle.c_str(), spec.devices.size(), spec.phases.size());
+              plan.bundle.c_str(), plan.devices.size(), plan.phases.size());
   return 0;
 }
 

@@ -382,29 +382,29 @@ class SqlStore : public Store {
                      row);
   }
 
-  Status CreateDeployment(const DeploymentSpec& spec, int64_t* id) override {
+  Status CreateDeployment(const DeploymentPlan& plan, int64_t* id) override {
     std::string phases;
-    for (int p : spec.phases) phases += (phases.empty() ? "" : ",") + std::to_string(p);
+    for (int p : plan.phases) phases += (phases.empty() ? "" : ",") + std::to_string(p);
     return Transaction([&]() -> Status {
       Status s = m_db->Run(
           kInsertDeploymentSql,
-          {Value::Text(spec.bundle), Value::Text(spec.created), Value::Text(phases),
-           Value::OptInt(spec.maxFailures), Value::Int(spec.maxFailuresPercent),
-           spec.deadline.empty() ? Value() : Value::Text(spec.deadline), Value::Text(spec.job)},
+          {Value::Text(plan.bundle), Value::Text(plan.created), Value::Text(phases),
+           Value::OptInt(plan.maxFailures), Value::Int(plan.maxFailuresPercent),
+           plan.deadline.empty() ? Value() : Value::Text(plan.deadline), Value::Text(plan.job)},
           [&](const Row& r) {
             *id = Number(r[0]);
             return true;
           });
       // Device i of n goes to the first phase whose share of n covers it.
-      size_t n = spec.devices.size();
+      size_t n = plan.devices.size();
       for (size_t i = 0; s.ok() && i < n; ++i) {
         size_t phase = 0;
-        while (phase + 1 < spec.phases.size() &&
-               i >= (n * static_cast<size_t>(spec.phases[phase]) + 99) / 100)
+        while (phase + 1 < plan.phases.size() &&
+               i >= (n * static_cast<size_t>(plan.phases[phase]) + 99) / 100)
           ++phase;
         s = m_db->Run(kInsertDeploymentDeviceSql,
-                      {Value::Int(*id), Value::Text(spec.devices[i]),
-                       Value::Int(static_cast<int64_t>(phase)), Value::Text(spec.created)});
+                      {Value::Int(*id), Value::Text(plan.devices[i]),
+                       Value::Int(static_cast<int64_t>(phase)), Value::Text(plan.created)});
       }
       return s;
     });

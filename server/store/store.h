@@ -78,7 +78,7 @@ struct EventFilter {
 };
 
 // Deployments: a job for a set of devices, handed out in phases.
-struct DeploymentSpec {
+struct DeploymentPlan {
   std::string bundle;
   std::vector<std::string> devices;
   std::vector<int> phases;  // cumulative percentages, the last 100
@@ -138,7 +138,7 @@ class Store {
                                       const std::function<bool(const EventRow&)>& each) = 0;
 
   // `now` is the server time every deadline and phase is judged at.
-  [[nodiscard]] virtual Status CreateDeployment(const DeploymentSpec& spec, int64_t* id) = 0;
+  [[nodiscard]] virtual Status CreateDeployment(const DeploymentPlan& plan, int64_t* id) = 0;
   [[nodiscard]] virtual Status Deployments(const std::string& now,
                                            std::vector<DeploymentRow>* rows) = 0;
   // *found false when there is no such deployment.
