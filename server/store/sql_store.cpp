@@ -73,7 +73,12 @@ const char* const kMigrations[] = {
     " text TEXT NOT NULL DEFAULT '',"
     " updated TEXT NOT NULL,"
     " PRIMARY KEY (deployment, device));"
-    "CREATE INDEX deployment_devices_device ON deployment_devices (device, state);",
+    "CREATE INDEX deployment_devices_device ON deployment_devices (device, state);"
+    "CREATE TABLE deployment_history ("
+    " deployment BIGINT NOT NULL,"
+    " time TEXT NOT NULL,"
+    " counts TEXT NOT NULL);"
+    "CREATE INDEX deployment_history_deployment ON deployment_history (deployment, time);",
 };
 
 enum StatementId {
@@ -110,6 +115,9 @@ enum StatementId {
   kMarkOutcome,
   kResetSent,
   kCurrentDeployment,
+  kLastHistory,
+  kInsertHistory,
+  kHistory,
 };
 
 // A writer takes the lock at once: a read lock upgraded later could fail instead of waiting.
@@ -233,6 +241,15 @@ const Statement kCurrentDeploymentSql{
     kCurrentDeployment,
     "SELECT deployment FROM deployment_devices WHERE device = $1"
     " AND state IN ('sent', 'started') ORDER BY deployment DESC LIMIT 1"};
+
+const Statement kLastHistorySql{
+    kLastHistory,
+    "SELECT counts FROM deployment_history WHERE deployment = $1 ORDER BY time DESC LIMIT 1"};
+const Statement kInsertHistorySql{
+    kInsertHistory,
+    "INSERT INTO deployment_history (deployment, time, counts) VALUES ($1, $2, $3)"};
+const Statement kHistorySql{
+    kHistory, "SELECT time, counts FROM deployment_history WHERE deployment = $1 ORDER BY time"};
 
 // A deployment's row as locked at the start of a transaction.
 struct Locked {
@@ -406,6 +423,9 @@ class SqlStore : public Store {
                       {Value::Int(*id), Value::Text(plan.devices[i]),
                        Value::Int(static_cast<int64_t>(phase)), Value::Text(plan.created)});
       }
+      if (s.ok())
+        s = m_db->Run(kInsertHistorySql, {Value::Int(*id), Value::Text(plan.created),
+                                          Value::Text("pending=" + std::to_string(n))});
       return s;
     });
   }
@@ -433,6 +453,12 @@ class SqlStore : public Store {
     return Transaction([&]() -> Status {
       Status s = Judge(id, now, found, row);
       if (!s.ok() || !*found) return s;
+      row->history.clear();
+      s = m_db->Run(kHistorySql, {Value::Int(id)}, [&](const Row& r) {
+        row->history.emplace_back(Text(r[0]), Text(r[1]));
+        return true;
+      });
+      if (!s.ok()) return s;
       return m_db->Run(kDeploymentDevicesSql, {Value::Int(id)}, [&](const Row& r) {
         DeploymentDeviceRow d;
         d.device = Text(r[0]);
@@ -645,6 +671,7 @@ class SqlStore : public Store {
     if (s.ok() && (state != d.state || phase != d.phase))
       s = m_db->Run(kSetDeploymentSql, {Value::Int(id), Value::Text(state), Value::Int(phase),
                                         Value::Int(d.forgiven)});
+    if (s.ok()) s = Remember(id, now, *row);
     row->bundle = d.bundle;
     row->created = d.created;
     row->state = state;
@@ -654,6 +681,21 @@ class SqlStore : public Store {
     row->maxFailures =
         !d.maxFailures ? "" : std::to_string(*d.maxFailures) + (d.percent ? "%" : "");
     return s;
+  }
+
+  // The devices by state, kept each time they differ from the last look, for the fleet page's
+  // picture of the deployment over time.
+  Status Remember(int64_t id, const std::string& now, const DeploymentRow& row) {
+    std::string counts;
+    for (const auto& [state, n] : row.counts)
+      counts += (counts.empty() ? "" : ",") + state + "=" + std::to_string(n);
+    std::optional<std::string> last;
+    Status s = m_db->Run(kLastHistorySql, {Value::Int(id)}, [&](const Row& r) {
+      last = Text(r[0]);
+      return true;
+    });
+    if (!s.ok() || last == counts) return s;
+    return m_db->Run(kInsertHistorySql, {Value::Int(id), Value::Text(now), Value::Text(counts)});
   }
 
   // A device's job moves on; a state it has already passed is left alone.
