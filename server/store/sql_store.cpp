@@ -1,4 +1,5 @@
 // The store's schema and queries, the same SQL for both databases.
+#include <algorithm>
 #include <cstdlib>
 #include <iterator>
 #include <optional>
@@ -315,6 +316,8 @@ class SqlStore : public Store {
                      const std::vector<MessageRow>& rows, std::vector<bool>* stored) override {
     std::vector<bool> result(rows.size(), false);
     Status s = Transaction([&]() -> Status {
+      // The device's row before any deployment's, as a check-in takes them.
+      if (Status t = Touch(device, received); !t.ok()) return t;
       for (size_t i = 0; i < rows.size(); ++i) {
         const MessageRow& m = rows[i];
         int64_t changed = 0;
@@ -329,7 +332,7 @@ class SqlStore : public Store {
         if (result[i] && m.kind == "event")
           if (Status e = JobEvent(device, m, received); !e.ok()) return e;
       }
-      return Touch(device, received);
+      return Status::Ok();
     });
     if (s.ok()) *stored = std::move(result);
     return s;
@@ -508,17 +511,21 @@ class SqlStore : public Store {
     offer->reset();
     return Transaction([&]() -> Status {
       if (Status s = Touch(in.device, now); !s.ok()) return s;
-      if (in.resumedDeployment)
-        if (Status s = Resumed(in, now); !s.ok()) return s;
       std::vector<int64_t> ids;
       Status s = m_db->Run(kDeviceOffersSql, {Value::Text(in.device)}, [&](const Row& r) {
         ids.push_back(Number(r[0]));
         return true;
       });
-      for (size_t i = 0; s.ok() && i < ids.size() && !*offer; ++i) {
+      // Deployments are locked in ascending order, the resumed one among them.
+      if (in.resumedDeployment) ids.push_back(*in.resumedDeployment);
+      std::sort(ids.begin(), ids.end());
+      ids.erase(std::unique(ids.begin(), ids.end()), ids.end());
+      for (size_t i = 0; s.ok() && i < ids.size(); ++i) {
+        if (ids[i] == in.resumedDeployment)
+          if (s = Resumed(in, now); !s.ok()) break;
         bool found = false;
         DeploymentRow row;
-        if (s = Judge(ids[i], now, &found, &row); !s.ok() || in.busy) continue;
+        if (s = Judge(ids[i], now, &found, &row); !s.ok() || !found || in.busy || *offer) continue;
         bool open = false;
         s = m_db->Run(kDeviceRowSql, {Value::Int(ids[i]), Value::Text(in.device)},
                       [&](const Row& r) {

@@ -362,6 +362,11 @@ TEST_F(DeployTest, PhasesOpenAsDevicesFinishAndFailuresPause) {
                                         {"text", "why " + device}}
                                        .dump());
   };
+  // An agent restarted before it began the job found nothing of it: it may fetch it again.
+  const std::string resumed = ",\"resumed\":{\"deployment\":" + std::to_string(id);
+  EXPECT_EQ(CheckIn(c, "d2", resumed + ",\"found\":\"none\"}"), id);
+  EXPECT_EQ(FetchJob(c, id, "d2"), 200);
+  EXPECT_EQ(CheckIn(c, "d2", resumed + ",\"found\":\"started\"}"), 0);
   EXPECT_EQ(result("d2", "failed", 0).body, "{\"status\":\"stored\"}");
   EXPECT_EQ(CheckIn(c, "d4"), id);  // one failure is allowed
   EXPECT_EQ(result("d3", "refused", 3289452545u).status, 200);
