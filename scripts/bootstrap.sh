@@ -9,7 +9,8 @@ for set in "$@"; do
   case "$set" in
     build) ;;
     # The store's tests start their own PostgreSQL server from these binaries.
-    test) pkgs+=(libgtest-dev libgmock-dev uftp iproute2 postgresql) ;;
+    # The fleet page is read back from headless Chromium.
+    test) pkgs+=(libgtest-dev libgmock-dev uftp iproute2 postgresql chromium) ;;
     multicast) pkgs+=(uftp iproute2) ;;
     bench) pkgs+=(libbenchmark-dev zlib1g-dev nginx-light libnginx-mod-stream wrk uftp postgresql
            sqlite3) ;;

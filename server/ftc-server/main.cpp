@@ -1,6 +1,8 @@
 // ftc-server --root BUNDLE_DIR [--bind 127.0.0.1] [--port N] [--reports FILE] [--db URL]
-//            [--threads N] [--idle-timeout SEC] [--verbose]
+//            [--threads N] [--idle-timeout SEC] [--check-in SEC] [--admin-bind ADDRESS:PORT]
+//            [--verbose]
 // ftc-server fleet|events --db URL ...: the operator's views of the store
+// ftc-server deploy ...: jobs handed to devices in phases
 #include <signal.h>
 #include <sys/resource.h>
 #include <sys/signalfd.h>
@@ -20,12 +22,15 @@ namespace {
 
 int Usage(const char* error) {
   if (error) std::fprintf(stderr, "ftc-server: %s\n", error);
-  std::fprintf(stderr,
-               "usage: ftc-server --root BUNDLE_DIR [--bind ADDRESS] [--port N] [--reports FILE]\n"
-               "                  [--db sqlite:PATH|postgresql://...] [--threads N]\n"
-               "                  [--idle-timeout SEC] [--verbose]\n"
-               "       ftc-server fleet --db URL [--json] [--stale MINUTES]\n"
-               "       ftc-server events --db URL [--device ID] [--since TIME] [--json]\n");
+  std::fprintf(
+      stderr,
+      "usage: ftc-server --root BUNDLE_DIR [--bind ADDRESS] [--port N] [--reports FILE]\n"
+      "                  [--db sqlite:PATH|postgresql://...] [--threads N]\n"
+      "                  [--idle-timeout SEC] [--check-in SEC] [--admin-bind ADDRESS:PORT]\n"
+      "                  [--verbose]\n"
+      "       ftc-server fleet --db URL [--json] [--stale MINUTES]\n"
+      "       ftc-server events --db URL [--device ID] [--since TIME] [--json]\n"
+      "       ftc-server deploy create|list|show|pause|resume|cancel ...\n");
   return 2;
 }
 
@@ -39,6 +44,8 @@ bool ParseNumber(const char* text, unsigned long long max, unsigned long long* o
 }  // namespace
 
 int main(int argc, char** argv) {
+  if (argc > 1 && std::strcmp(argv[1], "deploy") == 0)
+    return ftcserver::DeployCommand(std::vector<std::string>(argv + 2, argv + argc));
   if (argc > 1 && (std::strcmp(argv[1], "fleet") == 0 || std::strcmp(argv[1], "events") == 0)) {
     std::vector<std::string> args(argv + 2, argv + argc);
     return argv[1][0] == 'f' ? ftcserver::FleetView(args) : ftcserver::EventsView(args);
@@ -71,6 +78,11 @@ int main(int argc, char** argv) {
     } else if (a == "--threads") {
       if (!ParseNumber(v, 256, &n)) return Usage("bad --threads");
       opt.threads = static_cast<unsigned>(n);
+    } else if (a == "--admin-bind") {
+      opt.adminBind = v;
+    } else if (a == "--check-in") {
+      if (!ParseNumber(v, 86400, &n) || n == 0) return Usage("bad --check-in");
+      opt.checkInSec = static_cast<unsigned>(n);
     } else if (a == "--idle-timeout") {
       if (!ParseNumber(v, 86400, &n)) return Usage("bad --idle-timeout");
       opt.idleTimeoutSec = static_cast<unsigned>(n);
@@ -106,6 +118,8 @@ int main(int argc, char** argv) {
   }
   server.Run();
   std::printf("listening on %s\n", server.ListenAddress().c_str());
+  if (!opt.adminBind.empty())
+    std::printf("fleet page on http://%s/\n", server.AdminAddress().c_str());
   std::fflush(stdout);
 
   signalfd_siginfo si{};

@@ -70,6 +70,8 @@ const char* Reason(int status) {
       return "Not Found";
     case 405:
       return "Method Not Allowed";
+    case 410:
+      return "Gone";
     case 411:
       return "Length Required";
     case 413:
@@ -354,7 +356,8 @@ class Worker {
   void Handle(Conn& c, const Request& r) {
     c.closeAfter = !r.KeepAlive();
     if (r.Header("Transfer-Encoding")) return Respond(c, 501, r.target, true);
-    if (r.method == "POST" && (r.target == "/xq/messages" || r.target == "/xq/inventory"))
+    if (r.method == "POST" && (r.target == "/xq/messages" || r.target == "/xq/inventory" ||
+                               r.target == "/agent/checkin" || r.target == "/agent/result"))
       return ExpectBody(c, r);
     if (const std::string* cl = r.Header("Content-Length")) {
       auto n = ParseDecimal(*cl);
@@ -365,6 +368,12 @@ class Worker {
     if (r.IsCompletionReport()) return Report(c, r);
     if (r.target.empty()) return Respond(c, 400, r.target, true);
     if (r.method != "GET" && r.method != "HEAD") return Respond(c, 405, r.target, false);
+    if (r.method == "GET" && r.target.rfind("/agent/jobs/", 0) == 0) {
+      StoreJob job;
+      job.kind = StoreJob::kJob;
+      job.body = c.bodyTarget = r.target;
+      return Submit(c, std::move(job));
+    }
     ServeFile(c, r);
   }
 
@@ -405,7 +414,10 @@ class Worker {
 
   void Deliver(Conn& c) {
     StoreJob job;
-    job.kind = c.bodyTarget == "/xq/messages" ? StoreJob::kMessages : StoreJob::kInventory;
+    job.kind = c.bodyTarget == "/xq/messages"     ? StoreJob::kMessages
+               : c.bodyTarget == "/xq/inventory"  ? StoreJob::kInventory
+               : c.bodyTarget == "/agent/checkin" ? StoreJob::kCheckIn
+                                                  : StoreJob::kResult;
     job.body = c.in.substr(0, c.bodyWanted);
     c.in.erase(0, c.bodyWanted);
     c.bodyWanted = 0;
@@ -570,11 +582,13 @@ class Worker {
     for (const std::string& line : a.log)
       std::fprintf(stderr, "ftc-server: %s POST %s %d: %s\n", c.peer.c_str(), target.c_str(),
                    a.status, line.c_str());
-    Respond(c, a.status, target, close, a.status == 503 ? RetryAfter().c_str() : "", &a.body);
+    Respond(c, a.status, target, close, a.status == 503 ? RetryAfter().c_str() : "", &a.body,
+            a.type.c_str());
   }
 
   void Respond(Conn& c, int status, const std::string& target, bool close,
-               const char* extraHeaders = "", const std::string* json = nullptr) {
+               const char* extraHeaders = "", const std::string* json = nullptr,
+               const char* type = "application/json") {
     if (close) c.closeAfter = true;
     std::string body = json ? *json : status == 200 ? "" : std::string(Reason(status)) + "\n";
     char head[256];
@@ -582,7 +596,7 @@ class Worker {
         head, sizeof head,
         "HTTP/1.1 %d %s\r\nServer: ftc-server\r\nContent-Length: %zu\r\n"
         "Content-Type: %s\r\n%s%s",
-        status, Reason(status), body.size(), json ? "application/json" : "text/plain", extraHeaders,
+        status, Reason(status), body.size(), json ? type : "text/plain", extraHeaders,
         c.closeAfter ? "Connection: close\r\n\r\n" : "Connection: Keep-Alive\r\n\r\n");
     c.out.assign(head, static_cast<size_t>(std::min<int>(n, sizeof head - 1)));
     c.out += body;
@@ -676,6 +690,52 @@ class Worker {
   std::unordered_map<int, std::unique_ptr<Conn>> m_conns;
 };
 
+std::string Listen(const std::string& bind, uint16_t portNumber, int* listenFd,
+                   std::string* address) {
+  addrinfo hints{};
+  hints.ai_family = AF_UNSPEC;
+  hints.ai_socktype = SOCK_STREAM;
+  hints.ai_flags = AI_PASSIVE | AI_NUMERICSERV;
+  addrinfo* res = nullptr;
+  std::string port = std::to_string(portNumber);
+  int gai = getaddrinfo(bind.c_str(), port.c_str(), &hints, &res);
+  if (gai != 0) return "cannot resolve " + bind + ": " + gai_strerror(gai);
+  std::string error = "no address to bind";
+  for (addrinfo* a = res; a; a = a->ai_next) {
+    int fd = socket(a->ai_family, a->ai_socktype | SOCK_NONBLOCK | SOCK_CLOEXEC, a->ai_protocol);
+    if (fd < 0) {
+      error = Errno("socket");
+      continue;
+    }
+    int one = 1;
+    setsockopt(fd, SOL_SOCKET, SO_REUSEADDR, &one, sizeof one);
+    if (::bind(fd, a->ai_addr, a->ai_addrlen) != 0 || listen(fd, SOMAXCONN) != 0) {
+      error = Errno(("cannot listen on " + bind + ":" + port).c_str());
+      close(fd);
+      continue;
+    }
+    *listenFd = fd;
+    break;
+  }
+  freeaddrinfo(res);
+  if (*listenFd < 0) return error;
+
+  sockaddr_storage ss{};
+  socklen_t len = sizeof ss;
+  getsockname(*listenFd, reinterpret_cast<sockaddr*>(&ss), &len);
+  char host[INET6_ADDRSTRLEN] = "";
+  if (ss.ss_family == AF_INET6) {
+    auto* s6 = reinterpret_cast<sockaddr_in6*>(&ss);
+    inet_ntop(AF_INET6, &s6->sin6_addr, host, sizeof host);
+    *address = "[" + std::string(host) + "]:" + std::to_string(ntohs(s6->sin6_port));
+  } else {
+    auto* s4 = reinterpret_cast<sockaddr_in*>(&ss);
+    inet_ntop(AF_INET, &s4->sin_addr, host, sizeof host);
+    *address = std::string(host) + ":" + std::to_string(ntohs(s4->sin_port));
+  }
+  return {};
+}
+
 // ---------------------------------------------------------------------------------------------
 
 Server::Server(Options options) : m_options(std::move(options)) {}
@@ -704,56 +764,19 @@ std::string Server::Start() {
   m_stopFd = eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
   if (m_stopFd < 0) return Errno("eventfd");
 
-  addrinfo hints{};
-  hints.ai_family = AF_UNSPEC;
-  hints.ai_socktype = SOCK_STREAM;
-  hints.ai_flags = AI_PASSIVE | AI_NUMERICSERV;
-  addrinfo* res = nullptr;
-  std::string port = std::to_string(m_options.port);
-  int gai = getaddrinfo(m_options.bind.c_str(), port.c_str(), &hints, &res);
-  if (gai != 0) return "cannot resolve " + m_options.bind + ": " + gai_strerror(gai);
-  std::string error = "no address to bind";
-  for (addrinfo* a = res; a; a = a->ai_next) {
-    int fd = socket(a->ai_family, a->ai_socktype | SOCK_NONBLOCK | SOCK_CLOEXEC, a->ai_protocol);
-    if (fd < 0) {
-      error = Errno("socket");
-      continue;
-    }
-    int one = 1;
-    setsockopt(fd, SOL_SOCKET, SO_REUSEADDR, &one, sizeof one);
-    if (bind(fd, a->ai_addr, a->ai_addrlen) != 0 || listen(fd, SOMAXCONN) != 0) {
-      error = Errno(("cannot listen on " + m_options.bind + ":" + port).c_str());
-      close(fd);
-      continue;
-    }
-    m_listenFd = fd;
-    break;
-  }
-  freeaddrinfo(res);
-  if (m_listenFd < 0) return error;
-
-  sockaddr_storage ss{};
-  socklen_t len = sizeof ss;
-  getsockname(m_listenFd, reinterpret_cast<sockaddr*>(&ss), &len);
-  char host[INET6_ADDRSTRLEN] = "";
-  uint16_t bound = 0;
-  if (ss.ss_family == AF_INET6) {
-    auto* s6 = reinterpret_cast<sockaddr_in6*>(&ss);
-    inet_ntop(AF_INET6, &s6->sin6_addr, host, sizeof host);
-    bound = ntohs(s6->sin6_port);
-    m_listenAddress = "[" + std::string(host) + "]:" + std::to_string(bound);
-  } else {
-    auto* s4 = reinterpret_cast<sockaddr_in*>(&ss);
-    inet_ntop(AF_INET, &s4->sin_addr, host, sizeof host);
-    bound = ntohs(s4->sin_port);
-    m_listenAddress = std::string(host) + ":" + std::to_string(bound);
-  }
+  if (std::string e = Listen(m_options.bind, m_options.port, &m_listenFd, &m_listenAddress);
+      !e.empty())
+    return e;
+  if (!m_options.adminBind.empty())
+    if (std::string e = m_admin.Start(m_options.adminBind, m_options.db); !e.empty()) return e;
 
   unsigned threads = m_options.threads;
   if (threads == 0) threads = std::max(1u, std::min(8u, std::thread::hardware_concurrency()));
   // SQLite takes one writer at a time; PostgreSQL commits as many as it has connections.
   bool sqlite = m_options.db.rfind("sqlite:", 0) == 0;
-  if (std::string e = m_storeQueue.Start(m_options.db, sqlite ? 1 : threads); !e.empty()) return e;
+  if (std::string e = m_storeQueue.Start(m_options.db, sqlite ? 1 : threads, m_options.checkInSec);
+      !e.empty())
+    return e;
   for (unsigned i = 0; i < threads; ++i) {
     auto w = std::make_unique<Worker>(*this);
     if (std::string e = w->Init(); !e.empty()) return e;
@@ -764,6 +787,7 @@ std::string Server::Start() {
 
 void Server::Run() {
   for (auto& w : m_workers) m_threads.emplace_back([&w] { w->Loop(); });
+  m_admin.Run();
 }
 
 void Server::Stop() {
@@ -771,6 +795,7 @@ void Server::Stop() {
   uint64_t one = 1;
   // The counter stays non-zero, so every worker's epoll keeps reporting it.
   [[maybe_unused]] ssize_t n = write(m_stopFd, &one, sizeof one);
+  m_admin.Stop();
 }
 
 void Server::Wait() {
@@ -779,6 +804,7 @@ void Server::Wait() {
   m_threads.clear();
   // After the workers, before they are destroyed: answers go to them.
   m_storeQueue.Stop();
+  m_admin.Wait();
 }
 
 }  // namespace ftcserver

@@ -9,6 +9,7 @@
 #include <thread>
 #include <vector>
 
+#include "admin.h"
 #include "common/crc_cache.h"
 #include "store_queue.h"
 
@@ -22,8 +23,14 @@ struct Options {
   std::string db;        // store URL; empty: an SQLite file beside the root
   unsigned threads = 0;  // 0: one per core
   unsigned idleTimeoutSec = 120;
+  unsigned checkInSec = 30;  // asked of device agents between check-ins
+  std::string adminBind;     // "ADDRESS:PORT" of the fleet page; empty: none
   bool verbose = false;
 };
+
+// A listening socket (non-blocking) on host and port; *address: "HOST:PORT" bound. Error text or
+// "".
+std::string Listen(const std::string& host, uint16_t port, int* listenFd, std::string* address);
 
 // Appends completion reports, one JSON object per line, each on disk before Append returns.
 class ReportLog {
@@ -53,6 +60,8 @@ class Server {
   std::string Start();
   // "HOST:PORT" actually bound.
   std::string ListenAddress() const { return m_listenAddress; }
+  // "HOST:PORT" of the fleet page, "" when there is none.
+  std::string AdminAddress() const { return m_admin.address(); }
   // Starts the workers; returns at once.
   void Run();
   // Safe from any thread; Wait() then returns once every connection is closed.
@@ -76,6 +85,7 @@ class Server {
   CrcCache m_crcCache;
   ReportLog m_reports;
   StoreQueue m_storeQueue;
+  AdminServer m_admin;
   std::vector<std::unique_ptr<Worker>> m_workers;
   std::vector<std::thread> m_threads;
 };

@@ -7,7 +7,9 @@ namespace ftcserver {
 // Jobs waiting per store connection: enough to keep each busy.
 constexpr size_t kQueuedPerConnection = 4;
 
-std::string StoreQueue::Start(const std::string& url, unsigned connections) {
+std::string StoreQueue::Start(const std::string& url, unsigned connections,
+                              unsigned checkInSeconds) {
+  m_checkInSeconds = checkInSeconds;
   m_capacity = connections * kQueuedPerConnection;
   for (unsigned i = 0; i < connections; ++i) {
     std::string error;
@@ -60,6 +62,12 @@ void StoreQueue::Run(ftcstore::Store& store) {
         answer = ftcstore::AcceptMessages(job.body, store);
       } else if (job.kind == StoreJob::kInventory) {
         answer = ftcstore::AcceptInventory(job.body, store);
+      } else if (job.kind == StoreJob::kCheckIn) {
+        answer = ftcstore::AgentCheckIn(job.body, store, m_checkInSeconds);
+      } else if (job.kind == StoreJob::kJob) {
+        answer = ftcstore::AgentJob(job.body, store);
+      } else if (job.kind == StoreJob::kResult) {
+        answer = ftcstore::AgentResult(job.body, store);
       } else if (ftcstore::Status s = store.AddReport(job.report, job.received); !s.ok()) {
         answer = ftcstore::Refusal(503, "cannot store completion report");
         answer.log = {"cannot store completion report: " + s.message};

@@ -20,9 +20,9 @@
 namespace ftcserver {
 
 struct StoreJob {
-  enum Kind { kMessages, kInventory, kReport };
+  enum Kind { kMessages, kInventory, kReport, kCheckIn, kJob, kResult };
   Kind kind = kMessages;
-  std::string body;  // the delivery's request body
+  std::string body;  // the delivery's request body; for kJob the request target
   ftcstore::ReportRow report;
   std::string received;  // when the report arrived
   // Called on a store thread with the answer; must be thread-safe and quick.
@@ -33,7 +33,7 @@ class StoreQueue {
  public:
   ~StoreQueue() { Stop(); }
   // Opens `connections` store connections (the schema must be up to date). Error text or "".
-  std::string Start(const std::string& url, unsigned connections);
+  std::string Start(const std::string& url, unsigned connections, unsigned checkInSeconds);
   // Waits while the queue is full; drops the job once stopped.
   void Submit(StoreJob job);
   // Finishes the jobs in hand, drops the others and joins the threads.
@@ -46,6 +46,7 @@ class StoreQueue {
   std::condition_variable m_ready;
   std::condition_variable m_space;
   size_t m_capacity = 0;
+  unsigned m_checkInSeconds = 0;
   std::deque<StoreJob> m_jobs;
   bool m_stop = false;
   std::vector<std::unique_ptr<ftcstore::Store>> m_stores;

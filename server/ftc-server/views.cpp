@@ -99,13 +99,15 @@ std::unique_ptr<ftcstore::Store> Open(const ViewOptions& o) {
   return store;
 }
 
+}  // namespace
+
 // "2026-11-22 04:38:17Z" (or with `digits` of the fraction); "-" when there is none.
-std::string ShortTime(const std::string& iso, int digits = 0) {
+std::string ShortTime(const std::string& iso, int digits) {
   if (iso.size() < 19) return "-";
   return iso.substr(0, 10) + " " + iso.substr(11, 8 + (digits ? digits + 1 : 0)) + "Z";
 }
 
-size_t Width(const std::string& s) {
+static size_t Width(const std::string& s) {
   size_t n = 0;
   for (unsigned char c : s) n += (c & 0xC0) != 0x80;
   return n;
@@ -147,6 +149,14 @@ void PrintTable(const std::vector<std::vector<std::string>>& rows) {
   for (const auto& row : rows) PrintRow(row, widths);
 }
 
+OrderedJson Nullable(const std::optional<std::string>& v) {
+  return v ? OrderedJson(*v) : OrderedJson();
+}
+
+std::string Dump(const nlohmann::ordered_json& j) {
+  return j.dump(-1, ' ', false, OrderedJson::error_handler_t::replace);
+}
+
 std::string JobState(const ftcstore::FleetRow& r, unsigned long long staleMinutes, time_t now) {
   if (r.jobCode == "205181") {
     auto seen = ftcstore::ParseIsoTime(r.lastSeen);
@@ -159,16 +169,6 @@ std::string JobState(const ftcstore::FleetRow& r, unsigned long long staleMinute
   if (r.haveReport) return r.reportError && !r.reportError->empty() ? "failed" : "complete";
   return "no report";
 }
-
-OrderedJson Nullable(const std::optional<std::string>& v) {
-  return v ? OrderedJson(*v) : OrderedJson();
-}
-
-std::string Dump(const OrderedJson& j) {
-  return j.dump(-1, ' ', false, OrderedJson::error_handler_t::replace);
-}
-
-}  // namespace
 
 int FleetView(const std::vector<std::string>& args) {
   std::string error;

@@ -1,6 +1,8 @@
 #include "intake.h"
 
+#include <algorithm>
 #include <cstdint>
+#include <iterator>
 #include <nlohmann/json.hpp>
 
 #include "message_kinds.h"
@@ -190,6 +192,108 @@ Answer AcceptInventory(std::string_view body, Store& store) try {
   row.installed = InstalledBundles(row.bundles);
   row.original = std::string(body);
   if (Status s = store.SetInventory(row, IsoNow(6)); !s.ok()) return Unavailable(s);
+  Answer a;
+  a.body = OrderedJson{{"status", "stored"}}.dump();
+  return a;
+} catch (const std::exception& e) {
+  return Refusal(400, std::string("unreadable request: ") + e.what());
+}
+
+namespace {
+
+std::optional<int64_t> DeploymentId(const Json& doc) {
+  auto d = doc.find("deployment");
+  if (d == doc.end() || !d->is_number_unsigned() || d->get<uint64_t>() < 1 ||
+      d->get<uint64_t>() > static_cast<uint64_t>(INT64_MAX))
+    return std::nullopt;
+  return d->get<int64_t>();
+}
+
+}  // namespace
+
+Answer AgentCheckIn(std::string_view body, Store& store, unsigned next) try {
+  Json doc;
+  Checkin in;
+  Answer refusal;
+  if (!ReadEnvelope(body, &doc, &in.device, &refusal)) return refusal;
+  auto busy = doc.find("busy");
+  if (busy != doc.end() && !busy->is_null()) {
+    if (!busy->is_boolean())
+      return Refusal(400, "device " + in.device + ": busy is not true or false");
+    in.busy = busy->get<bool>();
+  }
+  auto resumed = doc.find("resumed");
+  if (resumed != doc.end() && !resumed->is_null()) {
+    auto found = resumed->is_object() ? resumed->find("found") : resumed->end();
+    std::optional<int64_t> id;
+    if (resumed->is_object()) id = DeploymentId(*resumed);
+    if (!id || found == resumed->end() || !found->is_string())
+      return Refusal(400, "device " + in.device + ": resumed of the wrong shape");
+    in.resumedDeployment = id;
+    in.resumedFound = found->get<std::string>();
+  }
+  std::optional<int64_t> offer;
+  if (Status s = store.CheckIn(in, IsoNow(6), &offer); !s.ok()) return Unavailable(s);
+  OrderedJson job;
+  if (offer)
+    job = OrderedJson{{"deployment", *offer}, {"url", "/agent/jobs/" + std::to_string(*offer)}};
+  Answer a;
+  a.body = OrderedJson{{"next", next}, {"job", job}}.dump();
+  return a;
+} catch (const std::exception& e) {
+  return Refusal(400, std::string("unreadable request: ") + e.what());
+}
+
+Answer AgentJob(std::string_view target, Store& store) {
+  constexpr std::string_view kPrefix = "/agent/jobs/", kDevice = "?device=";
+  target.remove_prefix(std::min(target.size(), kPrefix.size()));
+  size_t query = target.find(kDevice);
+  std::string_view digits = target.substr(0, query);
+  std::string device(query == std::string_view::npos ? "" : target.substr(query + kDevice.size()));
+  if (digits.empty() || digits.size() > 18 ||
+      digits.find_first_not_of("0123456789") != std::string_view::npos || !IsDeviceId(device))
+    return Refusal(404, "no such job");
+  int64_t id = std::stoll(std::string(digits));
+  JobFetch fetch;
+  if (Status s = store.FetchJob(id, device, IsoNow(6), &fetch); !s.ok()) return Unavailable(s);
+  if (fetch.status == 410)
+    return Refusal(
+        410, "device " + device + ": deployment " + std::to_string(id) + " was fetched already");
+  if (fetch.status != 200)
+    return Refusal(
+        404, "device " + device + ": deployment " + std::to_string(id) + " is not for it now");
+  Answer a;
+  a.body = std::move(fetch.job);
+  a.type = "text/xml";
+  return a;
+}
+
+Answer AgentResult(std::string_view body, Store& store) try {
+  Json doc;
+  std::string device;
+  Answer refusal;
+  if (!ReadEnvelope(body, &doc, &device, &refusal)) return refusal;
+  std::optional<int64_t> id = DeploymentId(doc);
+  auto state = doc.find("state");
+  auto code = doc.find("code");
+  bool ok = true;
+  std::string text = Field(doc, "text", &ok);
+  static const char* const kStates[] = {"started", "complete", "failed", "refused"};
+  bool known = state != doc.end() && state->is_string() &&
+               std::find(std::begin(kStates), std::end(kStates), state->get<std::string>()) !=
+                   std::end(kStates);
+  bool codeOk = code == doc.end() || code->is_null() ||
+                (code->is_number_unsigned() && code->get<uint64_t>() <= UINT32_MAX);
+  if (!id || !known || !codeOk || !ok)
+    return Refusal(400, "device " + device + ": result of the wrong shape");
+  int64_t number = code != doc.end() && code->is_number() ? code->get<int64_t>() : 0;
+  bool found = false;
+  if (Status s = store.ReportOutcome(*id, device, state->get<std::string>(), number, text,
+                                     IsoNow(6), &found);
+      !s.ok())
+    return Unavailable(s);
+  if (!found)
+    return Refusal(404, "device " + device + ": no part in deployment " + std::to_string(*id));
   Answer a;
   a.body = OrderedJson{{"status", "stored"}}.dump();
   return a;

@@ -19,7 +19,8 @@ constexpr unsigned kRetryAfterSeconds = 2;
 
 struct Answer {
   int status = 200;
-  std::string body;              // JSON
+  std::string body;  // JSON unless type says otherwise
+  std::string type = "application/json";
   std::vector<std::string> log;  // why something was refused or could not be stored
 };
 
@@ -30,6 +31,12 @@ Answer Refusal(int status, const std::string& why);
 Answer AcceptMessages(std::string_view body, Store& store);
 // POST /xq/inventory: what a device has installed.
 Answer AcceptInventory(std::string_view body, Store& store);
+
+// The device agent's endpoints. next: seconds until the agent's next check-in.
+Answer AgentCheckIn(std::string_view body, Store& store, unsigned next);
+// GET /agent/jobs/<deployment>?device=<id>: the job file, handed out once.
+Answer AgentJob(std::string_view target, Store& store);
+Answer AgentResult(std::string_view body, Store& store);
 
 // A completion request's headers (null when absent) as the reports file's JSON line and the
 // store's row. time: when it arrived, as the line shows it.

@@ -62,6 +62,7 @@ struct FleetRow {
   std::string jobText;   // text of the latest started or complete event
   bool haveReport = false;
   std::optional<std::string> reportFallback, reportError;
+  std::string reportTime;  // server time of the last completion report
 };
 
 struct EventRow {
@@ -74,6 +75,47 @@ struct EventRow {
 struct EventFilter {
   std::string device;  // "" for every device
   std::string since;   // "" for all time; else a time prefix compared as text
+};
+
+// Deployments: a job for a set of devices, handed out in phases.
+struct DeploymentPlan {
+  std::string bundle;
+  std::vector<std::string> devices;
+  std::vector<int> phases;  // cumulative percentages, the last 100
+  std::optional<int64_t> maxFailures;
+  bool maxFailuresPercent = false;
+  std::string deadline;  // "" for none; else a time as IsoTime writes it
+  std::string job;       // the job document devices fetch
+  std::string created;
+};
+
+struct DeploymentRow {
+  int64_t id = 0;
+  std::string bundle, created, state, phases, deadline, maxFailures;
+  int phase = 0;  // the last open phase, from 0
+  int64_t devices = 0;
+  std::vector<std::pair<std::string, int64_t>> counts;  // devices by state
+};
+
+struct DeploymentDeviceRow {
+  std::string device, state, text, updated;
+  int phase = 0;
+  std::optional<int64_t> code;
+};
+
+// What a device says when it checks in.
+struct Checkin {
+  std::string device;
+  bool busy = false;
+  std::optional<int64_t> resumedDeployment;
+  std::string resumedFound;  // "complete", "failed", "started" or "none"
+};
+
+// The outcome of asking for a deployment's job: 200 with the job, 404 not (or no longer)
+// handed to this device, 410 fetched already.
+struct JobFetch {
+  int status = 404;
+  std::string job;
 };
 
 class Store {
@@ -94,6 +136,30 @@ class Store {
   // Oldest first; stops early when each returns false.
   [[nodiscard]] virtual Status Events(const EventFilter& filter,
                                       const std::function<bool(const EventRow&)>& each) = 0;
+
+  // `now` is the server time every deadline and phase is judged at.
+  [[nodiscard]] virtual Status CreateDeployment(const DeploymentPlan& plan, int64_t* id) = 0;
+  [[nodiscard]] virtual Status Deployments(const std::string& now,
+                                           std::vector<DeploymentRow>* rows) = 0;
+  // *found false when there is no such deployment.
+  [[nodiscard]] virtual Status Deployment(int64_t id, const std::string& now, bool* found,
+                                          DeploymentRow* row,
+                                          std::vector<DeploymentDeviceRow>* devices) = 0;
+  // action: "pause", "resume" or "cancel". *error says why it does not apply, "" when done.
+  [[nodiscard]] virtual Status ChangeDeployment(int64_t id, const std::string& action,
+                                                const std::string& now, std::string* error) = 0;
+  // *offer: the deployment whose job the device should fetch now, if any.
+  [[nodiscard]] virtual Status CheckIn(const Checkin& in, const std::string& now,
+                                       std::optional<int64_t>* offer) = 0;
+  // Hands the job out at most once per device: the first fetch marks it "sent".
+  [[nodiscard]] virtual Status FetchJob(int64_t id, const std::string& device,
+                                        const std::string& now, JobFetch* out) = 0;
+  // state: "started", "complete", "failed" or "refused". *found false when the device has no
+  // part in that deployment.
+  [[nodiscard]] virtual Status ReportOutcome(int64_t id, const std::string& device,
+                                             const std::string& state, int64_t code,
+                                             const std::string& text, const std::string& now,
+                                             bool* found) = 0;
 };
 
 enum class OpenMode {

@@ -1,5 +1,9 @@
 // What devices deliver to the real ftc-server, and what the operator's views then show.
+#include <arpa/inet.h>
 #include <gtest/gtest.h>
+#include <netinet/in.h>
+#include <sys/socket.h>
+#include <unistd.h>
 
 #include <cstdio>
 #include <filesystem>
@@ -69,6 +73,34 @@ std::string CompletionReport(const std::string& device, const std::string& error
   return "GET HTTP/1.1\r\nCore-name: " + device +
          "\r\nBundle-rx: 0\r\nHTTP-fallback: 1\r\nBundle-transfer: COMPLETE\r\n" +
          (error.empty() ? "" : "Error: " + error + "\r\n") + "\r\n";
+}
+
+// `ftc-server deploy ARGS`; its output.
+std::string Deploy(const std::string& args, int* status = nullptr) {
+  return ftctest::RunCommand(ftctest::BinDir() + "/ftc-server deploy " + args, status);
+}
+
+// The job the server offers at this check-in: its deployment id, 0 for none.
+int CheckIn(Connection& c, const std::string& device, const std::string& extra = "") {
+  ftctest::Response r = c.Post("/agent/checkin", "{\"device\":\"" + device + "\"" + extra + "}");
+  Json j = Json::parse(r.body, nullptr, false);
+  EXPECT_EQ(r.status, 200) << r.body;
+  if (!j.is_object() || !j["job"].is_object()) return 0;
+  EXPECT_EQ(j["job"]["url"], "/agent/jobs/" + j["job"]["deployment"].dump());
+  return j["job"]["deployment"];
+}
+
+int FetchJob(Connection& c, int deployment, const std::string& device) {
+  return c.Get("/agent/jobs/" + std::to_string(deployment) + "?device=" + device).status;
+}
+
+// Per device: state, then the code when there is one, else the text.
+std::map<std::string, std::string> DeviceStates(const Json& show) {
+  std::map<std::string, std::string> out;
+  for (const Json& d : show["devices"])
+    out[d["device"]] = d["state"].get<std::string>() + " " +
+                       (d["code"].is_null() ? d["text"].get<std::string>() : d["code"].dump());
+  return out;
 }
 
 class FleetTest : public ::testing::Test {
@@ -253,6 +285,186 @@ TEST_F(FleetTest, AnswersRetryAfterWhileTheDatabaseIsGoneAndStoresOnceItIsBack) 
   EXPECT_EQ(ServerView("events --json --db " + db).size(), 2u);
 }
 
+class DeployTest : public FleetTest {
+ protected:
+  void SetUp() override {
+    FleetTest::SetUp();
+    std::filesystem::create_directories(bundle + "/Demo");
+    ftctest::WriteHostFile(bundle + "/Demo/app.bin", "123456789");
+  }
+  // Creates a deployment; its id.
+  int Create(const std::string& db, const std::string& args) {
+    int status = -1;
+    std::string out = Deploy("create --db " + db + " --root " + bundle +
+                                 " --bundle Demo --server http://127.0.0.1:1 --dest 'A:\' " + args,
+                             &status);
+    EXPECT_EQ(status, 0) << out;
+    return std::atoi(out.c_str() + out.find(' ') + 1);
+  }
+  Json Show(int id) {
+    return Json::parse(Deploy("show " + std::to_string(id) + " --json --db " + db), nullptr, false);
+  }
+};
+
+TEST_F(DeployTest, PhasesOpenAsDevicesFinishAndFailuresPause) {
+  ServerProcess server(bundle, {"--db", db});
+  Connection c(server.port());
+  int id = Create(db, "--devices d1,d2,d3,d4 --phases 25,100 --max-failures 1");
+  // Only the first quarter is handed the job until it has an outcome.
+  EXPECT_EQ(CheckIn(c, "d1"), id);
+  for (const char* d : {"d2", "d3", "d4"}) EXPECT_EQ(CheckIn(c, d), 0) << d;
+  EXPECT_EQ(FetchJob(c, id, "d2"), 404);
+  EXPECT_EQ(CheckIn(c, "d1", ",\"busy\":true"), 0);
+  ftctest::Response job = c.Get("/agent/jobs/" + std::to_string(id) + "?device=d1");
+  EXPECT_EQ(job.status, 200);
+  EXPECT_EQ(job.headers["Content-Type"], "text/xml");
+  EXPECT_NE(job.body.find("<Field Name=\"BaseURL\">http://127.0.0.1:1/Demo</Field>"),
+            std::string::npos)
+      << job.body;
+  EXPECT_EQ(FetchJob(c, id, "d1"), 410);
+  // The device's own events account for it, reported or not.
+  EXPECT_EQ(
+      c.Post("/xq/messages", Batch("d1", {Message("QV_Event_DB", 1, Event("205181", "Demo, 1.0")),
+                                          Message("QV_Event_DB", 2, Event("205182", "Demo, 1.0"))}))
+          .status,
+      200);
+  for (const char* d : {"d2", "d3", "d4"}) {
+    EXPECT_EQ(CheckIn(c, d), id) << d;
+    if (d[1] != '4') {
+      EXPECT_EQ(FetchJob(c, id, d), 200) << d;
+    }
+  }
+  auto result = [&](const std::string& device, const std::string& state, uint32_t code) {
+    return c.Post("/agent/result", Json{{"device", device},
+                                        {"deployment", id},
+                                        {"state", state},
+                                        {"code", code},
+                                        {"text", "why " + device}}
+                                       .dump());
+  };
+  EXPECT_EQ(result("d2", "failed", 0).body, "{\"status\":\"stored\"}");
+  EXPECT_EQ(CheckIn(c, "d4"), id);  // one failure is allowed
+  EXPECT_EQ(result("d3", "refused", 3289452545u).status, 200);
+  EXPECT_EQ(result("d9", "failed", 0).status, 404);
+  EXPECT_EQ(CheckIn(c, "d4"), 0);
+  EXPECT_EQ(FetchJob(c, id, "d4"), 404);
+  Json show = Show(id);
+  EXPECT_EQ(show["state"], "paused");
+  EXPECT_EQ(show["phase"], 2);
+  EXPECT_EQ(DeviceStates(show), (std::map<std::string, std::string>{{"d1", "complete Demo, 1.0"},
+                                                                    {"d2", "failed why d2"},
+                                                                    {"d3", "refused 3289452545"},
+                                                                    {"d4", "pending "}}));
+  // Resumed, the failures so far are accepted; cancelled, what was not fetched is not handed out.
+  EXPECT_EQ(Deploy("resume " + std::to_string(id) + " --db " + db), "deployment 1: running\n");
+  EXPECT_EQ(CheckIn(c, "d4"), id);
+  EXPECT_EQ(Deploy("cancel " + std::to_string(id) + " --db " + db), "deployment 1: cancelled\n");
+  EXPECT_EQ(CheckIn(c, "d4"), 0);
+  EXPECT_EQ(FetchJob(c, id, "d4"), 404);
+  EXPECT_EQ(Show(id)["counts"]["cancelled"], 1);
+  int status = 0;
+  Deploy("pause " + std::to_string(id) + " --db " + db, &status);
+  EXPECT_EQ(status, 1);
+  std::string list = Deploy("list --db " + db);
+  EXPECT_NE(list.find("1   Demo    cancelled  2/2    4"), std::string::npos) << list;
+}
+
+TEST_F(DeployTest, DevicesWithoutAnOutcomeByTheDeadlineTimeOut) {
+  ServerProcess server(bundle, {"--db", db});
+  Connection c(server.port());
+  // The devices are chosen by the hardware they reported.
+  for (const char* d : {"quiet", "slow", "other"})
+    c.Post("/xq/inventory", Inventory(d, "Demo", "2026-11-22T05:00:00Z"));
+  c.Post("/xq/inventory",
+         Json{{"device", "other"}, {"hardware", "HW9"}, {"time", "2026-11-22T06:00:00Z"}}.dump());
+  int id = Create(db, "--hardware 'HW[0-7]' --deadline 0.05");
+  EXPECT_EQ(CheckIn(c, "slow"), id);
+  EXPECT_EQ(FetchJob(c, id, "slow"), 200);
+  EXPECT_EQ(CheckIn(c, "other"), 0);
+  std::this_thread::sleep_for(std::chrono::milliseconds(3200));
+  Json show = Show(id);
+  EXPECT_EQ(show["state"], "done");
+  EXPECT_EQ(DeviceStates(show),
+            (std::map<std::string, std::string>{{"quiet", "timed out "}, {"slow", "timed out "}}));
+  EXPECT_EQ(CheckIn(c, "quiet"), 0);
+}
+
+// A loopback port nothing listens on right now.
+int FreePort() {
+  int s = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+  sockaddr_in a{};
+  a.sin_family = AF_INET;
+  a.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+  socklen_t len = sizeof a;
+  bind(s, reinterpret_cast<sockaddr*>(&a), len);
+  getsockname(s, reinterpret_cast<sockaddr*>(&a), &len);
+  close(s);
+  return ntohs(a.sin_port);
+}
+
+TEST_F(DeployTest, FleetPageShowsTheDeploymentAndItsDevices) {
+  int admin = FreePort();
+  ServerProcess server(bundle, {"--db", db, "--admin-bind", "127.0.0.1:" + std::to_string(admin)});
+  Connection c(server.port());
+  c.Post("/xq/inventory", Inventory("d1", "Demo", "2026-11-22T05:00:00Z"));
+  int id = Create(db, "--devices d1,d2 --phases 50,100 --deadline 60");
+  EXPECT_EQ(CheckIn(c, "d1"), id);
+  EXPECT_EQ(FetchJob(c, id, "d1"), 200);
+  c.Post("/xq/messages", Batch("d1", {Message("QV_Event_DB", 1, Event("205181", "Demo, 1.0"))}));
+
+  Json fleet = Json::parse(Connection(admin).Get("/api/fleet").body, nullptr, false);
+  ASSERT_EQ(fleet["deployments"].size(), 1u) << fleet.dump();
+  const Json& d = fleet["deployments"][0];
+  EXPECT_EQ(d["id"], id);
+  EXPECT_EQ(d["bundle"], "Demo");
+  EXPECT_EQ(d["state"], "running");
+  EXPECT_EQ(d["phase"], 1);
+  EXPECT_EQ(d["phases"], Json::array({50, 100}));
+  EXPECT_TRUE(d["max_failures"].is_null());
+  EXPECT_EQ(d["deadline"].get<std::string>().size(), 27u);
+  EXPECT_EQ(d["devices"], 2);
+  EXPECT_EQ(d["counts"], (Json{{"pending", 1},
+                               {"sent", 0},
+                               {"started", 1},
+                               {"complete", 0},
+                               {"failed", 0},
+                               {"refused", 0},
+                               {"timed out", 0},
+                               {"cancelled", 0}}));
+  ASSERT_EQ(fleet["devices"].size(), 1u) << fleet.dump();
+  const Json& dev = fleet["devices"][0];
+  EXPECT_EQ(dev["device"], "d1");
+  EXPECT_EQ(dev["hardware"], "HW7");
+  EXPECT_EQ(dev["installed"], "Demo 1.0");
+  EXPECT_EQ(dev["state"], "started");
+  EXPECT_EQ(dev["last_event"], "Demo, 1.0");
+  EXPECT_EQ(dev["last_message"].get<std::string>().substr(0, 2), "20");
+  EXPECT_TRUE(dev["last_report"].is_null());
+  EXPECT_EQ(Connection(admin).Get("/api/deployments/99").status, 404);
+  // The device port serves no page, and the page's listener no device.
+  EXPECT_EQ(c.Get("/api/fleet").status, 404);
+
+  if (ftctest::RunCommand("command -v chromium").empty())
+    GTEST_SKIP() << "chromium is not installed (scripts/bootstrap.sh test installs it)";
+  std::string dom = ftctest::RunCommand(
+      "timeout 120 chromium --headless --no-sandbox --disable-gpu --disable-background-networking "
+      "--disable-component-update --disable-sync --no-first-run --user-data-dir=" +
+      root.path() + "/chromium --virtual-time-budget=5000 --dump-dom http://127.0.0.1:" +
+      std::to_string(admin) + "/ 2>/dev/null");
+  size_t table = dom.find("<table id=\"deployment-devices\">");
+  ASSERT_NE(table, std::string::npos) << dom;
+  std::string rows = dom.substr(table, dom.find("</table>", table) - table);
+  EXPECT_NE(rows.find("<tr data-device=\"d1\"><td>d1</td><td>1</td><td class=\"started\">started"
+                      "</td><td>-</td><td>Demo, 1.0</td>"),
+            std::string::npos)
+      << rows;
+  EXPECT_NE(rows.find("<tr data-device=\"d2\"><td>d2</td><td>2</td><td class=\"pending\">pending"
+                      "</td>"),
+            std::string::npos)
+      << rows;
+  EXPECT_NE(dom.find("<h2 id=\"selected\">Deployment 1: Demo, running</h2>"), std::string::npos);
+}
+
 class FleetPostgresTest : public ::testing::Test {
  protected:
   static void SetUpTestSuite() { pg = new ftctest::PostgresServer(); }
@@ -317,6 +529,46 @@ TEST_F(FleetPostgresTest, TwoServersShareOneDatabaseAndSurviveItsRestart) {
   EXPECT_TRUE(ftctest::WaitUntil([&] { return post(1).status == 200; }));
   EXPECT_EQ(a.Stop(), 0);
   EXPECT_EQ(b.Stop(), 0);
+}
+
+TEST_F(FleetPostgresTest, TwoServersHandEachDeviceItsJobOnce) {
+  ServerProcess a(bundle, {"--db", pg->url(), "--threads", "2"});
+  ServerProcess b(bundle, {"--db", pg->url(), "--threads", "2"});
+  std::filesystem::create_directories(bundle + "/Demo");
+  ftctest::WriteHostFile(bundle + "/Demo/app.bin", "123456789");
+  constexpr int kDevices = 12, kTries = 3;
+  std::string devices;
+  for (int d = 0; d < kDevices; ++d) devices += (d ? ",job-" : "job-") + std::to_string(d);
+  int status = -1;
+  std::string out =
+      Deploy("create --db " + pg->url() + " --root " + bundle +
+                 " --bundle Demo --server http://127.0.0.1:1 --dest 'A:\\' --devices " + devices,
+             &status);
+  ASSERT_EQ(status, 0) << out;
+  int id = std::atoi(out.c_str() + out.find(' ') + 1);
+  // Each device checks in through both servers at once, again and again, and fetches whatever
+  // it is offered: it must receive the job exactly once.
+  std::mutex mutex;
+  std::map<std::string, int> received;
+  std::vector<std::thread> clients;
+  for (int t = 0; t < kDevices * 2; ++t)
+    clients.emplace_back([&, t] {
+      Connection c(t % 2 ? a.port() : b.port());
+      std::string device = "job-" + std::to_string(t / 2);
+      for (int i = 0; i < kTries; ++i) {
+        int offered = CheckIn(c, device);
+        if (offered && FetchJob(c, offered, device) == 200) {
+          std::lock_guard<std::mutex> lock(mutex);
+          received[device]++;
+        }
+      }
+    });
+  for (auto& t : clients) t.join();
+  EXPECT_EQ(received.size(), size_t(kDevices));
+  for (const auto& [device, n] : received) EXPECT_EQ(n, 1) << device;
+  Json show = Json::parse(Deploy("show " + std::to_string(id) + " --json --db " + pg->url()),
+                          nullptr, false);
+  EXPECT_EQ(show["counts"]["sent"], kDevices);
 }
 
 }  // namespace

@@ -1,0 +1,79 @@
+"use strict";
+const STATES = ["pending", "sent", "started", "complete", "failed", "refused", "timed out",
+                "cancelled"];
+const REFRESH_MS = 5000;
+let selected = null;
+
+function cell(tr, value, cls) {
+  const td = document.createElement("td");
+  td.textContent = value === null || value === undefined || value === "" ? "-" : String(value);
+  if (cls) td.className = cls.replace(/ /g, "-");
+  tr.appendChild(td);
+}
+
+function fill(id, rows, draw) {
+  const body = document.querySelector("#" + id + " tbody");
+  body.replaceChildren(...rows.map((r) => {
+    const tr = document.createElement("tr");
+    draw(tr, r);
+    return tr;
+  }));
+}
+
+async function load(url) {
+  const r = await fetch(url, {cache: "no-store"});
+  if (!r.ok) throw new Error(url + ": " + r.status);
+  return r.json();
+}
+
+async function refresh() {
+  try {
+    const fleet = await load("api/fleet");
+    const ids = fleet.deployments.map((d) => d.id);
+    if (!ids.includes(selected)) selected = ids.length ? ids[ids.length - 1] : null;
+    fill("deployments", fleet.deployments, (tr, d) => {
+      tr.dataset.id = d.id;
+      if (d.id === selected) tr.className = "selected";
+      tr.onclick = () => { selected = d.id; refresh(); };
+      cell(tr, d.id);
+      cell(tr, d.bundle);
+      cell(tr, d.state, d.state);
+      cell(tr, d.phase + "/" + d.phases.length);
+      cell(tr, d.devices);
+      for (const s of STATES) cell(tr, d.counts[s]);
+      cell(tr, d.deadline);
+    });
+    fill("devices", fleet.devices, (tr, d) => {
+      tr.dataset.device = d.device;
+      cell(tr, d.device);
+      cell(tr, d.hardware);
+      cell(tr, d.installed);
+      cell(tr, d.state, d.state);
+      cell(tr, d.last_event);
+      cell(tr, d.last_message);
+      cell(tr, d.last_report);
+    });
+    let rows = [];
+    if (selected !== null) {
+      const d = await load("api/deployments/" + selected);
+      document.getElementById("selected").textContent =
+          "Deployment " + d.id + ": " + d.bundle + ", " + d.state;
+      rows = d.devices;
+    }
+    fill("deployment-devices", rows, (tr, d) => {
+      tr.dataset.device = d.device;
+      cell(tr, d.device);
+      cell(tr, d.phase);
+      cell(tr, d.state, d.state);
+      cell(tr, d.code);
+      cell(tr, d.text);
+      cell(tr, d.updated);
+    });
+    document.getElementById("updated").textContent = "updated " + new Date().toISOString();
+  } catch (e) {
+    document.getElementById("updated").textContent = "cannot load: " + e.message;
+  }
+}
+
+refresh();
+setInterval(refresh, REFRESH_MS);
