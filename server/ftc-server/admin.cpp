@@ -7,6 +7,7 @@
 
 #include <cerrno>
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
 
 #include "common/http.h"
@@ -78,6 +79,19 @@ Reply DeploymentDetail(ftcstore::Store& store, std::string_view id) {
   if (!found) return Failure(404, "no such deployment");
   OrderedJson j = DeploymentJson(d);
   j["devices"] = DeploymentDevicesJson(devices);
+  OrderedJson history = OrderedJson::array();
+  for (const auto& [time, counts] : d.history) {
+    OrderedJson c = OrderedJson::object();
+    for (size_t at = 0, end; at < counts.size(); at = end + 1) {
+      end = counts.find(',', at);
+      if (end == std::string::npos) end = counts.size();
+      std::string pair = counts.substr(at, end - at);
+      size_t eq = pair.find('=');
+      if (eq != std::string::npos) c[pair.substr(0, eq)] = std::atoll(pair.c_str() + eq + 1);
+    }
+    history.push_back({{"time", time}, {"counts", c}});
+  }
+  j["history"] = history;
   return Json(j);
 }
 

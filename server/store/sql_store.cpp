@@ -1,4 +1,5 @@
 // The store's schema and queries, the same SQL for both databases.
+#include <algorithm>
 #include <cstdlib>
 #include <iterator>
 #include <optional>
@@ -73,7 +74,12 @@ const char* const kMigrations[] = {
     " text TEXT NOT NULL DEFAULT '',"
     " updated TEXT NOT NULL,"
     " PRIMARY KEY (deployment, device));"
-    "CREATE INDEX deployment_devices_device ON deployment_devices (device, state);",
+    "CREATE INDEX deployment_devices_device ON deployment_devices (device, state);"
+    "CREATE TABLE deployment_history ("
+    " deployment BIGINT NOT NULL,"
+    " time TEXT NOT NULL,"
+    " counts TEXT NOT NULL);"
+    "CREATE INDEX deployment_history_deployment ON deployment_history (deployment, time);",
 };
 
 enum StatementId {
@@ -110,6 +116,9 @@ enum StatementId {
   kMarkOutcome,
   kResetSent,
   kCurrentDeployment,
+  kLastHistory,
+  kInsertHistory,
+  kHistory,
 };
 
 // A writer takes the lock at once: a read lock upgraded later could fail instead of waiting.
@@ -234,6 +243,15 @@ const Statement kCurrentDeploymentSql{
     "SELECT deployment FROM deployment_devices WHERE device = $1"
     " AND state IN ('sent', 'started') ORDER BY deployment DESC LIMIT 1"};
 
+const Statement kLastHistorySql{
+    kLastHistory,
+    "SELECT counts FROM deployment_history WHERE deployment = $1 ORDER BY time DESC LIMIT 1"};
+const Statement kInsertHistorySql{
+    kInsertHistory,
+    "INSERT INTO deployment_history (deployment, time, counts) VALUES ($1, $2, $3)"};
+const Statement kHistorySql{
+    kHistory, "SELECT time, counts FROM deployment_history WHERE deployment = $1 ORDER BY time"};
+
 // A deployment's row as locked at the start of a transaction.
 struct Locked {
   int64_t id = 0;
@@ -298,6 +316,8 @@ class SqlStore : public Store {
                      const std::vector<MessageRow>& rows, std::vector<bool>* stored) override {
     std::vector<bool> result(rows.size(), false);
     Status s = Transaction([&]() -> Status {
+      // The device's row before any deployment's, as a check-in takes them.
+      if (Status t = Touch(device, received); !t.ok()) return t;
       for (size_t i = 0; i < rows.size(); ++i) {
         const MessageRow& m = rows[i];
         int64_t changed = 0;
@@ -312,7 +332,7 @@ class SqlStore : public Store {
         if (result[i] && m.kind == "event")
           if (Status e = JobEvent(device, m, received); !e.ok()) return e;
       }
-      return Touch(device, received);
+      return Status::Ok();
     });
     if (s.ok()) *stored = std::move(result);
     return s;
@@ -406,6 +426,9 @@ class SqlStore : public Store {
                       {Value::Int(*id), Value::Text(plan.devices[i]),
                        Value::Int(static_cast<int64_t>(phase)), Value::Text(plan.created)});
       }
+      if (s.ok())
+        s = m_db->Run(kInsertHistorySql, {Value::Int(*id), Value::Text(plan.created),
+                                          Value::Text("pending=" + std::to_string(n))});
       return s;
     });
   }
@@ -433,6 +456,12 @@ class SqlStore : public Store {
     return Transaction([&]() -> Status {
       Status s = Judge(id, now, found, row);
       if (!s.ok() || !*found) return s;
+      row->history.clear();
+      s = m_db->Run(kHistorySql, {Value::Int(id)}, [&](const Row& r) {
+        row->history.emplace_back(Text(r[0]), Text(r[1]));
+        return true;
+      });
+      if (!s.ok()) return s;
       return m_db->Run(kDeploymentDevicesSql, {Value::Int(id)}, [&](const Row& r) {
         DeploymentDeviceRow d;
         d.device = Text(r[0]);
@@ -482,17 +511,21 @@ class SqlStore : public Store {
     offer->reset();
     return Transaction([&]() -> Status {
       if (Status s = Touch(in.device, now); !s.ok()) return s;
-      if (in.resumedDeployment)
-        if (Status s = Resumed(in, now); !s.ok()) return s;
       std::vector<int64_t> ids;
       Status s = m_db->Run(kDeviceOffersSql, {Value::Text(in.device)}, [&](const Row& r) {
         ids.push_back(Number(r[0]));
         return true;
       });
-      for (size_t i = 0; s.ok() && i < ids.size() && !*offer; ++i) {
+      // Deployments are locked in ascending order, the resumed one among them.
+      if (in.resumedDeployment) ids.push_back(*in.resumedDeployment);
+      std::sort(ids.begin(), ids.end());
+      ids.erase(std::unique(ids.begin(), ids.end()), ids.end());
+      for (size_t i = 0; s.ok() && i < ids.size(); ++i) {
+        if (ids[i] == in.resumedDeployment)
+          if (s = Resumed(in, now); !s.ok()) break;
         bool found = false;
         DeploymentRow row;
-        if (s = Judge(ids[i], now, &found, &row); !s.ok() || in.busy) continue;
+        if (s = Judge(ids[i], now, &found, &row); !s.ok() || !found || in.busy || *offer) continue;
         bool open = false;
         s = m_db->Run(kDeviceRowSql, {Value::Int(ids[i]), Value::Text(in.device)},
                       [&](const Row& r) {
@@ -645,6 +678,7 @@ class SqlStore : public Store {
     if (s.ok() && (state != d.state || phase != d.phase))
       s = m_db->Run(kSetDeploymentSql, {Value::Int(id), Value::Text(state), Value::Int(phase),
                                         Value::Int(d.forgiven)});
+    if (s.ok()) s = Remember(id, now, *row);
     row->bundle = d.bundle;
     row->created = d.created;
     row->state = state;
@@ -654,6 +688,21 @@ class SqlStore : public Store {
     row->maxFailures =
         !d.maxFailures ? "" : std::to_string(*d.maxFailures) + (d.percent ? "%" : "");
     return s;
+  }
+
+  // The devices by state, kept each time they differ from the last look, for the fleet page's
+  // picture of the deployment over time.
+  Status Remember(int64_t id, const std::string& now, const DeploymentRow& row) {
+    std::string counts;
+    for (const auto& [state, n] : row.counts)
+      counts += (counts.empty() ? "" : ",") + state + "=" + std::to_string(n);
+    std::optional<std::string> last;
+    Status s = m_db->Run(kLastHistorySql, {Value::Int(id)}, [&](const Row& r) {
+      last = Text(r[0]);
+      return true;
+    });
+    if (!s.ok() || last == counts) return s;
+    return m_db->Run(kInsertHistorySql, {Value::Int(id), Value::Text(now), Value::Text(counts)});
   }
 
   // A device's job moves on; a state it has already passed is left alone.

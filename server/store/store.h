@@ -95,6 +95,8 @@ struct DeploymentRow {
   int phase = 0;  // the last open phase, from 0
   int64_t devices = 0;
   std::vector<std::pair<std::string, int64_t>> counts;  // devices by state
+  // Deployment() only: (time, "state=n,...") each time the counts changed, oldest first.
+  std::vector<std::pair<std::string, std::string>> history;
 };
 
 struct DeploymentDeviceRow {

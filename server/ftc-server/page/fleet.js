@@ -20,6 +20,43 @@ function fill(id, rows, draw) {
   }));
 }
 
+const SVG = "http://www.w3.org/2000/svg";
+
+// Browsers read milliseconds at most.
+function when(iso) {
+  return Date.parse(iso.slice(0, 23) + "Z");
+}
+
+// Devices by state over time, one step line per state that occurs.
+function draw(history, total) {
+  const svg = document.getElementById("history");
+  svg.replaceChildren();
+  if (!history.length) return;
+  const width = 600, height = 160;
+  const start = when(history[0].time);
+  const span = Math.max(Date.now() - start, when(history[history.length - 1].time) - start, 1);
+  const top = Math.max(total, 1);
+  for (const s of STATES) {
+    if (!history.some((p) => p.counts[s])) continue;
+    const points = [];
+    let y = height;
+    for (const p of history) {
+      const x = ((when(p.time) - start) / span) * width;
+      if (points.length) points.push(x.toFixed(1) + "," + y.toFixed(1));
+      y = height - ((p.counts[s] || 0) / top) * height;
+      points.push(x.toFixed(1) + "," + y.toFixed(1));
+    }
+    points.push(width + "," + y.toFixed(1));
+    const line = document.createElementNS(SVG, "polyline");
+    line.setAttribute("points", points.join(" "));
+    line.setAttribute("class", s.replace(/ /g, "-"));
+    const title = document.createElementNS(SVG, "title");
+    title.textContent = s;
+    line.appendChild(title);
+    svg.appendChild(line);
+  }
+}
+
 async function load(url) {
   const r = await fetch(url, {cache: "no-store"});
   if (!r.ok) throw new Error(url + ": " + r.status);
@@ -54,12 +91,15 @@ async function refresh() {
       cell(tr, d.last_report);
     });
     let rows = [];
+    let history = [];
     if (selected !== null) {
       const d = await load("api/deployments/" + selected);
       document.getElementById("selected").textContent =
           "Deployment " + d.id + ": " + d.bundle + ", " + d.state;
       rows = d.devices;
+      history = d.history;
     }
+    draw(history, rows.length);
     fill("deployment-devices", rows, (tr, d) => {
       tr.dataset.device = d.device;
       cell(tr, d.device);

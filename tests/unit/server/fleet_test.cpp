@@ -342,6 +342,11 @@ TEST_F(DeployTest, PhasesOpenAsDevicesFinishAndFailuresPause) {
                                         {"text", "why " + device}}
                                        .dump());
   };
+  // An agent restarted before it began the job found nothing of it: it may fetch it again.
+  const std::string resumed = ",\"resumed\":{\"deployment\":" + std::to_string(id);
+  EXPECT_EQ(CheckIn(c, "d2", resumed + ",\"found\":\"none\"}"), id);
+  EXPECT_EQ(FetchJob(c, id, "d2"), 200);
+  EXPECT_EQ(CheckIn(c, "d2", resumed + ",\"found\":\"started\"}"), 0);
   EXPECT_EQ(result("d2", "failed", 0).body, "{\"status\":\"stored\"}");
   EXPECT_EQ(CheckIn(c, "d4"), id);  // one failure is allowed
   EXPECT_EQ(result("d3", "refused", 3289452545u).status, 200);
@@ -440,6 +445,12 @@ TEST_F(DeployTest, FleetPageShowsTheDeploymentAndItsDevices) {
   EXPECT_EQ(dev["last_event"], "Demo, 1.0");
   EXPECT_EQ(dev["last_message"].get<std::string>().substr(0, 2), "20");
   EXPECT_TRUE(dev["last_report"].is_null());
+  Json detail = Json::parse(Connection(admin).Get("/api/deployments/" + std::to_string(id)).body,
+                            nullptr, false);
+  EXPECT_EQ(detail["devices"].size(), 2u);
+  ASSERT_GE(detail["history"].size(), 2u) << detail.dump();
+  EXPECT_EQ(detail["history"][0]["counts"], (Json{{"pending", 2}}));
+  EXPECT_EQ(detail["history"].back()["counts"], (Json{{"pending", 1}, {"started", 1}}));
   EXPECT_EQ(Connection(admin).Get("/api/deployments/99").status, 404);
   // The device port serves no page, and the page's listener no device.
   EXPECT_EQ(c.Get("/api/fleet").status, 404);
@@ -463,6 +474,11 @@ TEST_F(DeployTest, FleetPageShowsTheDeploymentAndItsDevices) {
             std::string::npos)
       << rows;
   EXPECT_NE(dom.find("<h2 id=\"selected\">Deployment 1: Demo, running</h2>"), std::string::npos);
+  // Drawn over time: the devices pending from the start, one started since.
+  for (const char* state : {"pending", "started"})
+    EXPECT_NE(dom.find("class=\"" + std::string(state) + "\"><title>" + state + "</title>"),
+              std::string::npos)
+        << state;
 }
 
 class FleetPostgresTest : public ::testing::Test {
