@@ -57,10 +57,11 @@ class Deployment : public ::testing::Test {
     EXPECT_EQ(status, 0) << args << ": " << out;
     return out;
   }
-  // Creates a deployment of a bundle folder served by our server; its id.
-  std::string Create(const std::string& bundle, const std::string& args) {
+  // Creates a deployment of a bundle folder, fetched from files (our server by default); its id.
+  std::string Create(const std::string& bundle, const std::string& args, std::string files = "") {
+    if (files.empty()) files = server.url();
     std::string out = Deploy("create --root '" + bundles.dir() + "' --bundle " + bundle +
-                             " --server " + server.url() + " --dest '\\Flash File Store' " + args);
+                             " --server " + files + " --dest '\\Flash File Store' " + args);
     return out.rfind("deployment ", 0) == 0 ? out.substr(11, out.find(':') - 11) : "?";
   }
   json Show(const std::string& id) {
@@ -133,11 +134,8 @@ TEST_F(Deployment, AKilledAgentDoesNotRunItsJobTwiceAndASilentDeviceTimesOut) {
   bundles.Add("app/a.bin", "alpha");
   std::string silent = Create("app", "--devices ghost --deadline 0.05");
   // Nobody serves the files there: the job waits for them until the agent is killed.
-  std::string stuck = Deploy("create --root '" + bundles.dir() +
-                             "' --bundle app --devices dev-k --dest '\\Flash File Store' "
-                             "--server http://127.0.0.1:" +
-                             std::to_string(ftctest::FreeTcpPort()));
-  stuck = stuck.substr(11, stuck.find(':') - 11);
+  std::string stuck = Create("app", "--devices dev-k",
+                             "http://127.0.0.1:" + std::to_string(ftctest::FreeTcpPort()));
   Device& d = AddDevice("dev-k", "KIOSK-A");
   ASSERT_TRUE(ftctest::WaitUntil(
       [&] {
