@@ -1,10 +1,12 @@
 #!/usr/bin/env bash
 # One real upgrade job on this machine: a sample bundle served by ftc-server on loopback, run by
 # ftc-host against a fresh device root that then delivers its reports to the same server, every
-# file checked against its CRC-32, and the fleet as the server records it.
+# file checked against its CRC-32; then a deployment of the same bundle that a device agent
+# fetches and completes, and the fleet as the server records it, also on the fleet page.
 # Usage: scripts/demo.sh BUILD_DIR        (make demo builds ./build and runs this)
 # FTC_DEMO_TIME_SCALE (default 0.05) shortens the device's fixed pauses; FTC_DEMO_KEEP=1 keeps
-# the work folder (bundle, device root, logs) for a look afterwards.
+# the work folder (bundle, device roots, logs) for a look afterwards; FTC_DEMO_HOLD=1 keeps the
+# server (and its fleet page) up at the end until Enter is pressed.
 set -euo pipefail
 
 build=${1:-build}
@@ -17,7 +19,12 @@ done
 work=$(mktemp -d "${TMPDIR:-/tmp}/ftc-demo-XXXXXX")
 . "$(dirname "$0")/demo_lib.sh"
 server_pid=""
+agent_pid=""
 finish() {
+  if [ -n "$agent_pid" ]; then
+    kill "$agent_pid" 2>/dev/null || true
+    wait "$agent_pid" 2>/dev/null || true
+  fi
   if [ -n "$server_pid" ]; then
     kill "$server_pid" 2>/dev/null || true
     wait "$server_pid" 2>/dev/null || true
@@ -30,18 +37,22 @@ finish() {
 }
 trap finish EXIT INT TERM
 
-echo "== preparing a sample bundle in $work/bundle"
-mkdir -p "$work/bundle/app" "$work/bundle/os"
-head -c 4194304 /dev/urandom >"$work/bundle/os/image.bin"
-head -c 300000 /dev/urandom >"$work/bundle/app/main.bin"
-printf '<settings>\n  <Server>demo</Server>\n</settings>\n' >"$work/bundle/app/settings.xml"
-printf 'FileTransferConfiglet demo bundle\n' >"$work/bundle/readme.txt"
-ls -l "$work/bundle" "$work/bundle/app" "$work/bundle/os" | sed 's/^/   /'
+bundle=$work/bundles/DemoBundle
+echo "== preparing a sample bundle in $bundle"
+mkdir -p "$bundle/app" "$bundle/os"
+head -c 4194304 /dev/urandom >"$bundle/os/image.bin"
+head -c 300000 /dev/urandom >"$bundle/app/main.bin"
+printf '<settings>\n  <Server>demo</Server>\n</settings>\n' >"$bundle/app/settings.xml"
+printf 'FileTransferConfiglet demo bundle\n' >"$bundle/readme.txt"
+ls -l "$bundle" "$bundle/app" "$bundle/os" | sed 's/^/   /'
 
-start_server "$work/bundle"
+# Agents are told to check in every 20 device seconds: one second at the default scale.
+start_server "$work/bundles" --admin-bind 127.0.0.1:0 --check-in 20
+page=$(sed -n 's/^fleet page on \(.*\)/\1/p' "$work/server.log" | head -n1)
+echo "   fleet page on ${page:-(not found, see $work/server.log)}"
 
 echo "== writing the job file"
-"$bin/ftc-bundle" job "$work/bundle" --server "http://127.0.0.1:$port" \
+"$bin/ftc-bundle" job "$bundle" --server "http://127.0.0.1:$port/DemoBundle" \
   --dest '\Flash File Store\demo' --bundle DemoBundle --version 1.0 --out "$work/job.xml"
 echo "   $work/job.xml"
 
@@ -76,11 +87,47 @@ while IFS= read -r line; do
   esac
 done <"$work/job.xml"
 echo "   $checked files checked, $bad wrong"
-echo "== the server recorded the completion report:"
+echo "== a deployment of the same bundle, fetched and run by the agent of a second device"
+mkdir -p "$work/agent-device/.winux"
+printf 'uniqueid=demo-agent-1\nserial=DEMO0001\nhwcfg=DEMO-HW\n' >"$work/agent-device/.winux/identity"
+"$bin/ftc-host" agent --server "http://127.0.0.1:$port" --root "$work/agent-device" \
+  --interval 20 --time-scale "$scale" >"$work/agent.log" 2>&1 &
+agent_pid=$!
+created=$("$bin/ftc-server" deploy create --db "sqlite:$work/fleet.db" --root "$work/bundles" \
+  --bundle DemoBundle --version 1.0 --server "http://127.0.0.1:$port" \
+  --dest '\Flash File Store\demo' --devices demo-agent-1)
+echo "   $created"
+deployment=$(printf '%s' "$created" | sed -n 's/^deployment \([0-9]*\):.*/\1/p')
+deployed=""
+for _ in $(seq 1 240); do
+  shown=$("$bin/ftc-server" deploy show "$deployment" --db "sqlite:$work/fleet.db" --json)
+  case "$shown" in
+    *'"state":"done"'*)
+      case "$shown" in *'"state":"complete"'*) deployed=1 ;; esac
+      break
+      ;;
+  esac
+  kill -0 "$agent_pid" 2>/dev/null || break
+  sleep 0.5
+done
+kill "$agent_pid" 2>/dev/null || true
+wait "$agent_pid" 2>/dev/null || true
+agent_pid=""
+echo "   the agent said (its job's whole output is in agent.log):"
+grep -E '^(agent |deployment |delivering |delivered )|outcome:|^ +Upgrade Complete$' "$work/agent.log" |
+  sed 's/^ */   | /' || true
+"$bin/ftc-server" deploy show "$deployment" --db "sqlite:$work/fleet.db" | sed 's/^./   &/'
+[ -n "$deployed" ] || { echo "   WRONG   the deployment did not complete" >&2; bad=$((bad + 1)); }
+
+echo "== the server recorded the completion reports:"
 sed 's/^/   /' "$work/reports.log" 2>/dev/null || echo "   (none)"
 echo "== the fleet as the server sees it:"
 "$bin/ftc-server" fleet --db "sqlite:$work/fleet.db" | sed 's/^./   &/' || echo "   (no fleet store)"
 
 if [ "$status" -eq 0 ] && [ "$bad" -ne 0 ]; then status=1; fi
+if [ "${FTC_DEMO_HOLD:-0}" = 1 ]; then
+  echo "== the fleet page stays on $page until you press Enter"
+  read -r _ || true
+fi
 echo "== demo finished with status $status"
 exit "$status"

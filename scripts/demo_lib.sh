@@ -1,10 +1,13 @@
 # Shared by the demo scripts; sourced, not run. Needs $bin and $work.
 
-# start_server BUNDLE_DIR: starts ftc-server on loopback; sets server_pid and port.
+# start_server BUNDLE_DIR [ARGS...]: starts ftc-server on loopback with ARGS as well; sets
+# server_pid and port.
 start_server() {
   echo "== starting ftc-server on 127.0.0.1"
-  "$bin/ftc-server" --root "$1" --bind 127.0.0.1 --port 0 \
-    --reports "$work/reports.log" --db "sqlite:$work/fleet.db" >"$work/server.log" 2>&1 &
+  local root=$1
+  shift
+  "$bin/ftc-server" --root "$root" --bind 127.0.0.1 --port 0 \
+    --reports "$work/reports.log" --db "sqlite:$work/fleet.db" "$@" >"$work/server.log" 2>&1 &
   server_pid=$!
   port=""
   for _ in $(seq 1 100); do

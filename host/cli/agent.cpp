@@ -243,8 +243,10 @@ class DeviceAgent {
     record["outcome"] = StateName(r.state);
     (void)Keep(record);
     m_pending = Result(StateName(r.state), r.code, r.text);
-    // A refusal goes first so the server knows at once; an end goes after its events.
-    if (r.state == JobResult::kRefused) PostResult();
+    // A refusal goes first so the server knows at once. So does a failure: the plug-in's own
+    // events call a job complete even when its files never matched their CRCs, and the server
+    // keeps the first outcome it hears. A success goes after its events.
+    if (r.state != JobResult::kComplete) PostResult();
     Deliver();
     if (!m_pending.is_null()) PostResult();
   }

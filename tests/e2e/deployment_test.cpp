@@ -1,0 +1,170 @@
+// Deployments end to end: the real ftc-server and its sqlite store, and a fleet of device roots,
+// each with its own ftc-host agent process. Phases reach only the devices chosen, a bad bundle
+// stops after the first phase, a killed agent does not run its job twice, and a silent device
+// times out.
+#include <gtest/gtest.h>
+#include <signal.h>
+
+#include <chrono>
+#include <map>
+#include <memory>
+#include <nlohmann/json.hpp>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "e2e_support.h"
+#include "support/fleet_view.h"
+
+namespace {
+
+using json = nlohmann::json;
+using Map = std::map<std::string, std::string>;
+
+// Generous: six agents and a sanitized server share a loaded machine.
+constexpr std::chrono::seconds kPatience(120);
+
+class Deployment : public ::testing::Test {
+ protected:
+  // The server tells agents to come back every 300 device seconds: 0.3 s at the agents' scale.
+  Deployment() : server(bundles.dir(), {"--db", db, "--check-in", "300"}) {}
+
+  // A device root with its identity and its agent, whose output goes to <root>/agent.log.
+  struct Device {
+    std::unique_ptr<ftctest::DeviceRoot> root = std::make_unique<ftctest::DeviceRoot>();
+    std::unique_ptr<ftctest::Child> agent;
+    std::string Log() const { return ftctest::ReadHostFile(root->path() + "/agent.log"); }
+  };
+  Device& AddDevice(const std::string& id, const std::string& hardware) {
+    Device& d = devices[id];
+    d.root->WriteIdentity("uniqueid=" + id + "\nserial=S-" + id + "\nhwcfg=" + hardware + "\n");
+    Start(d);
+    return d;
+  }
+  void Start(Device& d) {
+    d.agent = std::make_unique<ftctest::Child>(std::vector<std::string>{
+        "sh", "-c",
+        "exec '" + ftctest::BinDir() + "/ftc-host' agent --server " + server.url() + " --root '" +
+            d.root->path() + "' --plugin '" + ftctest::LibDir() +
+            "/libFileTransferConfiglet.so' --interval 1 --time-scale 0.001 >>'" + d.root->path() +
+            "/agent.log' 2>&1"});
+  }
+  // `ftc-server deploy ARGS --db DB`; its output, the exit code checked.
+  std::string Deploy(const std::string& args) {
+    int status = -1;
+    std::string out = ftctest::RunCommand(
+        ftctest::BinDir() + "/ftc-server deploy " + args + " --db " + db + " 2>&1", &status);
+    EXPECT_EQ(status, 0) << args << ": " << out;
+    return out;
+  }
+  // Creates a deployment of a bundle folder, fetched from files (our server by default); its id.
+  std::string Create(const std::string& bundle, const std::string& args, std::string files = "") {
+    if (files.empty()) files = server.url();
+    std::string out = Deploy("create --root '" + bundles.dir() + "' --bundle " + bundle +
+                             " --server " + files + " --dest '\\Flash File Store' " + args);
+    return out.rfind("deployment ", 0) == 0 ? out.substr(11, out.find(':') - 11) : "?";
+  }
+  json Show(const std::string& id) {
+    std::vector<json> rows = ftctest::ServerView("deploy show " + id + " --json --db " + db);
+    return rows.empty() ? json() : rows[0];
+  }
+  // Device id -> state in the deployment.
+  Map States(const json& shown) {
+    Map out;
+    if (shown.is_object())
+      for (const json& d : shown["devices"]) out[d["device"]] = d["state"];
+    return out;
+  }
+  std::string Logs() {
+    std::string out;
+    for (auto& [id, d] : devices) out += "--- " + id + "\n" + d.Log();
+    return out;
+  }
+
+  e2e::Bundle bundles;
+  std::string db = "sqlite:" + bundles.dir() + "/../fleet.db";
+  ftctest::ServerProcess server;
+  std::map<std::string, Device> devices;
+};
+
+TEST_F(Deployment, PhasesReachTheMatchingDevicesAndABadBundleStopsAfterTheFirstPhase) {
+  bundles.Add("good/a.bin", "alpha");
+  bundles.Add("bad/b.bin", "bravo");
+  for (int i = 1; i <= 6; ++i)
+    AddDevice("dev-" + std::to_string(i), i % 3 == 0 ? "TILL-B" : "KIOSK-A");
+  // The hardware pattern picks devices by their inventories.
+  ASSERT_TRUE(ftctest::WaitUntil(
+      [&] {
+        auto fleet = ftctest::ByDevice(ftctest::ServerView("fleet --json --db " + db));
+        return fleet.size() == 6 && fleet["dev-6"].value("hardware", "") == "TILL-B";
+      },
+      kPatience))
+      << Logs();
+
+  std::string good = Create("good", "--hardware 'KIOSK-*' --phases 25,100");
+  ASSERT_TRUE(
+      ftctest::WaitUntil([&] { return Show(good).value("state", "") == "done"; }, kPatience))
+      << Show(good).dump() << Logs();
+  EXPECT_EQ(States(Show(good)), (Map{{"dev-1", "complete"},
+                                     {"dev-2", "complete"},
+                                     {"dev-4", "complete"},
+                                     {"dev-5", "complete"}}));
+  EXPECT_EQ(devices["dev-4"].root->ReadFile("\\Flash File Store\\a.bin"), "alpha");
+  EXPECT_FALSE(devices["dev-3"].root->Exists("\\Flash File Store\\a.bin"));
+
+  // Changed after its job was written: the file's CRC never matches again.
+  std::string bad = Create("bad", "--hardware 'KIOSK-*' --phases 50,100 --max-failures 1");
+  bundles.Add("bad/b.bin", "changed");
+  ASSERT_TRUE(
+      ftctest::WaitUntil([&] { return Show(bad).value("state", "") == "paused"; }, kPatience))
+      << Show(bad).dump() << Logs();
+  // A few more rounds of check-ins hand the later phase nothing.
+  std::this_thread::sleep_for(std::chrono::seconds(2));
+  json shown = Show(bad);
+  EXPECT_EQ(shown["state"], "paused");
+  EXPECT_EQ(
+      States(shown),
+      (Map{{"dev-1", "failed"}, {"dev-2", "failed"}, {"dev-4", "pending"}, {"dev-5", "pending"}}))
+      << shown.dump();
+  EXPECT_EQ(shown["devices"][0]["text"], "files do not match their CRCs");
+  EXPECT_EQ(ftctest::Count(devices["dev-4"].Log(), "deployment " + bad + ": running"), 0);
+}
+
+TEST_F(Deployment, AKilledAgentDoesNotRunItsJobTwiceAndASilentDeviceTimesOut) {
+  bundles.Add("app/a.bin", "alpha");
+  std::string silent = Create("app", "--devices ghost --deadline 0.05");
+  // Nobody serves the files there: the job waits for them until the agent is killed.
+  std::string stuck = Create("app", "--devices dev-k",
+                             "http://127.0.0.1:" + std::to_string(ftctest::FreeTcpPort()));
+  Device& d = AddDevice("dev-k", "KIOSK-A");
+  ASSERT_TRUE(ftctest::WaitUntil(
+      [&] {
+        return States(Show(stuck))["dev-k"] == "started" && !e2e::Spooled(*d.root, "event").empty();
+      },
+      kPatience))
+      << d.Log();
+  kill(d.agent->pid(), SIGKILL);
+  d.agent->Wait(std::chrono::seconds(30));
+  Start(d);
+
+  // Its records of the first run reach the server, and no second run adds to them.
+  auto started = [&] {
+    int n = 0;
+    for (const json& e : ftctest::ServerView("events --device dev-k --json --db " + db))
+      n += e.value("code", "") == "205181";
+    return n;
+  };
+  ASSERT_TRUE(ftctest::WaitUntil([&] { return started() > 0; }, kPatience)) << d.Log();
+  std::this_thread::sleep_for(std::chrono::seconds(2));
+  std::string log = d.Log();
+  EXPECT_NE(log.find("resuming after deployment " + stuck + ": started"), std::string::npos) << log;
+  EXPECT_EQ(ftctest::Count(log, "running its job"), 1) << log;
+  EXPECT_EQ(started(), 1);
+  EXPECT_EQ(States(Show(stuck))["dev-k"], "started");
+
+  ASSERT_TRUE(
+      ftctest::WaitUntil([&] { return Show(silent).value("state", "") == "done"; }, kPatience));
+  EXPECT_EQ(States(Show(silent)), (Map{{"ghost", "timed out"}}));
+}
+
+}  // namespace
