@@ -160,8 +160,9 @@ int Create(const Args& a) {
   plan.devices.assign(chosen.begin(), chosen.end());
   int64_t id = 0;
   if (ftcstore::Status s = store->CreateDeployment(plan, &id); !s.ok()) return Fail(s.message);
-  std::printf("deployment %lld: %s to %zu devices in %zu phases\n", static_cast<long long>(id),
-              plan.bundle.c_str(), plan.devices.size(), plan.phases.size());
+  std::printf("deployment %lld: %s to %zu device%s in %zu phase%s\n", static_cast<long long>(id),
+              plan.bundle.c_str(), plan.devices.size(), plan.devices.size() == 1 ? "" : "s",
+              plan.phases.size(), plan.phases.size() == 1 ? "" : "s");
   return 0;
 }
 
