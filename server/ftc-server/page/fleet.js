@@ -30,7 +30,9 @@ function when(iso) {
 // Devices by state over time, one step line per state that occurs.
 function draw(history, total) {
   const svg = document.getElementById("history");
+  const legend = document.getElementById("legend");
   svg.replaceChildren();
+  legend.replaceChildren();
   if (!history.length) return;
   const width = 600, height = 160;
   const start = when(history[0].time);
@@ -54,6 +56,10 @@ function draw(history, total) {
     title.textContent = s;
     line.appendChild(title);
     svg.appendChild(line);
+    const key = document.createElement("span");
+    key.className = s.replace(/ /g, "-");
+    key.textContent = s;
+    legend.appendChild(key);
   }
 }
 
