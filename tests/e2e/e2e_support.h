@@ -37,7 +37,8 @@ class Bundle {
   std::string m_dir;
 };
 
-uint32_t Crc(const std::string& bytes);
+// A job whose pre-flight registry test fails ("not ready"), so its start is refused.
+extern const char kRefusedJob[];
 
 struct File {
   std::string source, dest, crc, mask = "*";
