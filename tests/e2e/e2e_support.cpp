@@ -42,7 +42,11 @@ uint32_t Bundle::Add(const std::string& rel, const std::string& content) {
   fs::path p = fs::path(m_dir) / rel;
   fs::create_directories(p.parent_path());
   ftctest::WriteHostFile(p.string(), content);
-  return ftctest::ReferenceCrc32(content);
+  return Crc(content);
+}
+
+uint32_t Crc(const std::string& bytes) {
+  return ftctest::ReferenceCrc32(bytes);
 }
 
 uint32_t Submit(ftctest::PluginHost& host, const Job& job) {

@@ -40,6 +40,8 @@ class Bundle {
 // A job whose pre-flight registry test fails ("not ready"), so its start is refused.
 extern const char kRefusedJob[];
 
+uint32_t Crc(const std::string& bytes);
+
 struct File {
   std::string source, dest, crc, mask = "*";
 };
