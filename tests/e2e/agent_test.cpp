@@ -149,13 +149,6 @@ TEST_F(Agent, RunsWhatItIsHandedOnceAndReportsRefusalsWithTheirCode) {
   bundle.Add("a.bin", "alpha");
   e2e::Server files(bundle.dir());
   const std::string good = MakeJob(files.url());
-  const std::string refused =
-      "<DevInfo><Subsystem Name=\"FileTransferConfiglet\">"
-      "<Group Name=\"Tests\"><Group Name=\"Registry\">"
-      "<Field Name=\"Key\">SOFTWARE\\Nowhere</Field><Field Name=\"ValueName\">v</Field>"
-      "<Field Name=\"Value\">1</Field><Field Name=\"Type\">REG_SZ</Field>"
-      "<Field Name=\"Operator\">EQ</Field><Field Name=\"ErrorMsg\">not ready</Field>"
-      "</Group></Group><Group Name=\"Upgrade\"/></Subsystem></DevInfo>";
 
   // The server is away when the agent starts, then busy once.
   uint16_t port = static_cast<uint16_t>(ftctest::FreeTcpPort());
@@ -169,7 +162,7 @@ TEST_F(Agent, RunsWhatItIsHandedOnceAndReportsRefusalsWithTheirCode) {
 
   AgentPeer peer(/*busy=*/1, port);
   peer.Hand(7, good);
-  peer.Hand(8, refused);
+  peer.Hand(8, e2e::kRefusedJob);
   ASSERT_TRUE(
       ftctest::WaitUntil([&] { return peer.Results().size() >= 3; }, std::chrono::seconds(60)))
       << Output();

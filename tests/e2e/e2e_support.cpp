@@ -1,20 +1,25 @@
 #include "e2e_support.h"
 
-#include <arpa/inet.h>
-#include <netinet/in.h>
-#include <sys/socket.h>
 #include <unistd.h>
 
 #include <filesystem>
 #include <stdexcept>
 
-#include "transfer/FTCCCRC32.h"
+#include "support/scripted_http_peer.h"
 #include "winux/winux_host.h"
 #include "xq/spool.h"
 
 namespace fs = std::filesystem;
 
 namespace e2e {
+
+const char kRefusedJob[] =
+    "<DevInfo><Subsystem Name=\"FileTransferConfiglet\">"
+    "<Group Name=\"Tests\"><Group Name=\"Registry\">"
+    "<Field Name=\"Key\">SOFTWARE\\Nowhere</Field><Field Name=\"ValueName\">v</Field>"
+    "<Field Name=\"Value\">1</Field><Field Name=\"Type\">REG_SZ</Field>"
+    "<Field Name=\"Operator\">EQ</Field><Field Name=\"ErrorMsg\">not ready</Field>"
+    "</Group></Group><Group Name=\"Upgrade\"/></Subsystem></DevInfo>";
 
 Server::Server(const std::string& dir, uint16_t port)
     : ftctest::ServerProcess(dir, {"--port", std::to_string(port), "--reports",
@@ -41,8 +46,7 @@ uint32_t Bundle::Add(const std::string& rel, const std::string& content) {
 }
 
 uint32_t Crc(const std::string& bytes) {
-  FTCCCRC32 crc;
-  return crc.CalcBufferCRC(bytes.data(), static_cast<DWORD>(bytes.size()));
+  return ftctest::ReferenceCrc32(bytes);
 }
 
 uint32_t Submit(ftctest::PluginHost& host, const Job& job) {

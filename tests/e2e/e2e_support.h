@@ -37,6 +37,9 @@ class Bundle {
   std::string m_dir;
 };
 
+// A job whose pre-flight registry test fails ("not ready"), so its start is refused.
+extern const char kRefusedJob[];
+
 uint32_t Crc(const std::string& bytes);
 
 struct File {

@@ -114,26 +114,13 @@ TEST_F(UpgradeJob, ListFileDeliversTheDownloadList) {
   EXPECT_NE(Log().find("multicast crc error, no file"), std::string::npos);
 }
 
-TEST_F(UpgradeJob, RenameDestinationsGetTheirFinalNames) {
-  uint32_t crc = bundle.Add("settings.xml", "<settings/>");
-  root.WriteFile("\\Windows\\settings.xml", "old");
-  e2e::Server server(bundle.dir());
-  ftctest::PluginHost host;
-  e2e::Job job;
-  job.baseUrl = "http://127.0.0.1:" + std::to_string(server.port());
-  job.files = {{"settings.xml", "\\Windows\\settings.xml.rename", std::to_string(crc)}};
-  job.reboot = 1;
-  ASSERT_EQ(e2e::RunJob(host, job), ftchost::JobOutcome::kComplete);
-  EXPECT_EQ(root.ReadFile("\\Windows\\settings.xml"), "<settings/>");
-  EXPECT_FALSE(root.Exists("\\Windows\\settings.xml.rename"));
-  EXPECT_TRUE(RebootFollows());
-}
-
 // What the management server hears of whole jobs, in order: events in the spool, states and
 // AutoDeploy through the host's callback.
 TEST_F(UpgradeJob, ReportsOfARefusedJobAndOfARebootJobUnderProvisioning) {
   root.WriteIdentity("hwcfg=AB12CD34\nuniqueid=E2E-DEVICE\nprovisioning=1\n");
   uint32_t crc = bundle.Add("r.bin", "r");
+  uint32_t settingsCrc = bundle.Add("settings.xml", "<settings/>");
+  root.WriteFile("\\Windows\\settings.xml", "old");
   e2e::Server server(bundle.dir());
   ftctest::PluginHost host;
   ftctest::PluginHost::ClearSendUps();
@@ -171,9 +158,13 @@ TEST_F(UpgradeJob, ReportsOfARefusedJobAndOfARebootJobUnderProvisioning) {
   ftctest::PluginHost::ClearSendUps();
   e2e::Job job;
   job.baseUrl = "http://127.0.0.1:" + std::to_string(server.port());
-  job.files = {{"r.bin", "\\r.bin", std::to_string(crc)}};
+  // A ".rename" destination gets its final name.
+  job.files = {{"r.bin", "\\r.bin", std::to_string(crc)},
+               {"settings.xml", "\\Windows\\settings.xml.rename", std::to_string(settingsCrc)}};
   job.reboot = 1;
   ASSERT_EQ(e2e::RunJob(host, job), ftchost::JobOutcome::kComplete);
+  EXPECT_EQ(root.ReadFile("\\Windows\\settings.xml"), "<settings/>");
+  EXPECT_FALSE(root.Exists("\\Windows\\settings.xml.rename"));
   EXPECT_EQ(Events(), (std::vector<std::string>{"205180 not docked, Refused, 9", "205181 E2E, 1.0",
                                                 "205182 E2E, 1.0"}));
   EXPECT_EQ(states(), (std::vector<std::string>{"state 4 Device Upgrading", "autodeploy 10 ",
