@@ -22,11 +22,6 @@ void Install(const ftctest::DeviceRoot& root, const std::string& devicePath,
   chmod(root.HostPath(devicePath).c_str(), 0644);
 }
 
-void InstallSleeper(const ftctest::DeviceRoot& root) {
-  root.WriteFile("\\windows\\QVTransferAgent.exe", ftctest::ReadHostFile("/bin/sleep"));
-  chmod(root.HostPath("\\windows\\QVTransferAgent.exe").c_str(), 0644);
-}
-
 // Ends every QVTransferAgent.exe, waiting until none is left (a killed child lingers until its
 // reaper has collected it). Returns what the first call reported.
 int EndAgents() {
@@ -76,7 +71,7 @@ TEST(SdkStartProcess, MissingProgramsAreErrors) {
 
 TEST(SdkStartProcess, NoWaitAndBoundedWaitReturnWhileTheProgramRuns) {
   ftctest::DeviceRoot root;  // time scale 0.001: a 60 s bound is 60 ms
-  InstallSleeper(root);
+  Install(root, "\\windows\\QVTransferAgent.exe", ftctest::ReadHostFile("/bin/sleep"));
   for (int wait : {0, 60000}) {
     SCOPED_TRACE(wait);
     auto start = Clock::now();
