@@ -172,6 +172,8 @@ bool WriteBundleJob(const BundleJob& a, const char* tool, std::string* xml, std:
       field(file, "MCTMask", a.mask);
     }
   }
+  if (!a.multicast.empty())
+    field(named(subsystem, "Group", "MulticastClient"), "Parameters", a.multicast);
   field(subsystem, "BundleName", bundle);
   if (!a.version.empty()) field(subsystem, "Version", a.version);
   if (a.reboot) field(subsystem, "Reboot", "True");

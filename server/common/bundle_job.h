@@ -23,6 +23,7 @@ struct ServerUrl {
 
 struct BundleJob {
   std::string dir, server, dest, mask = "*", bundle, version, list, listDest;
+  std::string multicast;  // the receiver's parameter text; empty: no multicast session
   bool reboot = false;
 };
 

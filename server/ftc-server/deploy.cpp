@@ -1,4 +1,5 @@
 // ftc-server deploy: jobs handed to devices in phases, from the operator's side.
+#include <arpa/inet.h>
 #include <fnmatch.h>
 
 #include <cmath>
@@ -11,6 +12,7 @@
 
 #include "common/bundle_job.h"
 #include "common/http.h"
+#include "multicast_sender.h"
 #include "store/store.h"
 #include "store/text.h"
 #include "views.h"
@@ -33,6 +35,8 @@ int Usage(const std::string& error) {
       "                  --server http://HOST:PORT --dest PREFIX\n"
       "                  (--devices ID,...|--hardware PATTERN|--all) [--phases 10,50,100]\n"
       "                  [--max-failures N|P%%] [--deadline MINUTES] [--version V] [--reboot]\n"
+      "                  [--list NAME] [--multicast [--multicast-group ADDRESS[:PORT]]\n"
+      "                  [--multicast-interface ADDRESS] [--multicast-rate KBPS]]\n"
       "       ftc-server deploy list --db URL [--json]\n"
       "       ftc-server deploy show ID --db URL [--json]\n"
       "       ftc-server deploy pause|resume|cancel ID --db URL\n",
@@ -85,7 +89,8 @@ int64_t Count(const ftcstore::DeploymentRow& d, const std::string& state) {
 
 struct Args {
   std::string db, id, devices, hardware, phases = "100", maxFailures, deadline, root;
-  bool all = false, json = false;
+  std::string mcGroup, mcInterface, mcRate;
+  bool all = false, json = false, multicast = false;
   BundleJob job;
 };
 
@@ -95,6 +100,34 @@ std::unique_ptr<ftcstore::Store> Open(const Args& a, ftcstore::OpenMode mode) {
   if (!store)
     std::fprintf(stderr, "ftc-server: cannot open the store %s: %s\n", a.db.c_str(), error.c_str());
   return store;
+}
+
+bool IsIpv4(const std::string& s) {
+  in_addr addr{};
+  return inet_pton(AF_INET, s.c_str(), &addr) == 1;
+}
+
+bool ParseMulticast(const Args& a, const std::string& serverHost, MulticastPlan* out) {
+  if (!a.mcGroup.empty()) {
+    size_t colon = a.mcGroup.find(':');
+    out->group = a.mcGroup.substr(0, colon);
+    if (colon != std::string::npos) {
+      auto port = ParseDecimal(a.mcGroup.substr(colon + 1));
+      if (!port || *port == 0 || *port > 65535) return false;
+      out->port = static_cast<unsigned>(*port);
+    }
+  }
+  in_addr group{};
+  if (inet_pton(AF_INET, out->group.c_str(), &group) != 1 || (ntohl(group.s_addr) >> 28) != 14)
+    return false;
+  out->interface = a.mcInterface.empty() ? serverHost : a.mcInterface;
+  if (!IsIpv4(out->interface)) return false;
+  if (!a.mcRate.empty()) {
+    auto rate = ParseDecimal(a.mcRate);
+    if (!rate || *rate == 0 || *rate > 10000000) return false;
+    out->rateKbps = static_cast<unsigned>(*rate);
+  }
+  return true;
 }
 
 int Create(const Args& a) {
@@ -138,6 +171,14 @@ int Create(const Args& a) {
   auto server = ParseServerUrl(job.server);
   if (!server) return Usage("--server must be http://HOST:PORT with an explicit port");
   job.server = server->base + "/" + UrlPath(job.bundle);
+  MulticastPlan multicast;
+  if (a.multicast) {
+    if (!ParseMulticast(a, server->host, &multicast))
+      return Usage(
+          "--multicast needs IPv4 addresses: a multicast group, and an interface "
+          "(--multicast-interface, else the --server host)");
+    job.multicast = ReceiverParameters(multicast, job.dest);
+  }
   std::string error;
   if (!WriteBundleJob(job, "ftc-server", &plan.job, &error)) return Fail(error);
   plan.bundle = job.bundle;
@@ -163,7 +204,9 @@ int Create(const Args& a) {
   std::printf("deployment %lld: %s to %zu device%s in %zu phase%s\n", static_cast<long long>(id),
               plan.bundle.c_str(), plan.devices.size(), plan.devices.size() == 1 ? "" : "s",
               plan.phases.size(), plan.phases.size() == 1 ? "" : "s");
-  return 0;
+  if (!a.multicast) return 0;
+  std::fflush(stdout);
+  return RunMulticastSessions(*store, id, multicast, job.dir);
 }
 
 int List(const Args& a) {
@@ -283,7 +326,11 @@ int DeployCommand(const std::vector<std::string>& args) {
                                                 {"--bundle", &a.job.bundle},
                                                 {"--server", &a.job.server},
                                                 {"--dest", &a.job.dest},
-                                                {"--version", &a.job.version}};
+                                                {"--version", &a.job.version},
+                                                {"--list", &a.job.list},
+                                                {"--multicast-group", &a.mcGroup},
+                                                {"--multicast-interface", &a.mcInterface},
+                                                {"--multicast-rate", &a.mcRate}};
   size_t i = 1;
   bool wantsId = command != "create" && command != "list";
   if (wantsId) {
@@ -292,8 +339,11 @@ int DeployCommand(const std::vector<std::string>& args) {
   }
   for (; i < args.size(); ++i) {
     const std::string& opt = args[i];
-    if (opt == "--json" || opt == "--all" || opt == "--reboot") {
-      (opt == "--json" ? a.json : opt == "--all" ? a.all : a.job.reboot) = true;
+    if (opt == "--json" || opt == "--all" || opt == "--reboot" || opt == "--multicast") {
+      (opt == "--json"        ? a.json
+       : opt == "--all"       ? a.all
+       : opt == "--multicast" ? a.multicast
+                              : a.job.reboot) = true;
       continue;
     }
     auto it = valued.find(opt);
