@@ -3,7 +3,9 @@ BUILD ?= build
 TEST_BUILD ?= build-test
 JOBS ?= $(shell nproc)
 
-.PHONY: all build test demo demo-multicast bench format clean deps
+FLEET_ARGS ?= --devices 20 --multicast --loss 0.05
+
+.PHONY: all build test demo demo-multicast fleet bench format clean deps
 
 all: build
 
@@ -26,6 +28,11 @@ demo: build
 demo-multicast: build
 	@scripts/bootstrap.sh multicast
 	@scripts/demo_multicast.sh $(BUILD)
+
+# Needs root: the devices live in network namespaces.
+fleet: build
+	@scripts/bootstrap.sh multicast
+	@$(BUILD)/bin/ftc-fleet $(FLEET_ARGS)
 
 bench:
 	@scripts/bootstrap.sh bench

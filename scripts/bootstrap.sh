@@ -10,10 +10,11 @@ for set in "$@"; do
     build) ;;
     # The store's tests start their own PostgreSQL server from these binaries.
     # The fleet page is read back from headless Chromium.
-    test) pkgs+=(libgtest-dev libgmock-dev uftp iproute2 postgresql chromium) ;;
-    multicast) pkgs+=(uftp iproute2) ;;
-    bench) pkgs+=(libbenchmark-dev zlib1g-dev nginx-light libnginx-mod-stream wrk uftp postgresql
-           sqlite3) ;;
+    test) pkgs+=(libgtest-dev libgmock-dev uftp iproute2 nftables postgresql chromium) ;;
+    multicast) pkgs+=(uftp iproute2 nftables) ;;
+    # A fleet's devices live in network namespaces (iproute2); nftables drops their multicast.
+    bench) pkgs+=(libbenchmark-dev zlib1g-dev nginx-light libnginx-mod-stream wrk uftp iproute2
+           nftables postgresql sqlite3) ;;
     *) echo "bootstrap: unknown set '$set'" >&2; exit 2 ;;
   esac
 done

@@ -62,12 +62,12 @@ std::vector<std::string> BundleEntries(const std::string& dir) {
   return out;
 }
 
+// uftp logs to our standard error.
 pid_t Spawn(const std::vector<std::string>& args) {
   posix_spawn_file_actions_t actions;
   posix_spawn_file_actions_init(&actions);
   posix_spawn_file_actions_addopen(&actions, 0, "/dev/null", O_RDONLY, 0);
-  posix_spawn_file_actions_addopen(&actions, 1, "/dev/null", O_WRONLY, 0);
-  posix_spawn_file_actions_addopen(&actions, 2, "/dev/null", O_WRONLY, 0);
+  posix_spawn_file_actions_adddup2(&actions, 2, 1);
   std::vector<char*> argv;
   for (const std::string& a : args) argv.push_back(const_cast<char*>(a.c_str()));
   argv.push_back(nullptr);
@@ -158,7 +158,8 @@ int RunMulticastSessions(ftcstore::Store& store, int64_t id, const MulticastPlan
                                      "-R",
                                      std::to_string(plan.rateKbps),
                                      "-x",
-                                     "0"};
+                                     "1",
+                                     "-T"};
     std::vector<std::string> entries = BundleEntries(bundleDir);
     args.insert(args.end(), entries.begin(), entries.end());
     pid_t pid = Spawn(args);

@@ -14,6 +14,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <map>
+#include <random>
 #include <string>
 #include <thread>
 #include <vector>
@@ -56,7 +57,7 @@ struct Options {
 int Usage(const std::string& error) {
   if (!error.empty()) std::fprintf(stderr, "ftc-fleet: %s\n", error.c_str());
   std::fprintf(stderr,
-               "usage: ftc-fleet --devices N --bundle DIR [--multicast|--http-only] [--loss P]\n"
+               "usage: ftc-fleet --devices N [--bundle DIR] [--multicast|--http-only] [--loss P]\n"
                "                 [--time-scale X] [--rate KBPS] [--timeout SECONDS]\n"
                "                 [--work DIR]\n");
   return 2;
@@ -140,6 +141,23 @@ bool PrepareBundle(const std::string& from, const std::string& to, std::vector<E
   return true;
 }
 
+// Without --bundle: 2 MiB for everyone and a file for each of two families.
+bool SampleBundle(const std::string& dir, std::string* error) {
+  std::mt19937 random(std::random_device{}());
+  std::vector<std::pair<std::string, size_t>> files = {{"kiosk/screen.bin", 200000},
+                                                       {"till/drawer.bin", 200000}};
+  for (int i = 0; i < 8; ++i) files.push_back({"os/part" + std::to_string(i) + ".bin", 262144});
+  for (const auto& [rel, size] : files) {
+    std::string content(size, '\0');
+    for (char& c : content) c = static_cast<char>(random());
+    std::string path = dir + "/" + rel;
+    hostbase::IoStatus st = hostbase::MakeDirs(path.substr(0, path.rfind('/')));
+    if (st.ok()) st = hostbase::ReplaceFile(path, content);
+    if (!st.ok()) return *error = st.Describe(path), false;
+  }
+  return true;
+}
+
 std::string ReadText(const std::string& path) {
   std::string out;
   (void)hostbase::ReadWholeFile(path, &out).ok();
@@ -169,7 +187,10 @@ std::string Bytes(uint64_t n) {
 class Fleet {
  public:
   explicit Fleet(Options o) : m_opt(std::move(o)), m_bin(BinDir()) {}
-  ~Fleet() { Shutdown(); }
+  ~Fleet() {
+    Shutdown();
+    RemoveWork();
+  }
 
   int Run() {
     std::string error;
@@ -190,7 +211,9 @@ class Fleet {
         m_traffic.droppedBytes += t.droppedBytes;
       }
     Shutdown();
-    return Summary(finished);
+    int rc = Summary(finished);
+    RemoveWork();
+    return rc;
   }
 
  private:
@@ -225,8 +248,9 @@ class Fleet {
     }
     if (hostbase::IoStatus st = hostbase::MakeDirs(m_work + "/bundles"); !st.ok())
       return *error = st.Describe(m_work + "/bundles"), 1;
-    if (!PrepareBundle(m_opt.bundle, m_work + "/bundles/" + kBundleName, &m_entries, error))
-      return 1;
+    std::string bundle = m_opt.bundle;
+    if (bundle.empty() && !SampleBundle(bundle = m_work + "/sample", error)) return 1;
+    if (!PrepareBundle(bundle, m_work + "/bundles/" + kBundleName, &m_entries, error)) return 1;
     for (const Entry& e : m_entries) m_bundleBytes += e.file.size;
 
     // Namespaces when they can be made; without them only HTTP over loopback is honest.
@@ -410,6 +434,9 @@ class Fleet {
     ftcfleet::Stop(m_server, 5000);
     m_server = -1;
     m_net.TearDown();
+  }
+
+  void RemoveWork() {
     if (m_removeWork && !m_work.empty()) ftcfleet::Run({"rm", "-rf", m_work});
     m_removeWork = false;
   }
@@ -512,13 +539,13 @@ int main(int argc, char** argv) {
       return Usage("bad option or value: " + a + " " + v);
     }
   }
-  if (o.devices == 0 || o.bundle.empty()) return Usage("--devices and --bundle are required");
+  if (o.devices == 0) return Usage("--devices is required");
   if (multicastSet && httpSet) return Usage("--multicast or --http-only, not both");
   o.multicast = !httpSet;
   struct stat st {};
-  if (stat(o.bundle.c_str(), &st) != 0 || !S_ISDIR(st.st_mode))
+  if (!o.bundle.empty() && (stat(o.bundle.c_str(), &st) != 0 || !S_ISDIR(st.st_mode)))
     return Usage(o.bundle + " is not a folder");
-  if (o.bundle.back() == '/') o.bundle.pop_back();
+  while (o.bundle.size() > 1 && o.bundle.back() == '/') o.bundle.pop_back();
 
   struct sigaction sa {};
   sa.sa_handler = OnSignal;
