@@ -32,8 +32,9 @@ constexpr int kGatherSeconds = 30;
 // Receivers wait for the session a while longer than the sender may gather.
 constexpr int kReceiverStartSeconds = kGatherSeconds + 30;
 // A receiver gives up on a session silent this long (a sender gone), and the device goes on
-// over HTTP.
-constexpr int kReceiverIdleSeconds = 10;
+// over HTTP. A receiver that has its file is quiet while the sender repairs others' losses: with
+// tens of devices on a busy machine 10 seconds dropped some.
+constexpr int kReceiverIdleSeconds = 30;
 // Between the last device taking its job and the first announcement, for the plug-in's start-up
 // steps to launch the receiver.
 constexpr auto kReceiverLead = std::chrono::seconds(2);

@@ -47,7 +47,7 @@ class FleetRun : public ::testing::Test {
   }
 
   std::string DeviceFile(int i, const std::string& rel) {
-    char id[16];
+    char id[32];
     std::snprintf(id, sizeof id, "fleet-%03d", i + 1);
     return ftctest::ReadHostFile(work + "/devices/" + id + "/Flash File Store/fleet/" + rel);
   }
@@ -58,8 +58,10 @@ class FleetRun : public ::testing::Test {
       for (const auto& [rel, content] : files) {
         // Devices take the hardware texts KIOSK-..., TILL-..., SCANNER-... in turn.
         std::string folder = rel.substr(0, rel.find('/'));
-        if (folder == "os" || (folder == "kiosk" && i % 3 == 0) || (folder == "till" && i % 3 == 1))
+        if (folder == "os" || (folder == "kiosk" && i % 3 == 0) ||
+            (folder == "till" && i % 3 == 1)) {
           EXPECT_TRUE(DeviceFile(i, rel) == content) << "device " << i << " " << rel;
+        }
       }
     std::string db = "sqlite:" + work + "/fleet.db";
     std::vector<json> shown = ftctest::ServerView("deploy show 1 --json --db " + db);
@@ -118,7 +120,7 @@ TEST_F(FleetRun, SenderKilledHalfwayTheRestComesOverHttp) {
   EXPECT_NE(ftctest::ReadHostFile(work + "/deploy.log").find("stopped by signal 9"),
             std::string::npos);
   for (int i = 0; i < kDevices; ++i) {
-    char log[64];
+    char log[80];
     std::snprintf(log, sizeof log, "/devices/fleet-%03d/tmp/FileXfer.txt", i + 1);
     EXPECT_GT(ftctest::Count(ftctest::ReadHostFile(work + log), "ValidateFiles - http fetching"), 0)
         << "device " << i;

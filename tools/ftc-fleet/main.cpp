@@ -245,6 +245,8 @@ class Fleet {
       m_removeWork = true;
     } else if (hostbase::IoStatus st = hostbase::MakeDirs(m_work); !st.ok()) {
       return *error = st.Describe(m_work), 1;
+    } else {  // an earlier run's devices and store would pass for this one's
+      ftcfleet::Run({"sh", "-c", "cd \"$0\" && rm -rf devices sample fleet.db* *.log", m_work});
     }
     if (hostbase::IoStatus st = hostbase::MakeDirs(m_work + "/bundles"); !st.ok())
       return *error = st.Describe(m_work + "/bundles"), 1;
