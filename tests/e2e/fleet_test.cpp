@@ -27,7 +27,8 @@ class FleetRun : public ::testing::Test {
  protected:
   void SetUp() override {
     if (geteuid() != 0) GTEST_SKIP() << "network namespaces need root";
-    if (ftctest::Count(ftctest::RunCommand("command -v uftp uftpd nft ip"), "\n") != 4)
+    if (ftctest::Count(ftctest::RunCommand("for t in uftp uftpd nft ip; do command -v $t; done"),
+                       "\n") != 4)
       GTEST_SKIP() << "uftp, nft or ip missing (scripts/bootstrap.sh test)";
     // Shared files, and one folder per hardware family that only that family takes.
     for (int i = 0; i < 6; ++i)

@@ -486,6 +486,13 @@ class Fleet {
     else
       std::printf("wall time to last device: not reached (%s)\n",
                   gStop ? "interrupted" : "timed out");
+    std::string deployLog = ReadText(m_work + "/deploy.log");
+    for (size_t at = 0, end; at < deployLog.size(); at = end + 1) {
+      end = deployLog.find('\n', at);
+      if (end == std::string::npos) end = deployLog.size();
+      if (deployLog.compare(at, 6, "phase ") == 0)
+        std::printf("%s\n", deployLog.substr(at, end - at).c_str());
+    }
     if (m_namespaces) {
       std::printf("server HTTP bytes: %s\n", Bytes(m_traffic.httpBytes).c_str());
       std::printf("multicast bytes delivered: %s, dropped: %s\n",
