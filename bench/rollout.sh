@@ -65,7 +65,7 @@ for loss in $LOSSES; do
     hw=$WALL hh=$HTTP
     printf '%-8s %-6s | %9s %10s %10s     | %9s %10s   | %s, %s\n' "$n" "$(calc "$loss * 100")%" \
       "$mw" "$(calc "$mh / 1e6")" "$(calc "$mm / 1e6")" "$hw" "$(calc "$hh / 1e6")" \
-      "$(calc "$mw / $hw")" "$(calc "$mh / $hh")"
+      "$(calc "$mw / $hw")" "$(awk "BEGIN { printf \"%.5f\", $mh / $hh }")"
     [ -n "${wall1[$loss]:-}" ] || wall1[$loss]=$mw
     # The lost share of each device's bundle, with 1% and a few kB of check-ins as slack.
     limit=$(calc "$n * ($bundle * ($loss + 0.01) + 100000)")
