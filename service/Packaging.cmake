@@ -11,10 +11,14 @@ set(deb ${CMAKE_BINARY_DIR}/deb)
 if(TARGET ftc-host)
   set_target_properties(ftc-host PROPERTIES INSTALL_RPATH "\$ORIGIN/../${private_libs}")
   install(TARGETS ftc-host RUNTIME DESTINATION bin COMPONENT device)
+  # Installed, the libraries sit together and need nothing but their own folder.
+  set_target_properties(FileTransferConfiglet winux ftchost xq_clapi_dll PROPERTIES
+                        INSTALL_RPATH "\$ORIGIN")
   install(TARGETS FileTransferConfiglet winux ftchost xq_clapi_dll
           LIBRARY DESTINATION ${private_libs} COMPONENT device)
 endif()
 if(TARGET ftc-server)
+  set_target_properties(ftc-server ftc-bundle PROPERTIES INSTALL_RPATH "")
   install(TARGETS ftc-server ftc-bundle RUNTIME DESTINATION bin COMPONENT server)
 endif()
 
@@ -42,7 +46,8 @@ foreach(pkg server device)
   install(FILES ${svc}/etc/${pkg}.conf DESTINATION /etc/ftc COMPONENT ${pkg})
   install(FILES ${svc}/debian/copyright DESTINATION ${CMAKE_INSTALL_DATAROOTDIR}/doc/ftc-${pkg}
           COMPONENT ${pkg})
-  set(CPACK_DEBIAN_${pkg}_PACKAGE_CONTROL_EXTRA
+  string(TOUPPER ${pkg} PKG)
+  set(CPACK_DEBIAN_${PKG}_PACKAGE_CONTROL_EXTRA
       "${deb}/${pkg}/postinst;${deb}/${pkg}/prerm;${deb}/${pkg}/postrm;${deb}/${pkg}/conffiles")
 endforeach()
 
@@ -98,10 +103,10 @@ set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS_PRIVATE_DIRS ${CMAKE_BINARY_DIR}/lib)
 set(CPACK_DEBIAN_PACKAGE_CONTROL_STRICT_PERMISSION ON)
 set(CPACK_DEBIAN_SERVER_PACKAGE_NAME ftc-server)
 set(CPACK_DEBIAN_DEVICE_PACKAGE_NAME ftc-device)
-set(CPACK_DEBIAN_SERVER_PACKAGE_DEPENDS "passwd, init-system-helpers")
-set(CPACK_DEBIAN_DEVICE_PACKAGE_DEPENDS "passwd, init-system-helpers")
+set(CPACK_DEBIAN_SERVER_PACKAGE_DEPENDS "passwd")
+set(CPACK_DEBIAN_DEVICE_PACKAGE_DEPENDS "passwd")
 set(CPACK_COMPONENT_SERVER_DESCRIPTION
-    "FileTransferConfiglet upgrade server\n Serves bundle folders to devices over HTTP, keeps the\n fleet's reports in SQLite or PostgreSQL, hands out deployments in phases and\n shows the fleet page and metrics. Runs as the ftc-server service.")
+    "FileTransferConfiglet upgrade server\nServes bundle folders to devices over HTTP, keeps the\nfleet's reports in SQLite or PostgreSQL, hands out deployments in phases and\nshows the fleet page and metrics. Runs as the ftc-server service.")
 set(CPACK_COMPONENT_DEVICE_DESCRIPTION
-    "FileTransferConfiglet device agent\n The host that loads the upgrade plug-in, with its platform libraries and the\n message-queue library; runs as the ftc-device service, fetching and running\n the deployments its server hands out.")
+    "FileTransferConfiglet device agent\nThe host that loads the upgrade plug-in, with its platform libraries and the\nmessage-queue library; runs as the ftc-device service, fetching and running\nthe deployments its server hands out.")
 include(CPack)
