@@ -20,7 +20,7 @@ if [ -z "${FTC_PACKAGE_TEST_INSIDE:-}" ]; then
   [ -f "${debs[0]}" ] && [ -f "${debs[1]}" ] || fail "no packages in $build (make package)"
   # The upgrade: the same build under a later version.
   rm -rf "$work/next" && mkdir -p "$work/next"
-  (cd "$build" && cpack -G DEB -R "$(dpkg-deb -f "${debs[0]}" Version)+1" -B "$work/next" >/dev/null)
+  (cd "$build" && cpack -G DEB -R "$(dpkg-deb -f "${debs[0]}" Version)+1" -B "$work/next" >/dev/null 2>&1)
   rm -rf "$work/next/_CPack_Packages"
 
   deps=$(for d in "${debs[@]}"; do dpkg-deb -f "$d" Depends; done | tr ',' '\n' |
@@ -56,9 +56,9 @@ root=$work/root
 rm -rf "$root" && mkdir -p "$root"
 tar -C "$root" -xf "$FTC_BASE"
 mount -t proc proc "$root/proc"
-mkdir -p "$root/tmp/debs"
+mkdir -p "$root/tmp/debs" "$root/tmp/next"
 cp "$build"/ftc-server_*.deb "$build"/ftc-device_*.deb "$root/tmp/debs/"
-cp "$work"/next/*.deb "$root/tmp/"
+cp "$work"/next/*.deb "$root/tmp/next/"
 in_root() { chroot "$root" env -i PATH=/usr/sbin:/usr/bin:/sbin:/bin DEBIAN_FRONTEND=noninteractive "$@"; }
 wait_for() {  # seconds, description, command...
   local limit=$1 what=$2; shift 2
@@ -69,11 +69,11 @@ metrics() { curl -sf http://127.0.0.1:9180/metrics; }
 has_metric() { metrics | grep -qF "$1"; }
 
 step "install"
-in_root dpkg -i /tmp/debs/ftc-server_*.deb /tmp/debs/ftc-device_*.deb >"$work/dpkg.log" 2>&1 ||
+in_root sh -c 'dpkg -i /tmp/debs/*.deb' >"$work/dpkg.log" 2>&1 ||
   fail "dpkg -i: $(tail -5 "$work/dpkg.log")"
 for u in ftc-server ftc-device; do
   in_root getent passwd $u >/dev/null || fail "no user $u"
-  [ "$(stat -c %U "$root/var/lib/$u")" = $u ] || fail "/var/lib/$u is not $u's"
+  [ "$(stat -c %u "$root/var/lib/$u")" = "$(in_root id -u $u)" ] || fail "/var/lib/$u is not $u's"
   [ -L "$root/etc/systemd/system/multi-user.target.wants/$u.service" ] || fail "$u.service not enabled"
   [ -f "$root/etc/ftc/${u#ftc-}.conf" ] || fail "no /etc/ftc/${u#ftc-}.conf"
 done
@@ -149,7 +149,7 @@ stop_unit ftc-device "$agent_pid"
 stop_unit ftc-server "$server_pid"
 
 step "upgrade"
-in_root dpkg -i --force-confold /tmp/ftc-server_*.deb /tmp/ftc-device_*.deb >>"$work/dpkg.log" 2>&1 ||
+in_root sh -c 'dpkg -i --force-confold /tmp/next/*.deb' >>"$work/dpkg.log" 2>&1 ||
   fail "upgrade: $(tail -5 "$work/dpkg.log")"
 [[ "$(in_root dpkg-query -W -f '${Version}' ftc-server)" == *+1 ]] || fail "not upgraded"
 grep -q '^check-in = 1' "$root/etc/ftc/server.conf" || fail "the edited settings were replaced"
