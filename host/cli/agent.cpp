@@ -221,7 +221,11 @@ class DeviceAgent {
 
   void WriteFigures() {
     if (m_metricsFile.empty()) return;
-    hostbase::IoStatus s = hostbase::ReplaceFile(m_metricsFile, m_figures.Text(m_opt.root));
+    size_t slash = m_metricsFile.rfind('/');
+    hostbase::IoStatus s = slash == std::string::npos || slash == 0
+                               ? hostbase::IoStatus{}
+                               : hostbase::MakeDirs(m_metricsFile.substr(0, slash));
+    if (s.ok()) s = hostbase::ReplaceFile(m_metricsFile, m_figures.Text(m_opt.root));
     if (!s.ok() && !m_figuresFailed)
       ftcservice::Log(ftcservice::Level::kWarning, "ftc-host agent: %s",
                       s.Describe(m_metricsFile).c_str());
