@@ -5,7 +5,7 @@ JOBS ?= $(shell nproc)
 
 FLEET_ARGS ?= --devices 20 --multicast --loss 0.05
 
-.PHONY: all build test demo demo-multicast fleet bench format clean deps
+.PHONY: all build test demo demo-multicast fleet bench format clean deps package package-test
 
 all: build
 
@@ -21,6 +21,18 @@ test:
 	@cmake -S . -B $(TEST_BUILD) -G Ninja -DCMAKE_BUILD_TYPE=Debug -DFTC_SANITIZE=ON >/dev/null
 	@cmake --build $(TEST_BUILD) -j $(JOBS)
 	@cd $(TEST_BUILD) && ctest --output-on-failure -j $(JOBS) --timeout 300
+
+# The Debian packages ftc-server and ftc-device, from the release build.
+package:
+	@scripts/bootstrap.sh package
+	@cmake -S . -B $(BUILD) -G Ninja -DCMAKE_BUILD_TYPE=Release -DFTC_TESTS=OFF -DFTC_MAN=ON >/dev/null
+	@cmake --build $(BUILD) -j $(JOBS)
+	@rm -f $(BUILD)/ftc-*.deb
+	@cd $(BUILD) && cpack -G DEB >/dev/null && ls -1 $(CURDIR)/$(BUILD)/ftc-*.deb
+
+# Install, run, upgrade and purge them in a throwaway Debian root (root; a few minutes).
+package-test: package
+	@scripts/package_test.sh $(BUILD)
 
 demo: build
 	@scripts/demo.sh $(BUILD)

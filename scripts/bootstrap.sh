@@ -1,10 +1,10 @@
 #!/usr/bin/env bash
 # Installs the Debian packages a target needs, only those that are missing.
-# Usage: scripts/bootstrap.sh [build|test|bench|multicast]...   (build is always included)
+# Usage: scripts/bootstrap.sh [build|test|bench|multicast|package]...   (build is always included)
 set -euo pipefail
 
 pkgs=(cmake ninja-build g++ make pkg-config libpugixml-dev curl libcurl4-openssl-dev libsqlite3-dev
-      libpq-dev nlohmann-json3-dev)
+      libpq-dev nlohmann-json3-dev libinih-dev libsystemd-dev)
 for set in "$@"; do
   case "$set" in
     build) ;;
@@ -12,6 +12,8 @@ for set in "$@"; do
     # The fleet page is read back from headless Chromium.
     test) pkgs+=(libgtest-dev libgmock-dev uftp iproute2 nftables postgresql chromium) ;;
     multicast) pkgs+=(uftp iproute2 nftables) ;;
+    # Man pages from the help texts; the package test's throwaway root and its checks.
+    package) pkgs+=(help2man dpkg-dev lintian debootstrap systemd python3 iproute2) ;;
     # A fleet's devices live in network namespaces (iproute2); nftables drops their multicast.
     bench) pkgs+=(libbenchmark-dev zlib1g-dev nginx-light libnginx-mod-stream wrk uftp iproute2
            nftables postgresql sqlite3) ;;

@@ -9,8 +9,11 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <atomic>
 #include <cstdio>
 #include <cstdlib>
+#include <ctime>
+#include <map>
 #include <nlohmann/json.hpp>
 #include <random>
 #include <string>
@@ -22,6 +25,7 @@
 #include "job_file.h"
 #include "job_watch.h"
 #include "plugin_session.h"
+#include "service/daemon.h"
 #include "winux/winux_host.h"
 #include "xq/outbox.h"
 #include "xq/spool.h"
@@ -68,16 +72,67 @@ uint64_t EventPosition(const std::string& root) {
   return highest;
 }
 
-bool SpoolHoldsRecords(const std::string& root) {
+// Records spooled and not yet taken by the server.
+size_t SpoolBacklog(const std::string& root) {
   const std::string spool = xqspool::SpoolDir(root);
+  size_t n = 0;
   for (const std::string& queue : xqspool::ListDir(spool)) {
     if (!xqspool::IsValidQueueName(queue)) continue;
     uint64_t sequence = 0;
     for (const std::string& name : xqspool::ListDir(spool + "/" + queue))
-      if (xqspool::ParseRecordName(name, &sequence)) return true;
+      n += xqspool::ParseRecordName(name, &sequence);
   }
-  return false;
+  return n;
 }
+
+bool ParseInterval(const std::string& text, double* seconds) {
+  char* end = nullptr;
+  double v = strtod(text.c_str(), &end);
+  if (!end || *end || !(v > 0) || v > kLongestInterval) return false;
+  *seconds = v;
+  return true;
+}
+
+std::atomic<bool> g_reload{false};
+
+void OnReloadSignal(int) {
+  g_reload = true;
+}
+
+// The agent's figures since it started, written whole for a node exporter's textfile collector.
+struct Figures {
+  std::map<std::string, uint64_t> jobs;  // by outcome
+  uint64_t files = 0, bytes = 0, checkIns = 0, checkInFailures = 0, deliveryFailures = 0;
+  time_t lastCheckIn = 0;
+
+  std::string Text(const std::string& root) const {
+    ftcservice::MetricsText t;
+    t.Family("ftc_agent_jobs_total", "counter", "Jobs the agent ran, by outcome.");
+    for (const char* outcome : {"complete", "failed", "refused"}) {
+      auto it = jobs.find(outcome);
+      t.Sample("ftc_agent_jobs_total", {{"outcome", outcome}},
+               it == jobs.end() ? 0 : static_cast<double>(it->second));
+    }
+    auto counter = [&](const char* name, const char* help, double v) {
+      t.Family(name, "counter", help);
+      t.Sample(name, {}, v);
+    };
+    counter("ftc_agent_fetched_files_total", "Files jobs brought that match their CRCs.",
+            static_cast<double>(files));
+    counter("ftc_agent_fetched_bytes_total", "Bytes of those files.", static_cast<double>(bytes));
+    counter("ftc_agent_checkins_total", "Check-ins the server answered.",
+            static_cast<double>(checkIns));
+    counter("ftc_agent_checkin_failures_total", "Check-ins that failed.",
+            static_cast<double>(checkInFailures));
+    counter("ftc_agent_delivery_failures_total", "Deliveries that left records behind.",
+            static_cast<double>(deliveryFailures));
+    t.Family("ftc_agent_delivery_backlog", "gauge", "Spooled records not yet delivered.");
+    t.Sample("ftc_agent_delivery_backlog", {}, static_cast<double>(SpoolBacklog(root)));
+    t.Family("ftc_agent_last_checkin_timestamp_seconds", "gauge", "When the server last answered.");
+    t.Sample("ftc_agent_last_checkin_timestamp_seconds", {}, static_cast<double>(lastCheckIn));
+    return t.text();
+  }
+};
 
 // What the device's own records say of a job that began after position.
 std::string FoundSince(const std::string& root, uint64_t position) {
@@ -96,6 +151,7 @@ class DeviceAgent {
  public:
   DeviceAgent(const Options& opt, std::string base, DeviceIdentity id, double interval)
       : m_opt(opt),
+        m_metricsFile(opt.metricsFile),
         m_base(std::move(base)),
         m_id(std::move(id)),
         m_interval(interval),
@@ -106,8 +162,11 @@ class DeviceAgent {
     printf("agent for device %s checking in with %s\n", m_id.device.c_str(), m_base.c_str());
     fflush(stdout);
     Resume();
+    ftcservice::NotifyReady();
     int failures = 0;
     while (!StopRequested()) {
+      if (g_reload.exchange(false)) Reload();
+      WriteFigures();
       if (!m_pending.is_null() && !PostResult()) {
         PauseUnlessStopped(RetryWait(failures++, kLongestBackOff, m_retryAfter, m_random));
         continue;
@@ -115,24 +174,64 @@ class DeviceAgent {
       json job;
       double next = m_interval;
       if (!CheckIn(&job, &next)) {
-        fprintf(stderr, "ftc-host agent: check-in failed: %s\n", m_reason.c_str());
+        ++m_figures.checkInFailures;
+        ftcservice::Log(ftcservice::Level::kWarning, "ftc-host agent: check-in failed: %s",
+                        m_reason.c_str());
         PauseUnlessStopped(RetryWait(failures++, kLongestBackOff, m_retryAfter, m_random));
         continue;
       }
       failures = 0;
+      ++m_figures.checkIns;
+      m_figures.lastCheckIn = time(nullptr);
       // The inventory goes at start and after jobs; reports whenever there are some.
-      if (m_inventoryDue || SpoolHoldsRecords(m_opt.root)) Deliver();
+      if (m_inventoryDue || SpoolBacklog(m_opt.root) > 0) Deliver();
       if (job.is_object() && !StopRequested()) RunAssigned(job);
+      WriteFigures();
       // Jitter keeps a fleet told the same interval from arriving in step.
       PauseUnlessStopped(next * WinuxTimeScale() *
                          std::uniform_real_distribution<double>(0.8, 1.2)(m_random));
     }
+    ftcservice::NotifyStopping();
     printf("agent stopped\n");
     fflush(stdout);
     return kExitOk;
   }
 
  private:
+  // SIGHUP: the server's address and the interval as the settings now give them.
+  void Reload() {
+    Options now;
+    std::string error, base;
+    if (!RereadOptions(&now, &error) || !ResolveServer(now.server, &base, &error)) {
+      ftcservice::Log(ftcservice::Level::kWarning, "ftc-host agent: settings not reloaded: %s",
+                      error.c_str());
+      return;
+    }
+    double interval = m_interval;
+    if (!now.interval.empty() && !ParseInterval(now.interval, &interval)) {
+      ftcservice::Log(ftcservice::Level::kWarning, "ftc-host agent: settings not reloaded: %s",
+                      "bad interval");
+      return;
+    }
+    m_base = base;
+    m_interval = interval;
+    m_metricsFile = now.metricsFile;
+    ftcservice::Log(ftcservice::Level::kInfo, "ftc-host agent: settings reloaded");
+  }
+
+  void WriteFigures() {
+    if (m_metricsFile.empty()) return;
+    size_t slash = m_metricsFile.rfind('/');
+    hostbase::IoStatus s = slash == std::string::npos || slash == 0
+                               ? hostbase::IoStatus{}
+                               : hostbase::MakeDirs(m_metricsFile.substr(0, slash));
+    if (s.ok()) s = hostbase::ReplaceFile(m_metricsFile, m_figures.Text(m_opt.root));
+    if (!s.ok() && !m_figuresFailed)
+      ftcservice::Log(ftcservice::Level::kWarning, "ftc-host agent: %s",
+                      s.Describe(m_metricsFile).c_str());
+    m_figuresFailed = !s.ok();
+  }
+
   // A record left behind means we died mid-job: say what the device holds, and let the server
   // decide whether the job runs again.
   void Resume() {
@@ -188,10 +287,12 @@ class DeviceAgent {
     DeliverOptions d;
     d.root = m_opt.root;
     d.server = m_base;
-    if (DeliverOnce(d) == kExitOk)
+    if (DeliverOnce(d) == kExitOk) {
       m_inventoryDue = false;
-    else
-      fprintf(stderr, "ftc-host agent: delivery is incomplete\n");
+    } else {
+      ++m_figures.deliveryFailures;
+      ftcservice::Log(ftcservice::Level::kWarning, "ftc-host agent: delivery is incomplete");
+    }
   }
 
   void RunAssigned(const json& assigned) {
@@ -233,6 +334,7 @@ class DeviceAgent {
     sigemptyset(&stops);
     sigaddset(&stops, SIGTERM);
     sigaddset(&stops, SIGINT);
+    sigaddset(&stops, SIGHUP);
     pthread_sigmask(SIG_BLOCK, &stops, &was);
     JobResult r = RunParsedJob(m_opt, job, [this] {
       m_pending = Result("started", 0, "");
@@ -240,6 +342,9 @@ class DeviceAgent {
     });
     pthread_sigmask(SIG_SETMASK, &was, nullptr);
     m_inventoryDue = true;
+    ++m_figures.jobs[StateName(r.state)];
+    m_figures.files += static_cast<uint64_t>(r.fetched);
+    m_figures.bytes += r.bytes;
     record["outcome"] = StateName(r.state);
     (void)Keep(record);
     m_pending = Result(StateName(r.state), r.code, r.text);
@@ -285,9 +390,12 @@ class DeviceAgent {
   }
 
   const Options& m_opt;
-  const std::string m_base;
+  std::string m_metricsFile;
+  std::string m_base;
   const DeviceIdentity m_id;
-  const double m_interval;
+  double m_interval;
+  Figures m_figures;
+  bool m_figuresFailed = false;
   const std::string m_record;
   std::mt19937 m_random;
   json m_resumed;  // null, or what was found of the job a restart interrupted
@@ -316,15 +424,16 @@ int AgentCommand(const Options& opt) {
     return kExitUsage;
   }
   double interval = kDefaultInterval;
-  if (!opt.interval.empty()) {
-    char* end = nullptr;
-    interval = strtod(opt.interval.c_str(), &end);
-    if (!end || *end || !(interval > 0) || interval > kLongestInterval) {
-      fprintf(stderr, "ftc-host: --interval takes seconds above 0, at most a day\n");
-      return kExitUsage;
-    }
+  if (!opt.interval.empty() && !ParseInterval(opt.interval, &interval)) {
+    fprintf(stderr, "ftc-host: --interval takes seconds above 0, at most a day\n");
+    return kExitUsage;
   }
   signal(SIGPIPE, SIG_IGN);
+  struct sigaction reload {};
+  reload.sa_handler = OnReloadSignal;
+  sigemptyset(&reload.sa_mask);
+  reload.sa_flags = SA_RESTART;
+  sigaction(SIGHUP, &reload, nullptr);
   // A job under way is let finish; the stop comes between steps.
   StopOnSignals();
   try {

@@ -17,9 +17,10 @@ struct Options {
   std::string root;               // absolute; WINUX_ROOT is set to it
   std::string plugin;
   std::string queue;
-  std::string server;    // deliver --server
-  std::string deliver;   // run --deliver: where the job's reports go afterwards
-  std::string interval;  // agent --interval, device seconds
+  std::string server;       // deliver --server
+  std::string deliver;      // run --deliver: where the job's reports go afterwards
+  std::string interval;     // agent --interval, device seconds
+  std::string metricsFile;  // agent --metrics-file: its figures, for a textfile collector
   bool follow = false;
   bool dword = false;
 };
@@ -27,12 +28,17 @@ struct Options {
 // The device log, as the plug-in names it.
 constexpr char kDeviceLogFile[] = "/tmp/FileXfer.txt";
 
+// The options as the settings file and the command line give them now (after SIGHUP).
+bool RereadOptions(Options* opt, std::string* error);
+
 // How a job replayed into the plug-in ended.
 struct JobResult {
   enum State { kNotRun, kRefused, kComplete, kFailed, kUnknown };
   State state = kNotRun;
   uint32_t code = 0;  // kRefused: the result code of the refused Upgrade call
   std::string text;   // the final event's text, the refusal's meaning, or why it is unknown
+  int fetched = 0;    // files absent before or rewritten since, and matching
+  uintmax_t bytes = 0;
   int exit = kExitFailed;
 };
 

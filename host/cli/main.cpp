@@ -12,10 +12,13 @@
 
 #include "commands.h"
 #include "deliver.h"
+#include "service/daemon.h"
 
 namespace fs = std::filesystem;
 
 namespace {
+
+constexpr char kDefaultConfig[] = "/etc/ftc/device.conf";
 
 void Usage(FILE* out) {
   fprintf(out,
@@ -30,9 +33,14 @@ void Usage(FILE* out) {
           "                     [--time-scale X]\n"
           "       ftc-host deliver [--server URL] [--follow] [--root DIR] [--time-scale X]\n"
           "       ftc-host agent [--server URL] [--root DIR] [--interval SECONDS]\n"
-          "                      [--plugin PATH] [--time-scale X]\n"
+          "                      [--plugin PATH] [--time-scale X] [--metrics-file PATH]\n"
+          "       ftc-host --version\n"
+          "Every command also takes --config FILE: key = value lines named like the options\n"
+          "(default %s when it exists); options given here override them. The agent\n"
+          "rereads --server and --interval on SIGHUP and writes its figures to the metrics file.\n"
           "KEY is a full key path such as HKEY_LOCAL_MACHINE\\SOFTWARE\\Tervalon\\XQueue.\n"
-          "The device root defaults to $XDG_STATE_HOME/ftc/device (~/.local/state/ftc/device).\n");
+          "The device root defaults to $XDG_STATE_HOME/ftc/device (~/.local/state/ftc/device).\n",
+          kDefaultConfig);
 }
 
 std::string DefaultRoot() {
@@ -48,49 +56,91 @@ int Bad(const std::string& message) {
   return ftchost::kExitUsage;
 }
 
-}  // namespace
-
-int main(int argc, char** argv) {
-  ftchost::Options opt;
-  std::string root;
-  std::string scale;
-  for (int i = 1; i < argc; ++i) {
-    std::string a = argv[i];
+// The device's settings file first, then the command line, so that the latter wins. "" or an
+// error text; *help when help was asked for.
+std::string ParseArgs(std::vector<std::string> given, ftchost::Options* opt, std::string* root,
+                      std::string* scale, bool* help) {
+  std::string config, error;
+  if (error = ftcservice::TakeConfigPath(&given, kDefaultConfig, &config); !error.empty())
+    return error;
+  std::vector<std::string> all;
+  if (!config.empty())
+    if (error = ftcservice::ConfigFlags(config, {"follow", "dword"}, &all); !error.empty())
+      return error;
+  all.insert(all.end(), given.begin(), given.end());
+  for (size_t i = 0; i < all.size(); ++i) {
+    const std::string& a = all[i];
     auto next = [&](std::string* out) {
-      if (i + 1 >= argc) return false;
-      *out = argv[++i];
+      if (i + 1 >= all.size()) return false;
+      *out = all[++i];
       return true;
     };
     if (a == "--root") {
-      if (!next(&root)) return Bad("--root needs a folder");
+      if (!next(root)) return "--root needs a folder";
     } else if (a == "--plugin") {
-      if (!next(&opt.plugin)) return Bad("--plugin needs a path");
+      if (!next(&opt->plugin)) return "--plugin needs a path";
     } else if (a == "--time-scale") {
-      if (!next(&scale)) return Bad("--time-scale needs a number");
+      if (!next(scale)) return "--time-scale needs a number";
     } else if (a == "--queue") {
-      if (!next(&opt.queue)) return Bad("--queue needs a name");
+      if (!next(&opt->queue)) return "--queue needs a name";
     } else if (a == "--server") {
-      if (!next(&opt.server)) return Bad("--server needs a URL");
+      if (!next(&opt->server)) return "--server needs a URL";
     } else if (a == "--deliver") {
-      if (!next(&opt.deliver)) return Bad("--deliver needs a URL");
+      if (!next(&opt->deliver)) return "--deliver needs a URL";
     } else if (a == "--interval") {
-      if (!next(&opt.interval)) return Bad("--interval needs seconds");
+      if (!next(&opt->interval)) return "--interval needs seconds";
+    } else if (a == "--metrics-file") {
+      if (!next(&opt->metricsFile)) return "--metrics-file needs a path";
     } else if (a == "--follow") {
-      opt.follow = true;
+      opt->follow = true;
     } else if (a == "--dword") {
-      opt.dword = true;
+      opt->dword = true;
     } else if (a == "--url" || a == "--file" || a == "--dest" || a == "--bundle") {
       // pull's own options: handed on in order for PullCommand to read.
-      opt.args.push_back(a);
-      if (i + 1 < argc) opt.args.push_back(argv[++i]);
+      opt->args.push_back(a);
+      if (i + 1 < all.size()) opt->args.push_back(all[++i]);
     } else if (a == "-h" || a == "--help") {
-      Usage(stdout);
-      return 0;
+      *help = true;
+      return {};
     } else if (a.size() > 1 && a[0] == '-' && a[1] == '-') {
-      return Bad("unknown option " + a);
+      return "unknown option " + a;
     } else {
-      opt.args.push_back(a);
+      opt->args.push_back(a);
     }
+  }
+  return {};
+}
+
+std::vector<std::string> g_given;
+
+}  // namespace
+
+namespace ftchost {
+
+bool RereadOptions(Options* opt, std::string* error) {
+  Options fresh;
+  std::string root, scale;
+  bool help = false;
+  *error = ParseArgs(g_given, &fresh, &root, &scale, &help);
+  if (!error->empty()) return false;
+  *opt = fresh;
+  return true;
+}
+
+}  // namespace ftchost
+
+int main(int argc, char** argv) {
+  if (argc == 2 && std::strcmp(argv[1], "--version") == 0)
+    return ftcservice::PrintVersion("ftc-host"), 0;
+  ftchost::Options opt;
+  std::string root;
+  std::string scale;
+  bool help = false;
+  g_given.assign(argv + 1, argv + argc);
+  if (std::string e = ParseArgs(g_given, &opt, &root, &scale, &help); !e.empty()) return Bad(e);
+  if (help) {
+    Usage(stdout);
+    return 0;
   }
   if (opt.args.empty()) return Bad("no command");
 

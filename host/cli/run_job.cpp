@@ -252,6 +252,8 @@ JobResult Summary(const Run& run) {
     result = "succeeded";
   }
   bool success = r.state == JobResult::kComplete;
+  r.fetched = run.fetched;
+  r.bytes = run.bytes;
 
   printf("\nsummary\n");
   printf("  outcome:        %s\n", result.c_str());

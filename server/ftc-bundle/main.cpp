@@ -11,6 +11,7 @@
 #include "base/files.h"
 #include "common/bundle_job.h"
 #include "common/crc32.h"
+#include "service/daemon.h"
 
 namespace {
 
@@ -24,12 +25,15 @@ int Fail(const std::string& message) {
 int Usage(const char* error) {
   if (error) std::fprintf(stderr, "ftc-bundle: %s\n", error);
   std::fprintf(
-      stderr,
+      error ? stderr : stdout,
       "usage: ftc-bundle list BUNDLE_DIR --dest PREFIX [--mask MASK] [--out NAME]\n"
       "       ftc-bundle job BUNDLE_DIR --server http://HOST:PORT[/BASE] --dest PREFIX\n"
       "                  [--bundle NAME] [--mask MASK] [--out JOB.xml] [--version V] [--reboot]\n"
-      "                  [--list NAME] [--list-dest DEVICE_PATH]\n");
-  return 2;
+      "                  [--list NAME] [--list-dest DEVICE_PATH]\n"
+      "       ftc-bundle --version\n"
+      "list writes the multicast list file of a bundle folder; job writes the job file that\n"
+      "fetches the folder's files from an upgrade server.\n");
+  return error ? 2 : 0;
 }
 
 struct Args : ftcserver::BundleJob {
@@ -79,7 +83,11 @@ int Job(const Args& a) {
 }  // namespace
 
 int main(int argc, char** argv) {
-  if (argc < 3) return Usage(nullptr);
+  if (argc == 2 && std::string(argv[1]) == "--version")
+    return ftcservice::PrintVersion("ftc-bundle"), 0;
+  if (argc == 2 && (std::string(argv[1]) == "--help" || std::string(argv[1]) == "-h"))
+    return Usage(nullptr);
+  if (argc < 3) return Usage("a command and a bundle folder are needed");
   Args a;
   a.command = argv[1];
   a.dir = argv[2];

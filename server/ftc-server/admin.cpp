@@ -12,6 +12,7 @@
 
 #include "common/http.h"
 #include "fleet_page.h"
+#include "metrics.h"
 #include "server.h"
 #include "store/store.h"
 #include "store/text.h"
@@ -116,7 +117,9 @@ AdminServer::~AdminServer() {
   if (m_stopFd >= 0) close(m_stopFd);
 }
 
-std::string AdminServer::Start(const std::string& bind, const std::string& db) {
+std::string AdminServer::Start(const std::string& bind, const std::string& db,
+                               const Metrics* metrics) {
+  m_metrics = metrics;
   size_t colon = bind.rfind(':');
   auto port = colon == std::string::npos ? std::nullopt : ParseDecimal(bind.substr(colon + 1));
   if (!port || *port > 65535) return "--admin-bind must be ADDRESS:PORT";
@@ -192,6 +195,9 @@ void AdminServer::Serve(int fd) {
     reply = {200, "text/css", ftcpage::kFleetCss};
   } else if (target == "/fleet.js") {
     reply = {200, "text/javascript", ftcpage::kFleetJs};
+  } else if (target == "/metrics" && m_metrics) {
+    reply = {200, "text/plain; version=0.0.4; charset=utf-8",
+             m_metrics->Render(m_store.get(), kStaleMinutes)};
   } else if (target == "/api/fleet") {
     reply = FleetJson(*m_store);
   } else if (target.rfind("/api/deployments/", 0) == 0) {

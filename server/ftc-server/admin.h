@@ -13,6 +13,8 @@ class Store;
 
 namespace ftcserver {
 
+class Metrics;
+
 class AdminServer {
  public:
   AdminServer();
@@ -20,8 +22,10 @@ class AdminServer {
   AdminServer(const AdminServer&) = delete;
   AdminServer& operator=(const AdminServer&) = delete;
 
-  // bind: "ADDRESS:PORT" ("[::1]:PORT" for IPv6). Error text or "".
-  std::string Start(const std::string& bind, const std::string& db);
+  // bind: "ADDRESS:PORT" ("[::1]:PORT" for IPv6); metrics: served on /metrics, outlives this.
+  // Error text or "".
+  std::string Start(const std::string& bind, const std::string& db,
+                    const Metrics* metrics = nullptr);
   std::string address() const { return m_address; }
   // Starts its thread when started; Stop is safe from any thread, Wait joins.
   void Run();
@@ -36,6 +40,7 @@ class AdminServer {
   int m_stopFd = -1;
   std::string m_address;
   std::unique_ptr<ftcstore::Store> m_store;
+  const Metrics* m_metrics = nullptr;
   std::thread m_thread;
 };
 

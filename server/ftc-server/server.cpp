@@ -15,6 +15,7 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <chrono>
 #include <climits>
 #include <cstdio>
 #include <cstdlib>
@@ -23,6 +24,7 @@
 #include <unordered_map>
 
 #include "common/http.h"
+#include "metrics.h"
 #include "store/intake.h"
 #include "store/text.h"
 #include "store_queue.h"
@@ -142,6 +144,17 @@ std::string ReportLog::Open(const std::string& path) {
   m_fd = open(path.c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0644);
   if (m_fd < 0) return Errno(("cannot open reports file " + path).c_str());
   m_sync = true;
+  m_path = path;
+  return {};
+}
+
+std::string ReportLog::Reopen() {
+  if (m_path.empty()) return {};
+  int fd = open(m_path.c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0644);
+  if (fd < 0) return Errno(("cannot reopen reports file " + m_path).c_str());
+  std::lock_guard<std::mutex> lock(m_mutex);
+  close(m_fd);
+  m_fd = fd;
   return {};
 }
 
@@ -196,6 +209,7 @@ class Worker {
       int n = epoll_wait(m_ep, events, 256, 1000);
       if (n < 0 && errno != EINTR) break;
       m_now = NowSec();
+      m_tick.store(m_now, std::memory_order_relaxed);
       bool answered = false;
       for (int i = 0; i < n; ++i) {
         void* tag = events[i].data.ptr;
@@ -217,10 +231,14 @@ class Worker {
       }
     }
     for (auto& [fd, c] : m_conns) Release(*c);
+    m_server.metrics().Closed(static_cast<int64_t>(m_conns.size()));
     m_conns.clear();
     if (m_reserveFd >= 0) close(m_reserveFd);
     m_reserveFd = -1;
   }
+
+  // Monotonic seconds of the loop's latest turn; it turns at least once a second.
+  int64_t tick() const { return m_tick.load(std::memory_order_relaxed); }
 
  private:
   struct Conn {
@@ -242,6 +260,8 @@ class Worker {
     bool peerClosed = false;
     bool wantWrite = false;
     int64_t lastActive = 0;
+    RequestKind kind = RequestKind::kOther;  // of the request being answered
+    std::chrono::steady_clock::time_point started;
   };
   enum class Flushed { kDone, kBlocked, kError };
 
@@ -282,6 +302,7 @@ class Worker {
         continue;
       }
       m_conns.emplace(fd, std::move(c));
+      m_server.metrics().Opened();
     }
   }
 
@@ -336,6 +357,7 @@ class Worker {
           if (m_server.options().verbose)
             std::fprintf(stderr, "%s bad request: %s\n", c.peer.c_str(), pr.error.c_str());
           c.in.clear();
+          Begin(c, RequestKind::kOther, 0);
           Respond(c, 400, "", true);
         } else {
           c.in.erase(0, pr.headLength);
@@ -353,7 +375,27 @@ class Worker {
     SetInterest(c, false);
   }
 
+  void Begin(Conn& c, RequestKind kind, uint64_t bodyBytes) {
+    c.kind = kind;
+    c.started = std::chrono::steady_clock::now();
+    m_server.metrics().Request(kind, bodyBytes);
+  }
+
+  static RequestKind KindOf(const Request& r) {
+    if (r.method == "POST")
+      return r.target == "/xq/messages"     ? RequestKind::kMessages
+             : r.target == "/xq/inventory"  ? RequestKind::kInventory
+             : r.target == "/agent/checkin" ? RequestKind::kCheckIn
+             : r.target == "/agent/result"  ? RequestKind::kResult
+                                            : RequestKind::kOther;
+    if (r.IsCompletionReport()) return RequestKind::kReport;
+    if (r.method == "GET" && r.target.rfind("/agent/jobs/", 0) == 0) return RequestKind::kJob;
+    return r.method == "GET" || r.method == "HEAD" ? RequestKind::kFile : RequestKind::kOther;
+  }
+
   void Handle(Conn& c, const Request& r) {
+    const std::string* length = r.Header("Content-Length");
+    Begin(c, KindOf(r), length ? ParseDecimal(*length).value_or(0) : 0);
     c.closeAfter = !r.KeepAlive();
     if (r.Header("Transfer-Encoding")) return Respond(c, 501, r.target, true);
     if (r.method == "POST" && (r.target == "/xq/messages" || r.target == "/xq/inventory" ||
@@ -389,6 +431,8 @@ class Worker {
                    std::strerror(errno));
       return Respond(c, 500, "", false);
     }
+    const std::string* fallback = r.Header("HTTP-fallback");
+    m_server.metrics().CompletionReport(fallback && ParseDecimal(*fallback).value_or(0) != 0);
     StoreJob job;
     job.kind = StoreJob::kReport;
     job.report = std::move(row);
@@ -454,6 +498,8 @@ class Worker {
       if (it == m_conns.end() || it->second->id != d.id) continue;  // gone meanwhile
       Conn& c = *it->second;
       c.waitingStore = false;
+      if (d.answer.status == 503) m_server.metrics().StoreError();
+      m_server.metrics().MessagesStored(d.answer.stored);
       if (d.report) {  // its answer keeps its old bytes
         for (const std::string& line : d.answer.log)
           std::fprintf(stderr, "ftc-server: %s\n", line.c_str());
@@ -542,6 +588,8 @@ class Worker {
     if (m_server.options().verbose)
       std::fprintf(stderr, "%s %s %s %d %llu\n", c.peer.c_str(), r.method.c_str(), r.target.c_str(),
                    range.present ? 206 : 200, length);
+    Measure(c, c.out.size() + (r.method == "HEAD" ? 0 : length));
+    if (r.method == "GET") m_server.metrics().FileServed();
     if (r.method == "HEAD" || length == 0) {
       close(fd);
       return;
@@ -601,8 +649,14 @@ class Worker {
     c.out.assign(head, static_cast<size_t>(std::min<int>(n, sizeof head - 1)));
     c.out += body;
     c.outOff = 0;
+    Measure(c, c.out.size());
     if (m_server.options().verbose && status != 200)
       std::fprintf(stderr, "%s %d %s\n", c.peer.c_str(), status, target.c_str());
+  }
+
+  void Measure(const Conn& c, uint64_t bytes) {
+    std::chrono::duration<double> took = std::chrono::steady_clock::now() - c.started;
+    m_server.metrics().Response(c.kind, bytes, took.count());
   }
 
   static bool Pending(const Conn& c) { return c.outOff < c.out.size() || c.fileLeft > 0; }
@@ -655,6 +709,7 @@ class Worker {
   }
 
   void Close(Conn& c) {
+    m_server.metrics().Closed();
     int fd = c.fd;
     Release(c);
     m_conns.erase(fd);  // frees c
@@ -687,6 +742,7 @@ class Worker {
   uint64_t m_nextId = 0;
   int m_reserveFd = -1;
   int64_t m_now = 0;
+  std::atomic<int64_t> m_tick{NowSec()};
   std::unordered_map<int, std::unique_ptr<Conn>> m_conns;
 };
 
@@ -768,7 +824,8 @@ std::string Server::Start() {
       !e.empty())
     return e;
   if (!m_options.adminBind.empty())
-    if (std::string e = m_admin.Start(m_options.adminBind, m_options.db); !e.empty()) return e;
+    if (std::string e = m_admin.Start(m_options.adminBind, m_options.db, &m_metrics); !e.empty())
+      return e;
 
   unsigned threads = m_options.threads;
   if (threads == 0) threads = std::max(1u, std::min(8u, std::thread::hardware_concurrency()));
@@ -783,6 +840,21 @@ std::string Server::Start() {
     m_workers.push_back(std::move(w));
   }
   return {};
+}
+
+bool Server::Responsive(int64_t withinSec) const {
+  int64_t now = NowSec();
+  for (const auto& w : m_workers)
+    if (now - w->tick() > withinSec) return false;
+  return true;
+}
+
+std::string Server::Reload(const Options& options) {
+  m_options.verbose = options.verbose;
+  m_options.idleTimeoutSec = options.idleTimeoutSec;
+  m_options.checkInSec = options.checkInSec;
+  m_storeQueue.SetCheckInSeconds(options.checkInSec);
+  return m_reports.Reopen();
 }
 
 void Server::Run() {

@@ -11,9 +11,28 @@
 
 #include "admin.h"
 #include "common/crc_cache.h"
+#include "metrics.h"
 #include "store_queue.h"
 
 namespace ftcserver {
+
+// A setting that SIGHUP may change while worker threads read it.
+template <typename T>
+class Live {
+ public:
+  Live(T v = T()) : m_v(v) {}  // NOLINT: reads and assigns like the plain value
+  Live(const Live& o) : m_v(o.get()) {}
+  Live& operator=(const Live& o) { return *this = o.get(); }
+  Live& operator=(T v) {
+    m_v.store(v, std::memory_order_relaxed);
+    return *this;
+  }
+  operator T() const { return get(); }  // NOLINT
+  T get() const { return m_v.load(std::memory_order_relaxed); }
+
+ private:
+  std::atomic<T> m_v;
+};
 
 struct Options {
   std::string root;
@@ -22,10 +41,10 @@ struct Options {
   std::string reports;   // empty: completion reports go to stdout
   std::string db;        // store URL; empty: an SQLite file beside the root
   unsigned threads = 0;  // 0: one per core
-  unsigned idleTimeoutSec = 120;
-  unsigned checkInSec = 30;  // asked of device agents between check-ins
-  std::string adminBind;     // "ADDRESS:PORT" of the fleet page; empty: none
-  bool verbose = false;
+  Live<unsigned> idleTimeoutSec = 120;
+  Live<unsigned> checkInSec = 30;  // asked of device agents between check-ins
+  std::string adminBind;           // "ADDRESS:PORT" of the fleet page; empty: none
+  Live<bool> verbose = false;
 };
 
 // A listening socket (non-blocking) on host and port; *address: "HOST:PORT" bound. Error text or
@@ -39,11 +58,14 @@ class ReportLog {
   // Empty path: standard output. Returns an error text, empty on success.
   std::string Open(const std::string& path);
   bool Append(const std::string& line);
+  // Opens the file again under its name, after it was rotated. Error text or "".
+  std::string Reopen();
 
  private:
   std::mutex m_mutex;
   int m_fd = -1;
   bool m_sync = false;
+  std::string m_path;
 };
 
 class Worker;
@@ -64,6 +86,10 @@ class Server {
   std::string AdminAddress() const { return m_admin.address(); }
   // Starts the workers; returns at once.
   void Run();
+  // Whether every worker's loop has turned within the last withinSec seconds.
+  bool Responsive(int64_t withinSec) const;
+  // Takes the options that can change without a restart and reopens the reports file.
+  std::string Reload(const Options& options);
   // Safe from any thread; Wait() then returns once every connection is closed.
   void Stop();
   void Wait();
@@ -75,9 +101,11 @@ class Server {
   CrcCache& crcCache() { return m_crcCache; }
   ReportLog& reports() { return m_reports; }
   StoreQueue& storeQueue() { return m_storeQueue; }
+  Metrics& metrics() { return m_metrics; }
 
  private:
   Options m_options;
+  Metrics m_metrics;
   int m_rootFd = -1;
   int m_listenFd = -1;
   int m_stopFd = -1;

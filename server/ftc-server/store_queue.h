@@ -5,6 +5,7 @@
 // the kernel, so that memory does not grow with the number of devices delivering at once.
 #pragma once
 
+#include <atomic>
 #include <condition_variable>
 #include <deque>
 #include <functional>
@@ -34,6 +35,7 @@ class StoreQueue {
   ~StoreQueue() { Stop(); }
   // Opens `connections` store connections (the schema must be up to date). Error text or "".
   std::string Start(const std::string& url, unsigned connections, unsigned checkInSeconds);
+  void SetCheckInSeconds(unsigned seconds) { m_checkInSeconds = seconds; }
   // Waits while the queue is full; drops the job once stopped.
   void Submit(StoreJob job);
   // Finishes the jobs in hand, drops the others and joins the threads.
@@ -46,7 +48,7 @@ class StoreQueue {
   std::condition_variable m_ready;
   std::condition_variable m_space;
   size_t m_capacity = 0;
-  unsigned m_checkInSeconds = 0;
+  std::atomic<unsigned> m_checkInSeconds{0};
   std::deque<StoreJob> m_jobs;
   bool m_stop = false;
   std::vector<std::unique_ptr<ftcstore::Store>> m_stores;

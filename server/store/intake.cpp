@@ -161,7 +161,9 @@ Answer AcceptMessages(std::string_view body, Store& store) try {
       r[key] = v != m.end() && v->is_primitive() ? OrderedJson(*v) : OrderedJson();
     }
     if (errors[i].empty()) {
-      r["status"] = stored[next++] ? "stored" : "duplicate";
+      bool added = stored[next++];
+      a.stored += added;
+      r["status"] = added ? "stored" : "duplicate";
     } else {
       r["status"] = "rejected";
       r["error"] = errors[i];

@@ -22,6 +22,7 @@ struct Answer {
   std::string body;  // JSON unless type says otherwise
   std::string type = "application/json";
   std::vector<std::string> log;  // why something was refused or could not be stored
+  size_t stored = 0;             // messages newly stored
 };
 
 // A refusal: {"error": why}, and why for the log.

@@ -118,11 +118,12 @@ class Agent : public ::testing::Test {
   std::unique_ptr<ftctest::Child> Start(const std::string& server) {
     std::string command = "exec '" + ftctest::BinDir() + "/ftc-host' agent --server " + server +
                           " --root '" + root.path() + "' --plugin '" + ftctest::LibDir() +
-                          "/libFileTransferConfiglet.so' --time-scale 0.001 >>'" + root.path() +
-                          "/agent.log' 2>&1";
+                          "/libFileTransferConfiglet.so' --time-scale 0.001 --metrics-file '" +
+                          Figures() + "' >>'" + root.path() + "/agent.log' 2>&1";
     return std::make_unique<ftctest::Child>(std::vector<std::string>{"sh", "-c", command});
   }
   std::string Output() { return ftctest::ReadHostFile(root.path() + "/agent.log"); }
+  std::string Figures() const { return root.path() + "/metrics/agent.prom"; }
   // A job for the bundle's files as ftc-bundle writes it, fetching from server.
   std::string MakeJob(const std::string& server) {
     std::string made = bundle.dir() + "/../agent-job.xml";
@@ -178,6 +179,14 @@ TEST_F(Agent, RunsWhatItIsHandedOnceAndReportsRefusalsWithTheirCode) {
   // The job's events were delivered.
   std::vector<std::string> events = peer.Events();
   EXPECT_NE(std::find(events.begin(), events.end(), "205182"), events.end());
+  // The figures a textfile collector reads, once delivery has emptied the spool.
+  EXPECT_TRUE(ftctest::WaitUntil([&] {
+    std::string f = ftctest::ReadHostFile(Figures());
+    return f.find("ftc_agent_jobs_total{outcome=\"refused\"} 1\n") != std::string::npos &&
+           f.find("ftc_agent_jobs_total{outcome=\"complete\"} 1\n") != std::string::npos &&
+           f.find("ftc_agent_fetched_bytes_total 5\n") != std::string::npos &&
+           f.find("ftc_agent_delivery_backlog 0\n") != std::string::npos;
+  })) << ftctest::ReadHostFile(Figures());
   auto log = peer.Log();
   ASSERT_GE(log.size(), 2u);
   EXPECT_EQ(log[0].second, 503);

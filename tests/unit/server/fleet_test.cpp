@@ -7,6 +7,8 @@
 #include <map>
 #include <mutex>
 #include <nlohmann/json.hpp>
+#include <regex>
+#include <sstream>
 #include <thread>
 
 #include "support/device_root.h"
@@ -210,6 +212,45 @@ TEST_F(FleetTest, MessagesAreStoredOnceWithTheirKindsAndBadOnesAreRefused) {
   std::filesystem::rename(dbPath + ".away", dbPath);
   EXPECT_EQ(Statuses(c.Post("/xq/messages", later)), std::vector<std::string>{"stored"});
   EXPECT_EQ(ServerView("events --json --db " + db).size(), 5u);
+}
+
+TEST_F(FleetTest, MetricsCountRequestsByKindAndShowTheFleetAndDeploymentsByState) {
+  std::filesystem::create_directories(bundle + "/Demo");
+  ftctest::WriteHostFile(bundle + "/Demo/a.bin", "hello");
+  int admin = ftctest::FreeTcpPort();
+  ServerProcess server(bundle, {"--db", db, "--reports", root.path() + "/reports", "--admin-bind",
+                                "127.0.0.1:" + std::to_string(admin)});
+  Connection c(server.port());
+  EXPECT_EQ(c.Get("/Demo/a.bin").status, 200);
+  EXPECT_EQ(c.Get("/Demo/a.bin").status, 200);
+  EXPECT_EQ(c.Get("/none").status, 404);
+  ASSERT_TRUE(c.Send(CompletionReport("D1", "")));
+  EXPECT_EQ(c.Read().status, 200);
+  // The second batch is a duplicate: requests count twice, messages stored once.
+  for (int i = 0; i < 2; ++i)
+    EXPECT_EQ(c.Post("/xq/messages",
+                     Batch("D2", {Message("QV_Event_DB", 1, Event("205182", "Demo, 1.0"))}))
+                  .status,
+              200);
+  CreateDeployment(db, bundle, "--devices D1");
+
+  std::string page = Connection(static_cast<uint16_t>(admin)).Get("/metrics").body;
+  for (const char* want :
+       {"ftc_requests_total{kind=\"file\"} 3\n", "ftc_requests_total{kind=\"messages\"} 2\n",
+        "ftc_request_duration_seconds_count{kind=\"file\"} 3\n",
+        "ftc_request_duration_seconds_bucket{kind=\"report\",le=\"+Inf\"} 1\n",
+        "ftc_files_served_total 2\n", "ftc_completion_reports_total{http_fallback=\"1\"} 1\n",
+        "ftc_messages_stored_total 1\n", "ftc_store_errors_total 0\n", "ftc_open_connections 1\n",
+        "ftc_devices{state=\"complete\"} 2\n",
+        "ftc_deployment_devices{deployment=\"1\",state=\"pending\"} 1\n"})
+    EXPECT_NE(page.find(want), std::string::npos) << want << page;
+  EXPECT_EQ(ftctest::Count(page, "ftc_deployments{state="), 1) << page;
+  // Every sample line is "name{labels} value", as collectors parse it.
+  std::regex sample(
+      R"(([a-z_]+(\{[a-z_]+="[^"]*"(,[a-z_]+="[^"]*")*\})? (-?[0-9.e+]+|\+Inf))|(# .*))");
+  std::istringstream lines(page);
+  for (std::string line; std::getline(lines, line);)
+    EXPECT_TRUE(std::regex_match(line, sample)) << line;
 }
 
 TEST_F(FleetTest, FleetViewShowsEachDevicesLastJobInventoryAndReport) {
