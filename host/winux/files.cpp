@@ -60,6 +60,31 @@ int FopenFlags(const char* mode) {
   return flags;
 }
 
+ssize_t AppendTo(void* cookie, const char* data, size_t size) {
+  hostbase::IoStatus written =
+      hostbase::WriteAll(static_cast<int>(reinterpret_cast<intptr_t>(cookie)), data, size);
+  if (!written.ok()) {
+    errno = written.error;
+    return -1;
+  }
+  return static_cast<ssize_t>(size);
+}
+
+int CloseAppender(void* cookie) {
+  return close(static_cast<int>(reinterpret_cast<intptr_t>(cookie)));
+}
+
+// A stream that only appends, unbuffered: each write goes out at once (a log line is one
+// write, never split by a buffer), without the status calls a buffered stream makes first.
+FILE* Appender(int fd) {
+  cookie_io_functions_t io{};
+  io.write = AppendTo;
+  io.close = CloseAppender;
+  FILE* f = fopencookie(reinterpret_cast<void*>(static_cast<intptr_t>(fd)), "a", io);
+  if (f) setvbuf(f, nullptr, _IONBF, 0);
+  return f;
+}
+
 // chmod through the folder, never following a link put in the leaf's place since the lookup.
 int ChmodMapped(const MappedPath& path, mode_t mode) {
   if (path.folder) return fchmodat(path.folder->fd, path.leaf.c_str(), mode, AT_SYMLINK_NOFOLLOW);
@@ -266,7 +291,9 @@ extern "C" FILE* WinuxFopen(const char* path, const char* mode) {
     }
     fd = OpenMapped(mapped, flags, 0666);
   }
-  FILE* f = fd < 0 ? nullptr : fdopen(fd, mode);
+  FILE* f = fd < 0                                                  ? nullptr
+            : (flags & O_ACCMODE) == O_WRONLY && (flags & O_APPEND) ? Appender(fd)
+                                                                    : fdopen(fd, mode);
   if (!f) {
     const int err = errno;
     if (fd >= 0) close(fd);

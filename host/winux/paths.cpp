@@ -146,7 +146,9 @@ std::string WinuxMapPathW(const wchar_t* devicePath) {
 }
 
 int WinuxOpenPath(const std::string& devicePath, int flags, unsigned mode) {
-  int fd = winux::OpenExisting(devicePath, flags, nullptr);
+  // A file about to be replaced is mostly gone already: straight to the full lookup then.
+  const bool replaces = (flags & O_CREAT) && (flags & O_TRUNC);
+  int fd = replaces ? -1 : winux::OpenExisting(devicePath, flags, nullptr);
   if (fd >= 0 && (flags & O_CREAT) && (flags & O_EXCL)) {
     close(fd);
     SetLastError(ERROR_FILE_EXISTS);
@@ -449,8 +451,8 @@ MappedPath MapDevicePath(const std::string& devicePath) {
     Base base;
     if (!GetBase(ram, round > 0, &base)) return MappedPath{};
     result = Resolve(base, parts);
-    if (result.host.empty() || result.exists) break;
-    // Found nothing: perhaps the root was removed (and made again) since it was opened.
+    if (result.host.empty() || result.exists || (parts.size() > 1 && !result.parentMissing)) break;
+    // Missing right under the root: perhaps the root was removed (and made again) since.
     struct stat st;
     if (fstat(base.fd->fd, &st) != 0 || st.st_nlink != 0) break;
   }
