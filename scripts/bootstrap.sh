@@ -13,7 +13,7 @@ for set in "$@"; do
     test) pkgs+=(libgtest-dev libgmock-dev uftp iproute2 postgresql chromium) ;;
     multicast) pkgs+=(uftp iproute2) ;;
     bench) pkgs+=(libbenchmark-dev zlib1g-dev nginx-light libnginx-mod-stream wrk uftp postgresql
-           sqlite3 libarchive-zip-perl) ;;
+           sqlite3 libarchive-zip-perl iproute2) ;;
     *) echo "bootstrap: unknown set '$set'" >&2; exit 2 ;;
   esac
 done
