@@ -8,7 +8,10 @@
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
+#include <memory>
+#include <mutex>
 #include <string>
+#include <vector>
 
 #include "internal.h"
 #include "platform/winux.h"
@@ -60,9 +63,10 @@ int FopenFlags(const char* mode) {
   return flags;
 }
 
+using HeldFd = std::shared_ptr<HostFd>;
+
 ssize_t AppendTo(void* cookie, const char* data, size_t size) {
-  hostbase::IoStatus written =
-      hostbase::WriteAll(static_cast<int>(reinterpret_cast<intptr_t>(cookie)), data, size);
+  hostbase::IoStatus written = hostbase::WriteAll((*static_cast<HeldFd*>(cookie))->fd, data, size);
   if (!written.ok()) {
     errno = written.error;
     return -1;
@@ -71,18 +75,64 @@ ssize_t AppendTo(void* cookie, const char* data, size_t size) {
 }
 
 int CloseAppender(void* cookie) {
-  return close(static_cast<int>(reinterpret_cast<intptr_t>(cookie)));
+  delete static_cast<HeldFd*>(cookie);
+  return 0;
 }
 
 // A stream that only appends, unbuffered: each write goes out at once (a log line is one
 // write, never split by a buffer), without the status calls a buffered stream makes first.
-FILE* Appender(int fd) {
+FILE* Appender(const HeldFd& fd) {
   cookie_io_functions_t io{};
   io.write = AppendTo;
   io.close = CloseAppender;
-  FILE* f = fopencookie(reinterpret_cast<void*>(static_cast<intptr_t>(fd)), "a", io);
-  if (f) setvbuf(f, nullptr, _IONBF, 0);
+  auto* held = new HeldFd(fd);
+  FILE* f = fopencookie(held, "a", io);
+  if (!f) {
+    delete held;
+    return nullptr;
+  }
+  setvbuf(f, nullptr, _IONBF, 0);
   return f;
+}
+
+// Append descriptors kept while their path still names the same file: a log opened anew for
+// every line then costs one stat beside the write, not an open, a stat and a close.
+struct KeptAppend {
+  std::string key;
+  dev_t dev;
+  ino_t ino;
+  HeldFd fd;
+};
+std::mutex g_keptLock;
+std::vector<KeptAppend> g_kept;
+const size_t kMaxKept = 8;
+
+// The kept descriptor of the file path names now; null when there is none. *key names the path
+// for Keep.
+HeldFd Kept(const char* path, bool* readOnly, std::string* key) {
+  struct stat st;
+  if (StatBeneath(path, &st, key) != 0) return nullptr;
+  std::lock_guard<std::mutex> guard(g_keptLock);
+  for (const KeptAppend& k : g_kept) {
+    if (k.key != *key) continue;
+    if (k.dev != st.st_dev || k.ino != st.st_ino) return nullptr;
+    *readOnly = ReadOnlyMode(st.st_mode);
+    return k.fd;
+  }
+  return nullptr;
+}
+
+void Keep(const std::string& key, const HeldFd& fd) {
+  struct stat st;
+  if (key.empty() || fstat(fd->fd, &st) != 0) return;
+  std::lock_guard<std::mutex> guard(g_keptLock);
+  for (auto it = g_kept.begin(); it != g_kept.end(); ++it)
+    if (it->key == key) {
+      g_kept.erase(it);
+      break;
+    }
+  if (g_kept.size() >= kMaxKept) g_kept.erase(g_kept.begin());
+  g_kept.push_back(KeptAppend{key, st.st_dev, st.st_ino, fd});
 }
 
 // chmod through the folder, never following a link put in the leaf's place since the lookup.
@@ -268,6 +318,16 @@ extern "C" FILE* WinuxFopen(const char* path, const char* mode) {
     return nullptr;
   }
   const bool writes = strpbrk(mode, "wa+") != nullptr;
+  const bool appends = (flags & O_ACCMODE) == O_WRONLY && (flags & O_APPEND);
+  std::string key;
+  if (appends) {
+    bool readOnly = false;
+    if (HeldFd kept = Kept(path, &readOnly, &key)) {
+      if (!readOnly) return Appender(kept);
+      SetLastError(ERROR_ACCESS_DENIED);
+      return nullptr;
+    }
+  }
   struct stat st;
   int fd = OpenExisting(path, flags, &st);
   MappedPath mapped;
@@ -291,13 +351,22 @@ extern "C" FILE* WinuxFopen(const char* path, const char* mode) {
     }
     fd = OpenMapped(mapped, flags, 0666);
   }
-  FILE* f = fd < 0                                                  ? nullptr
-            : (flags & O_ACCMODE) == O_WRONLY && (flags & O_APPEND) ? Appender(fd)
-                                                                    : fdopen(fd, mode);
+  if (fd < 0) {
+    SetErrorForPath(errno, mapped);
+    return nullptr;
+  }
+  if (appends) {
+    HeldFd held = std::make_shared<HostFd>(fd);
+    Keep(key, held);
+    FILE* f = Appender(held);
+    if (!f) WinuxSetLastErrorFromErrno(errno);
+    return f;
+  }
+  FILE* f = fdopen(fd, mode);
   if (!f) {
     const int err = errno;
-    if (fd >= 0) close(fd);
-    SetErrorForPath(err, mapped);
+    close(fd);
+    WinuxSetLastErrorFromErrno(err);
   }
   return f;
 }

@@ -75,6 +75,9 @@ MappedPath MapDevicePath(const std::string& devicePath);
 // The one confined call that both finds and opens a file spelled as on disk (without creating
 // or truncating it); *st (when given) its status. -1 when the full lookup must decide.
 int OpenExisting(const std::string& devicePath, int flags, struct stat* st);
+// fstatat of the path under its base (not following a link in its place), without opening it;
+// *key its host path. Only for telling whether the path still names a file already open.
+int StatBeneath(const std::string& devicePath, struct stat* st, std::string* key);
 // open(2) of a mapped path through its folder (never following a link put there since); a file
 // it creates is added to the folder's index. -1 with errno.
 int OpenMapped(MappedPath& path, int flags, mode_t mode);

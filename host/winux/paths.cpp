@@ -442,6 +442,16 @@ int OpenExisting(const std::string& devicePath, int flags, struct stat* st) {
   return fd;
 }
 
+int StatBeneath(const std::string& devicePath, struct stat* st, std::string* key) {
+  DevicePath d = Parse(devicePath);
+  Base base;
+  std::string rel;
+  for (const std::string& part : d.parts) rel += (rel.empty() ? "" : "/") + part;
+  if (rel.empty() || !GetBase(d.ram, false, &base)) return -1;
+  *key = JoinHost(base.real, rel);
+  return fstatat(base.fd->fd, rel.c_str(), st, AT_SYMLINK_NOFOLLOW);
+}
+
 MappedPath MapDevicePath(const std::string& devicePath) {
   DevicePath d = Parse(devicePath);
   const bool ram = d.ram;
