@@ -25,6 +25,7 @@ struct FileObject : Object {
     if (fd >= 0) close(fd);
   }
   int fd = -1;
+  bool regular = false;  // a short read is the end of the file: no read to find it again
 };
 
 namespace {
@@ -200,8 +201,10 @@ extern "C" HANDLE CreateFile(LPCWSTR path, DWORD access, DWORD, LPSECURITY_ATTRI
   const std::string device = ToUtf8(path);
   struct stat st;
   bool exists = true;
+  bool regular = true;
   int fd = OpenExisting(device, flags, &st);
   if (fd >= 0) {
+    regular = S_ISREG(st.st_mode);
     DWORD refused = refusal(st);
     if (refused == ERROR_SUCCESS && (flags & O_TRUNC) && ftruncate(fd, 0) != 0) {
       WinuxSetLastErrorFromErrno(errno);
@@ -216,6 +219,7 @@ extern "C" HANDLE CreateFile(LPCWSTR path, DWORD access, DWORD, LPSECURITY_ATTRI
     MappedPath mapped = MapDevicePath(device);
     if (mapped.host.empty()) return INVALID_HANDLE_VALUE;
     exists = mapped.exists;
+    regular = !exists || S_ISREG(mapped.st.st_mode);
     DWORD refused = exists ? refusal(mapped.st) : ERROR_SUCCESS;
     if (refused != ERROR_SUCCESS) {
       SetLastError(refused);
@@ -230,6 +234,7 @@ extern "C" HANDLE CreateFile(LPCWSTR path, DWORD access, DWORD, LPSECURITY_ATTRI
   }
   auto object = std::make_shared<FileObject>();
   object->fd = fd;
+  object->regular = regular;
   // Opening an existing file with a creating disposition reports that it was there.
   SetLastError(exists && (disposition == CREATE_ALWAYS || disposition == OPEN_ALWAYS)
                    ? ERROR_ALREADY_EXISTS
@@ -246,7 +251,16 @@ extern "C" BOOL ReadFile(HANDLE file, LPVOID buffer, DWORD toRead, LPDWORD read,
     return FALSE;
   }
   size_t got = 0;
-  hostbase::IoStatus status = hostbase::ReadFull(f->fd, buffer, toRead, &got);
+  hostbase::IoStatus status;
+  if (f->regular) {
+    ssize_t n;
+    do n = ::read(f->fd, buffer, toRead);
+    while (n < 0 && errno == EINTR);
+    if (n < 0) status.error = errno;
+    got = n < 0 ? 0 : static_cast<size_t>(n);
+  } else {
+    status = hostbase::ReadFull(f->fd, buffer, toRead, &got);
+  }
   if (!status.ok()) {
     WinuxSetLastErrorFromErrno(status.error);
     return FALSE;
