@@ -102,8 +102,8 @@ TEST(WinuxPaths, FolderIsReadOnceNotPerName) {
   ASSERT_TRUE(MoveFile(L"\\bulk\\FILE0002.BIN", L"\\bulk\\Renamed.bin"));
   EXPECT_EQ(GetFileAttributes(L"\\bulk\\file0002.bin"), INVALID_FILE_ATTRIBUTES);
   EXPECT_NE(GetFileAttributes(L"\\bulk\\RENAMED.BIN"), INVALID_FILE_ATTRIBUTES);
-  HANDLE again = CreateFile(L"\\bulk\\FILE0001.BIN", GENERIC_WRITE, 0, nullptr, CREATE_NEW, 0,
-                            nullptr);
+  HANDLE again =
+      CreateFile(L"\\bulk\\FILE0001.BIN", GENERIC_WRITE, 0, nullptr, CREATE_NEW, 0, nullptr);
   ASSERT_NE(again, INVALID_HANDLE_VALUE);
   CloseHandle(again);
   EXPECT_TRUE(fs::exists(root.path() + "/bulk/FILE0001.BIN"));
