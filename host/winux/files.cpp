@@ -104,8 +104,9 @@ struct KeptAppend {
   ino_t ino;
   HeldFd fd;
 };
-std::mutex g_keptLock;
-std::vector<KeptAppend> g_kept;
+// Never destroyed: detached threads may still log while the process exits.
+std::mutex& g_keptLock = *new std::mutex();
+std::vector<KeptAppend>& g_kept = *new std::vector<KeptAppend>();
 const size_t kMaxKept = 8;
 
 // The kept descriptor of the file path names now; null when there is none. *key names the path

@@ -40,8 +40,10 @@ struct Index {
 
 const size_t kMaxFolders = 1024;
 
-std::mutex g_lock;
-std::unordered_map<FolderKey, Index, FolderKeyHash> g_indexes;
+// Never destroyed: detached threads may still look names up while the process exits.
+std::mutex& g_lock = *new std::mutex();
+std::unordered_map<FolderKey, Index, FolderKeyHash>& g_indexes =
+    *new std::unordered_map<FolderKey, Index, FolderKeyHash>();
 std::atomic<unsigned long> g_reads{0};
 
 std::string Fold(const std::string& name) {

@@ -225,8 +225,9 @@ struct Bases {
   Base device, ram;
 };
 
-std::mutex g_basesLock;
-Bases g_bases;
+// Never destroyed: detached threads may still map paths while the process exits.
+std::mutex& g_basesLock = *new std::mutex();
+Bases& g_bases = *new Bases();
 std::atomic<bool> g_noOpenat2{false};
 
 const uint64_t kNoLinks = RESOLVE_BENEATH | RESOLVE_NO_SYMLINKS | RESOLVE_NO_MAGICLINKS;
