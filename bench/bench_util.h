@@ -13,6 +13,13 @@ inline double Now() {
   return duration<double>(steady_clock::now().time_since_epoch()).count();
 }
 
+// User and system time of this process so far.
+inline double CpuSeconds() {
+  rusage u{};
+  getrusage(RUSAGE_SELF, &u);
+  return u.ru_utime.tv_sec + u.ru_stime.tv_sec + (u.ru_utime.tv_usec + u.ru_stime.tv_usec) / 1e6;
+}
+
 inline long MaxRssKiB() {
   rusage u{};
   getrusage(RUSAGE_SELF, &u);

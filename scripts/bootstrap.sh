@@ -16,7 +16,7 @@ for set in "$@"; do
     package) pkgs+=(help2man dpkg-dev lintian debootstrap systemd python3 iproute2) ;;
     # A fleet's devices live in network namespaces (iproute2); nftables drops their multicast.
     bench) pkgs+=(libbenchmark-dev zlib1g-dev nginx-light libnginx-mod-stream wrk uftp iproute2
-           nftables postgresql sqlite3) ;;
+           nftables postgresql sqlite3 libarchive-zip-perl) ;;
     *) echo "bootstrap: unknown set '$set'" >&2; exit 2 ;;
   esac
 done

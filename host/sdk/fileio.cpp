@@ -16,23 +16,29 @@
 
 namespace {
 
-std::string Map(const char* path) {
-  return SdkNoThrow<std::string>(std::string(), [&]() -> std::string {
-    if (!path || !*path) {
-      SetLastError(ERROR_INVALID_PARAMETER);
-      return "";
-    }
-    return WinuxMapPath(path);
-  });
+bool Usable(const char* path) {
+  if (path && *path) return true;
+  SetLastError(ERROR_INVALID_PARAMETER);
+  return false;
+}
+
+// 1 found, 0 absent, -1 refused or unusable.
+int Stat(const char* path, struct stat* st, std::string* host) {
+  if (!Usable(path)) return -1;
+  return SdkNoThrow<int>(-1, [&]() { return WinuxStatPath(path, st, host); });
+}
+
+int OpenPath(const char* path, int flags) {
+  if (!Usable(path)) return -1;
+  int fd;
+  do {
+    fd = SdkNoThrow<int>(-1, [&]() { return WinuxOpenPath(path, flags, 0666); });
+  } while (fd < 0 && errno == EINTR);
+  return fd;
 }
 
 // Write permission follows the device's read-only bit; only the owner's is given back.
-int ApplyReadOnly(const std::string& host, bool readOnly) {
-  struct stat st;
-  if (stat(host.c_str(), &st) != 0) {
-    WinuxSetLastErrorFromErrno(errno);
-    return 0;
-  }
+int ApplyReadOnly(const std::string& host, const struct stat& st, bool readOnly) {
   mode_t mode = st.st_mode & 07777;
   mode = readOnly ? (mode & ~static_cast<mode_t>(0222)) : (mode | S_IWUSR);
   if (mode != (st.st_mode & 07777) && chmod(host.c_str(), mode) != 0) {
@@ -52,16 +58,8 @@ FileIO::~FileIO() {
 
 int FileIO::Open(const char* path, int mode) {
   Close();
-  std::string host = Map(path);
-  if (host.empty()) return 0;
-  int flags = (mode == 1 ? O_RDONLY : O_RDWR) | O_CLOEXEC;
-  do {
-    m_fd = open(host.c_str(), flags);
-  } while (m_fd < 0 && errno == EINTR);
-  if (m_fd < 0) {
-    WinuxSetLastErrorFromErrno(errno);
-    return 0;
-  }
+  m_fd = OpenPath(path, mode == 1 ? O_RDONLY : O_RDWR);
+  if (m_fd < 0) return 0;
   struct stat st;
   if (fstat(m_fd, &st) == 0 && S_ISDIR(st.st_mode)) {
     Close();
@@ -73,16 +71,8 @@ int FileIO::Open(const char* path, int mode) {
 
 int FileIO::OpenForWriting(const char* path, int append, DWORD /*size*/) {
   Close();
-  std::string host = Map(path);
-  if (host.empty()) return 0;
-  int flags = O_WRONLY | O_CREAT | O_CLOEXEC | (append ? 0 : O_TRUNC);
-  do {
-    m_fd = open(host.c_str(), flags, 0666);
-  } while (m_fd < 0 && errno == EINTR);
-  if (m_fd < 0) {
-    WinuxSetLastErrorFromErrno(errno);
-    return 0;
-  }
+  m_fd = OpenPath(path, O_WRONLY | O_CREAT | (append ? 0 : O_TRUNC));
+  if (m_fd < 0) return 0;
   // Not O_APPEND: a resumed download seeks back to its last checkpoint and writes from there.
   if (append && lseek(m_fd, 0, SEEK_END) < 0) {
     WinuxSetLastErrorFromErrno(errno);
@@ -93,18 +83,18 @@ int FileIO::OpenForWriting(const char* path, int append, DWORD /*size*/) {
 }
 
 int FileIO::PrepareForWriting(const char* path) {
-  std::string host = Map(path);
-  if (host.empty()) return 0;
   struct stat st;
-  if (stat(host.c_str(), &st) != 0) return errno == ENOENT ? 1 : 0;
-  return ApplyReadOnly(host, false);
+  std::string host;
+  int found = Stat(path, &st, &host);
+  if (found <= 0) return found == 0 ? 1 : 0;
+  return ApplyReadOnly(host, st, false);
 }
 
 int FileIO::RemoveStale(const char* path) {
-  std::string host = Map(path);
-  if (host.empty()) return 0;
-  if (unlink(host.c_str()) == 0 || errno == ENOENT) return 1;
-  WinuxSetLastErrorFromErrno(errno);
+  if (!Usable(path)) return 0;
+  int err = SdkNoThrow<int>(EIO, [&]() { return WinuxUnlinkPath(path); });
+  if (err == 0 || err == ENOENT) return 1;
+  WinuxSetLastErrorFromErrno(err);
   return 0;
 }
 
@@ -178,21 +168,23 @@ void FileIO::Close() {
 }
 
 int FileIO::SetAttributes(const char* path, DWORD attributes) {
-  std::string host = Map(path);
-  if (host.empty()) return 0;
-  return ApplyReadOnly(host, (attributes & FILE_ATTRIBUTE_READONLY) != 0);
+  struct stat st;
+  std::string host;
+  int found = Stat(path, &st, &host);
+  if (found == 0) WinuxSetLastErrorFromErrno(ENOENT);
+  if (found <= 0) return 0;
+  return ApplyReadOnly(host, st, (attributes & FILE_ATTRIBUTE_READONLY) != 0);
 }
 
 int FileIO::Delete(const char* path) {
-  std::string host = Map(path);
-  if (host.empty()) return 0;
-  struct stat st;
-  if (lstat(host.c_str(), &st) == 0 && S_ISDIR(st.st_mode)) {
+  if (!Usable(path)) return 0;
+  int err = SdkNoThrow<int>(EIO, [&]() { return WinuxUnlinkPath(path); });
+  if (err == EISDIR) {
     SetLastError(ERROR_ACCESS_DENIED);
     return 0;
   }
-  if (unlink(host.c_str()) != 0) {
-    WinuxSetLastErrorFromErrno(errno);
+  if (err != 0) {
+    WinuxSetLastErrorFromErrno(err);
     return 0;
   }
   return 1;

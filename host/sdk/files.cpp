@@ -17,11 +17,6 @@
 
 namespace {
 
-bool Exists(const std::string& host) {
-  struct stat st;
-  return !host.empty() && stat(host.c_str(), &st) == 0;
-}
-
 HANDLE Open(const wchar_t* path, int mode) {
   if (!path) {
     SetLastError(ERROR_INVALID_PARAMETER);
@@ -47,13 +42,15 @@ bool MapPair(const wchar_t* existing, const wchar_t* target, std::string* from, 
 }  // namespace
 
 BOOL QVFileExists(const char* path) {
-  return SdkNoThrow<BOOL>(
-      FALSE, [&]() -> BOOL { return path && Exists(WinuxMapPath(path)) ? TRUE : FALSE; });
+  return SdkNoThrow<BOOL>(FALSE, [&]() -> BOOL {
+    return path && WinuxStatPath(path, nullptr, nullptr) == 1 ? TRUE : FALSE;
+  });
 }
 
 BOOL QVFileExists(const wchar_t* path) {
-  return SdkNoThrow<BOOL>(
-      FALSE, [&]() -> BOOL { return path && Exists(WinuxMapPathW(path)) ? TRUE : FALSE; });
+  return SdkNoThrow<BOOL>(FALSE, [&]() -> BOOL {
+    return path && WinuxStatPath(hostbase::ToUtf8(path), nullptr, nullptr) == 1 ? TRUE : FALSE;
+  });
 }
 
 HANDLE QVOpenFile(const wchar_t* path, int mode) {
@@ -95,6 +92,10 @@ BOOL TVLRenameFileW(const wchar_t* existing, const wchar_t* target) {
     // Durable, as the installed-bundle record is replaced through it. Into the memory-backed
     // area (another file system) it copies, then removes the original.
     hostbase::IoStatus moved = hostbase::MoveHostFile(from, to);
+    if (moved.ok()) {
+      WinuxNoteHostPath(from, false);
+      WinuxNoteHostPath(to, true);
+    }
     if (!moved.ok()) WinuxSetLastErrorFromErrno(moved.error);
     return moved.ok() ? TRUE : FALSE;
   });

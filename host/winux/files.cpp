@@ -8,7 +8,10 @@
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
+#include <memory>
+#include <mutex>
 #include <string>
+#include <vector>
 
 #include "internal.h"
 #include "platform/winux.h"
@@ -22,6 +25,7 @@ struct FileObject : Object {
     if (fd >= 0) close(fd);
   }
   int fd = -1;
+  bool regular = false;  // a short read is the end of the file: no read to find it again
 };
 
 namespace {
@@ -38,6 +42,116 @@ MappedPath MapWide(LPCWSTR path) {
   return MapDevicePath(ToUtf8(path));
 }
 
+// open(2) flags of an fopen mode; -1 when it is not one.
+int FopenFlags(const char* mode) {
+  int flags;
+  switch (mode[0]) {
+    case 'r':
+      flags = 0;
+      break;
+    case 'w':
+      flags = O_CREAT | O_TRUNC;
+      break;
+    case 'a':
+      flags = O_CREAT | O_APPEND;
+      break;
+    default:
+      return -1;
+  }
+  const bool both = strchr(mode, '+') != nullptr;
+  flags |= both ? O_RDWR : mode[0] == 'r' ? O_RDONLY : O_WRONLY;
+  if (strchr(mode, 'x')) flags |= O_EXCL;
+  return flags;
+}
+
+using HeldFd = std::shared_ptr<HostFd>;
+
+ssize_t AppendTo(void* cookie, const char* data, size_t size) {
+  hostbase::IoStatus written = hostbase::WriteAll((*static_cast<HeldFd*>(cookie))->fd, data, size);
+  if (!written.ok()) {
+    errno = written.error;
+    return -1;
+  }
+  return static_cast<ssize_t>(size);
+}
+
+int CloseAppender(void* cookie) {
+  delete static_cast<HeldFd*>(cookie);
+  return 0;
+}
+
+// A stream that only appends, unbuffered: each write goes out at once (a log line is one
+// write, never split by a buffer), without the status calls a buffered stream makes first.
+FILE* Appender(const HeldFd& fd) {
+  cookie_io_functions_t io{};
+  io.write = AppendTo;
+  io.close = CloseAppender;
+  auto* held = new HeldFd(fd);
+  FILE* f = fopencookie(held, "a", io);
+  if (!f) {
+    delete held;
+    return nullptr;
+  }
+  setvbuf(f, nullptr, _IONBF, 0);
+  return f;
+}
+
+// Append descriptors kept while their path still names the same file: a log opened anew for
+// every line then costs one stat beside the write, not an open, a stat and a close.
+struct KeptAppend {
+  std::string key;
+  dev_t dev;
+  ino_t ino;
+  HeldFd fd;
+};
+// Never destroyed: detached threads may still log while the process exits.
+std::mutex& g_keptLock = *new std::mutex();
+std::vector<KeptAppend>& g_kept = *new std::vector<KeptAppend>();
+const size_t kMaxKept = 8;
+
+// The kept descriptor of the file path names now; null when there is none. *key names the path
+// for Keep.
+HeldFd Kept(const char* path, bool* readOnly, std::string* key) {
+  struct stat st;
+  if (StatBeneath(path, &st, key) != 0) return nullptr;
+  std::lock_guard<std::mutex> guard(g_keptLock);
+  for (const KeptAppend& k : g_kept) {
+    if (k.key != *key) continue;
+    if (k.dev != st.st_dev || k.ino != st.st_ino) return nullptr;
+    *readOnly = ReadOnlyMode(st.st_mode);
+    return k.fd;
+  }
+  return nullptr;
+}
+
+void Keep(const std::string& key, const HeldFd& fd) {
+  struct stat st;
+  if (key.empty() || fstat(fd->fd, &st) != 0) return;
+  std::lock_guard<std::mutex> guard(g_keptLock);
+  for (auto it = g_kept.begin(); it != g_kept.end(); ++it)
+    if (it->key == key) {
+      g_kept.erase(it);
+      break;
+    }
+  if (g_kept.size() >= kMaxKept) g_kept.erase(g_kept.begin());
+  g_kept.push_back(KeptAppend{key, st.st_dev, st.st_ino, fd});
+}
+
+// chmod through the folder, never following a link put in the leaf's place since the lookup.
+int ChmodMapped(const MappedPath& path, mode_t mode) {
+  if (path.folder) return fchmodat(path.folder->fd, path.leaf.c_str(), mode, AT_SYMLINK_NOFOLLOW);
+  return chmod(path.host.c_str(), mode);
+}
+
+// unlink or rmdir through the folder, keeping its name index current.
+int RemoveMapped(MappedPath& path, int flags) {
+  if (!path.folder) return flags ? rmdir(path.host.c_str()) : unlink(path.host.c_str());
+  StampFolder(path);
+  int rc = unlinkat(path.folder->fd, path.leaf.c_str(), flags);
+  if (rc == 0) NoteMappedChange(path, path.leaf, false);
+  return rc;
+}
+
 }  // namespace
 }  // namespace winux
 
@@ -45,8 +159,10 @@ using namespace winux;
 
 extern "C" HANDLE CreateFile(LPCWSTR path, DWORD access, DWORD, LPSECURITY_ATTRIBUTES,
                              DWORD disposition, DWORD flagsAndAttributes, HANDLE) {
-  MappedPath mapped = MapWide(path);
-  if (mapped.host.empty()) return INVALID_HANDLE_VALUE;
+  if (!path || !*path) {
+    SetLastError(path ? ERROR_PATH_NOT_FOUND : ERROR_INVALID_PARAMETER);
+    return INVALID_HANDLE_VALUE;
+  }
   int flags = O_CLOEXEC;
   const bool wantWrite = (access & GENERIC_WRITE) != 0;
   if (wantWrite && (access & GENERIC_READ))
@@ -74,30 +190,52 @@ extern "C" HANDLE CreateFile(LPCWSTR path, DWORD access, DWORD, LPSECURITY_ATTRI
       SetLastError(ERROR_INVALID_PARAMETER);
       return INVALID_HANDLE_VALUE;
   }
-  struct stat st;
-  const bool exists = stat(mapped.host.c_str(), &st) == 0;
-  if (exists && S_ISDIR(st.st_mode)) {
-    SetLastError(ERROR_ACCESS_DENIED);
-    return INVALID_HANDLE_VALUE;
-  }
-  if (exists && disposition == CREATE_NEW) {
-    SetLastError(ERROR_FILE_EXISTS);
-    return INVALID_HANDLE_VALUE;
-  }
-  // The read-only attribute binds even where the host user could write anyway.
-  if (exists && (wantWrite || (flags & O_TRUNC)) && ReadOnlyMode(st.st_mode)) {
-    SetLastError(ERROR_ACCESS_DENIED);
-    return INVALID_HANDLE_VALUE;
-  }
   if ((flags & O_TRUNC) && !wantWrite) flags = (flags & ~O_RDONLY) | O_RDWR;
-  mode_t mode = (flagsAndAttributes & FILE_ATTRIBUTE_READONLY) ? 0444 : 0666;
-  int fd = open(mapped.host.c_str(), flags, mode);
-  if (fd < 0) {
-    SetErrorForPath(errno, mapped);
-    return INVALID_HANDLE_VALUE;
+  // Refusals of an existing file; the read-only attribute binds even where the host user could
+  // write anyway.
+  auto refusal = [&](const struct stat& st) -> DWORD {
+    if (S_ISDIR(st.st_mode)) return ERROR_ACCESS_DENIED;
+    if (disposition == CREATE_NEW) return ERROR_FILE_EXISTS;
+    if ((wantWrite || (flags & O_TRUNC)) && ReadOnlyMode(st.st_mode)) return ERROR_ACCESS_DENIED;
+    return ERROR_SUCCESS;
+  };
+  const std::string device = ToUtf8(path);
+  struct stat st;
+  bool exists = true;
+  bool regular = true;
+  int fd = OpenExisting(device, flags, &st);
+  if (fd >= 0) {
+    regular = S_ISREG(st.st_mode);
+    DWORD refused = refusal(st);
+    if (refused == ERROR_SUCCESS && (flags & O_TRUNC) && ftruncate(fd, 0) != 0) {
+      WinuxSetLastErrorFromErrno(errno);
+      refused = GetLastError();
+    }
+    if (refused != ERROR_SUCCESS) {
+      close(fd);
+      SetLastError(refused);
+      return INVALID_HANDLE_VALUE;
+    }
+  } else {
+    MappedPath mapped = MapDevicePath(device);
+    if (mapped.host.empty()) return INVALID_HANDLE_VALUE;
+    exists = mapped.exists;
+    regular = !exists || S_ISREG(mapped.st.st_mode);
+    DWORD refused = exists ? refusal(mapped.st) : ERROR_SUCCESS;
+    if (refused != ERROR_SUCCESS) {
+      SetLastError(refused);
+      return INVALID_HANDLE_VALUE;
+    }
+    mode_t mode = (flagsAndAttributes & FILE_ATTRIBUTE_READONLY) ? 0444 : 0666;
+    fd = OpenMapped(mapped, flags, mode);
+    if (fd < 0) {
+      SetErrorForPath(errno, mapped);
+      return INVALID_HANDLE_VALUE;
+    }
   }
   auto object = std::make_shared<FileObject>();
   object->fd = fd;
+  object->regular = regular;
   // Opening an existing file with a creating disposition reports that it was there.
   SetLastError(exists && (disposition == CREATE_ALWAYS || disposition == OPEN_ALWAYS)
                    ? ERROR_ALREADY_EXISTS
@@ -114,7 +252,16 @@ extern "C" BOOL ReadFile(HANDLE file, LPVOID buffer, DWORD toRead, LPDWORD read,
     return FALSE;
   }
   size_t got = 0;
-  hostbase::IoStatus status = hostbase::ReadFull(f->fd, buffer, toRead, &got);
+  hostbase::IoStatus status;
+  if (f->regular) {
+    ssize_t n;
+    do n = ::read(f->fd, buffer, toRead);
+    while (n < 0 && errno == EINTR);
+    if (n < 0) status.error = errno;
+    got = n < 0 ? 0 : static_cast<size_t>(n);
+  } else {
+    status = hostbase::ReadFull(f->fd, buffer, toRead, &got);
+  }
   if (!status.ok()) {
     WinuxSetLastErrorFromErrno(status.error);
     return FALSE;
@@ -180,15 +327,62 @@ extern "C" FILE* WinuxFopen(const char* path, const char* mode) {
     SetLastError(ERROR_INVALID_PARAMETER);
     return nullptr;
   }
-  MappedPath mapped = MapDevicePath(path);
-  if (mapped.host.empty()) return nullptr;
-  struct stat st;
-  if (strpbrk(mode, "wa+") && stat(mapped.host.c_str(), &st) == 0 && ReadOnlyMode(st.st_mode)) {
-    SetLastError(ERROR_ACCESS_DENIED);
+  const int flags = FopenFlags(mode);
+  if (flags < 0) {
+    SetLastError(ERROR_INVALID_PARAMETER);
     return nullptr;
   }
-  FILE* f = fopen(mapped.host.c_str(), mode);
-  if (!f) SetErrorForPath(errno, mapped);
+  const bool writes = strpbrk(mode, "wa+") != nullptr;
+  const bool appends = (flags & O_ACCMODE) == O_WRONLY && (flags & O_APPEND);
+  std::string key;
+  if (appends) {
+    bool readOnly = false;
+    if (HeldFd kept = Kept(path, &readOnly, &key)) {
+      if (!readOnly) return Appender(kept);
+      SetLastError(ERROR_ACCESS_DENIED);
+      return nullptr;
+    }
+  }
+  struct stat st;
+  int fd = OpenExisting(path, flags, &st);
+  MappedPath mapped;
+  if (fd >= 0) {
+    if (writes && ReadOnlyMode(st.st_mode)) {
+      close(fd);
+      SetLastError(ERROR_ACCESS_DENIED);
+      return nullptr;
+    }
+    if ((flags & O_TRUNC) && ftruncate(fd, 0) != 0) {
+      WinuxSetLastErrorFromErrno(errno);
+      close(fd);
+      return nullptr;
+    }
+  } else {
+    mapped = MapDevicePath(path);
+    if (mapped.host.empty()) return nullptr;
+    if (writes && mapped.exists && ReadOnlyMode(mapped.st.st_mode)) {
+      SetLastError(ERROR_ACCESS_DENIED);
+      return nullptr;
+    }
+    fd = OpenMapped(mapped, flags, 0666);
+  }
+  if (fd < 0) {
+    SetErrorForPath(errno, mapped);
+    return nullptr;
+  }
+  if (appends) {
+    HeldFd held = std::make_shared<HostFd>(fd);
+    Keep(key, held);
+    FILE* f = Appender(held);
+    if (!f) WinuxSetLastErrorFromErrno(errno);
+    return f;
+  }
+  FILE* f = fdopen(fd, mode);
+  if (!f) {
+    const int err = errno;
+    close(fd);
+    WinuxSetLastErrorFromErrno(err);
+  }
   return f;
 }
 
@@ -203,7 +397,15 @@ extern "C" FILE* _wfopen(LPCWSTR path, LPCWSTR mode) {
 extern "C" BOOL CreateDirectory(LPCWSTR path, LPSECURITY_ATTRIBUTES) {
   MappedPath mapped = MapWide(path);
   if (mapped.host.empty()) return FALSE;
-  if (mkdir(mapped.host.c_str(), 0777) != 0) {
+  int rc;
+  if (mapped.folder) {
+    StampFolder(mapped);
+    rc = mkdirat(mapped.folder->fd, mapped.leaf.c_str(), 0777);
+    if (rc == 0) NoteMappedChange(mapped, mapped.leaf, true);
+  } else {
+    rc = mapped.exists ? (errno = EEXIST, -1) : (errno = ENOENT, -1);
+  }
+  if (rc != 0) {
     SetErrorForPath(errno, mapped);
     return FALSE;
   }
@@ -217,7 +419,7 @@ extern "C" BOOL RemoveDirectory(LPCWSTR path) {
     SetLastError(ERROR_ACCESS_DENIED);
     return FALSE;
   }
-  if (rmdir(mapped.host.c_str()) != 0) {
+  if (RemoveMapped(mapped, AT_REMOVEDIR) != 0) {
     SetErrorForPath(errno == EEXIST ? ENOTEMPTY : errno, mapped);
     return FALSE;
   }
@@ -227,16 +429,15 @@ extern "C" BOOL RemoveDirectory(LPCWSTR path) {
 extern "C" BOOL DeleteFile(LPCWSTR path) {
   MappedPath mapped = MapWide(path);
   if (mapped.host.empty()) return FALSE;
-  struct stat st;
-  if (lstat(mapped.host.c_str(), &st) != 0) {
-    SetErrorForPath(errno, mapped);
+  if (!mapped.exists) {
+    SetErrorForPath(ENOENT, mapped);
     return FALSE;
   }
-  if (S_ISDIR(st.st_mode) || (!S_ISLNK(st.st_mode) && ReadOnlyMode(st.st_mode))) {
+  if (S_ISDIR(mapped.st.st_mode) || ReadOnlyMode(mapped.st.st_mode)) {
     SetLastError(ERROR_ACCESS_DENIED);
     return FALSE;
   }
-  if (unlink(mapped.host.c_str()) != 0) {
+  if (RemoveMapped(mapped, 0) != 0) {
     SetErrorForPath(errno, mapped);
     return FALSE;
   }
@@ -248,17 +449,16 @@ extern "C" BOOL CopyFile(LPCWSTR existing, LPCWSTR target, BOOL failIfExists) {
   if (from.host.empty()) return FALSE;
   MappedPath to = MapWide(target);
   if (to.host.empty()) return FALSE;
-  struct stat st;
-  if (stat(from.host.c_str(), &st) != 0) {
-    SetErrorForPath(errno, from);
+  if (!from.exists) {
+    SetErrorForPath(ENOENT, from);
     return FALSE;
   }
-  if (stat(to.host.c_str(), &st) == 0) {
+  if (to.exists) {
     if (failIfExists) {
       SetLastError(ERROR_FILE_EXISTS);
       return FALSE;
     }
-    if (S_ISDIR(st.st_mode) || ReadOnlyMode(st.st_mode)) {
+    if (S_ISDIR(to.st.st_mode) || ReadOnlyMode(to.st.st_mode)) {
       SetLastError(ERROR_ACCESS_DENIED);
       return FALSE;
     }
@@ -266,7 +466,9 @@ extern "C" BOOL CopyFile(LPCWSTR existing, LPCWSTR target, BOOL failIfExists) {
     SetLastError(ERROR_PATH_NOT_FOUND);
     return FALSE;
   }
+  StampFolder(to);
   hostbase::IoStatus copied = hostbase::CopyHostFile(from.host, to.host);
+  if (copied.ok()) NoteMappedChange(to, to.leaf, true);
   if (!copied.ok()) WinuxSetLastErrorFromErrno(copied.error);
   return copied.ok() ? TRUE : FALSE;
 }
@@ -276,13 +478,12 @@ extern "C" BOOL MoveFile(LPCWSTR existing, LPCWSTR target) {
   if (from.host.empty()) return FALSE;
   MappedPath to = MapWide(target);
   if (to.host.empty()) return FALSE;
-  struct stat st;
-  if (lstat(from.host.c_str(), &st) != 0) {
-    SetErrorForPath(errno, from);
+  if (!from.exists) {
+    SetErrorForPath(ENOENT, from);
     return FALSE;
   }
   // A target that differs only in case is the same file on the device: a rename in place.
-  if (lstat(to.host.c_str(), &st) == 0 && to.host != from.host) {
+  if (to.exists && to.host != from.host) {
     SetLastError(ERROR_ALREADY_EXISTS);
     return FALSE;
   }
@@ -292,9 +493,19 @@ extern "C" BOOL MoveFile(LPCWSTR existing, LPCWSTR target) {
     size_t cut = spelled.find_last_of("\\/");
     spelled = cut == std::string::npos ? spelled : spelled.substr(cut + 1);
     to.host = to.host.substr(0, to.host.rfind('/') + 1) + spelled;
+    to.leaf = spelled;
   }
+  StampFolder(from);
+  StampFolder(to);
   // Between the memory area and the root this copies, then removes the original.
   hostbase::IoStatus moved = hostbase::MoveHostFile(from.host, to.host);
+  if (moved.ok()) {
+    NoteMappedChange(from, from.leaf, false);
+    // In one folder the first note already took the folder's new time.
+    if (from.host.substr(0, from.host.rfind('/')) == to.host.substr(0, to.host.rfind('/')))
+      to.stamped = false;
+    NoteMappedChange(to, to.leaf, true);
+  }
   if (!moved.ok()) SetErrorForPath(moved.error, to.parentMissing ? to : from);
   return moved.ok() ? TRUE : FALSE;
 }
@@ -302,11 +513,11 @@ extern "C" BOOL MoveFile(LPCWSTR existing, LPCWSTR target) {
 extern "C" DWORD GetFileAttributes(LPCWSTR path) {
   MappedPath mapped = MapWide(path);
   if (mapped.host.empty()) return INVALID_FILE_ATTRIBUTES;
-  struct stat st;
-  if (stat(mapped.host.c_str(), &st) != 0) {
-    SetErrorForPath(errno, mapped);
+  if (!mapped.exists) {
+    SetErrorForPath(ENOENT, mapped);
     return INVALID_FILE_ATTRIBUTES;
   }
+  const struct stat& st = mapped.st;
   DWORD attributes = 0;
   if (S_ISDIR(st.st_mode)) {
     attributes |= FILE_ATTRIBUTE_DIRECTORY;
@@ -319,17 +530,17 @@ extern "C" DWORD GetFileAttributes(LPCWSTR path) {
 extern "C" BOOL SetFileAttributes(LPCWSTR path, DWORD attributes) {
   MappedPath mapped = MapWide(path);
   if (mapped.host.empty()) return FALSE;
-  struct stat st;
-  if (stat(mapped.host.c_str(), &st) != 0) {
-    SetErrorForPath(errno, mapped);
+  if (!mapped.exists) {
+    SetErrorForPath(ENOENT, mapped);
     return FALSE;
   }
+  const struct stat& st = mapped.st;
   mode_t mode = st.st_mode & 07777;
   if (attributes & FILE_ATTRIBUTE_READONLY)
     mode &= ~static_cast<mode_t>(S_IWUSR | S_IWGRP | S_IWOTH);
   else
     mode |= S_IWUSR;
-  if (mode != (st.st_mode & 07777) && chmod(mapped.host.c_str(), mode) != 0) {
+  if (mode != (st.st_mode & 07777) && ChmodMapped(mapped, mode) != 0) {
     WinuxSetLastErrorFromErrno(errno);
     return FALSE;
   }

@@ -53,9 +53,8 @@ FILETIME ToFileTime(const struct timespec& t) {
   return FILETIME{static_cast<DWORD>(ticks), static_cast<DWORD>(ticks >> 32)};
 }
 
-bool Describe(const std::string& host, const std::string& name, WIN32_FIND_DATA& data) {
-  struct stat st;
-  if (stat(host.c_str(), &st) != 0) return false;
+void Describe(const struct stat& st, const std::string& host, const std::string& name,
+              WIN32_FIND_DATA& data) {
   data = WIN32_FIND_DATA{};
   DWORD attributes = 0;
   if (S_ISDIR(st.st_mode)) {
@@ -72,6 +71,12 @@ bool Describe(const std::string& host, const std::string& name, WIN32_FIND_DATA&
   data.ftLastAccessTime = ToFileTime(st.st_atim);
   data.ftLastWriteTime = ToFileTime(st.st_mtim);
   CopyWide(data.cFileName, MAX_PATH, FromUtf8(name));
+}
+
+bool Describe(const std::string& host, const std::string& name, WIN32_FIND_DATA& data) {
+  struct stat st;
+  if (stat(host.c_str(), &st) != 0) return false;
+  Describe(st, host, name, data);
   return true;
 }
 
@@ -106,17 +111,12 @@ extern "C" HANDLE FindFirstFile(LPCWSTR pattern, LPWIN32_FIND_DATA data) {
     // A plain name finds that one entry (a file or a folder), whatever its case.
     MappedPath mapped = MapDevicePath(ToUtf8(text));
     if (mapped.host.empty()) return INVALID_HANDLE_VALUE;
-    struct stat st;
-    if (mapped.isStoreRoot || stat(mapped.host.c_str(), &st) != 0) {
-      SetErrorForPath(mapped.isStoreRoot ? ENOENT : errno, mapped);
+    if (mapped.isStoreRoot || !mapped.exists) {
+      SetErrorForPath(ENOENT, mapped);
       return INVALID_HANDLE_VALUE;
     }
     WIN32_FIND_DATA entry;
-    std::string name = mapped.host.substr(mapped.host.rfind('/') + 1);
-    if (!Describe(mapped.host, name, entry)) {
-      WinuxSetLastErrorFromErrno(errno);
-      return INVALID_HANDLE_VALUE;
-    }
+    Describe(mapped.st, mapped.host, mapped.host.substr(mapped.host.rfind('/') + 1), entry);
     find->entries.push_back(entry);
   } else {
     MappedPath dir = MapDevicePath(ToUtf8(folder));

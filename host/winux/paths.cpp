@@ -1,13 +1,17 @@
-#include <dirent.h>
+#include <fcntl.h>
+#include <linux/openat2.h>
 #include <sys/stat.h>
+#include <sys/syscall.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <cerrno>
 #include <climits>
 #include <cmath>
 #include <cstdlib>
 #include <cstring>
 #include <fstream>
+#include <memory>
 #include <mutex>
 #include <vector>
 
@@ -76,21 +80,6 @@ std::string RamBase(const std::string& rootReal) {
   return fallback;
 }
 
-// Finds an entry of dir whose name equals name ignoring ASCII case; empty when none.
-std::string ScanFolder(const std::string& dir, const std::string& name) {
-  DIR* d = opendir(dir.c_str());
-  if (!d) return "";
-  std::string found;
-  while (struct dirent* e = readdir(d)) {
-    if (winux::EqualsNoCase(e->d_name, name)) {
-      found = e->d_name;
-      break;
-    }
-  }
-  closedir(d);
-  return found;
-}
-
 const char* const kStoreNames[] = {"Flash File Store", "Storage Card", "SD Card", "SDMMC Disk"};
 
 }  // namespace
@@ -156,42 +145,272 @@ std::string WinuxMapPathW(const wchar_t* devicePath) {
   return WinuxMapPath(winux::ToUtf8(devicePath));
 }
 
+int WinuxOpenPath(const std::string& devicePath, int flags, unsigned mode) {
+  // A file about to be replaced is mostly gone already: straight to the full lookup then.
+  const bool replaces = (flags & O_CREAT) && (flags & O_TRUNC);
+  int fd = replaces ? -1 : winux::OpenExisting(devicePath, flags, nullptr);
+  if (fd >= 0 && (flags & O_CREAT) && (flags & O_EXCL)) {
+    close(fd);
+    SetLastError(ERROR_FILE_EXISTS);
+    errno = EEXIST;
+    return -1;
+  }
+  if (fd >= 0 && (flags & O_TRUNC) && ftruncate(fd, 0) != 0) {
+    const int err = errno;
+    close(fd);
+    WinuxSetLastErrorFromErrno(err);
+    errno = err;
+    return -1;
+  }
+  if (fd >= 0) return fd;
+  winux::MappedPath mapped = winux::MapDevicePath(devicePath);
+  if (mapped.host.empty()) {
+    errno = EACCES;
+    return -1;
+  }
+  fd = winux::OpenMapped(mapped, flags, static_cast<mode_t>(mode));
+  if (fd < 0) {
+    const int err = errno;
+    winux::SetErrorForPath(err, mapped);
+    errno = err;
+  }
+  return fd;
+}
+
+int WinuxStatPath(const std::string& devicePath, struct stat* st, std::string* host) {
+  winux::MappedPath mapped = winux::MapDevicePath(devicePath);
+  if (mapped.host.empty()) return -1;
+  if (host) *host = mapped.host;
+  if (!mapped.exists) return 0;
+  if (st) *st = mapped.st;
+  return 1;
+}
+
+int WinuxUnlinkPath(const std::string& devicePath) {
+  winux::MappedPath mapped = winux::MapDevicePath(devicePath);
+  if (mapped.host.empty()) return EACCES;
+  if (!mapped.exists) return ENOENT;
+  if (S_ISDIR(mapped.st.st_mode)) return EISDIR;
+  if (!mapped.folder) return unlink(mapped.host.c_str()) == 0 ? 0 : errno;
+  winux::StampFolder(mapped);
+  if (unlinkat(mapped.folder->fd, mapped.leaf.c_str(), 0) != 0) return errno;
+  winux::NoteMappedChange(mapped, mapped.leaf, false);
+  return 0;
+}
+
+void WinuxNoteHostPath(const std::string& hostPath, bool present) {
+  winux::NoteHostChange(hostPath, present);
+}
+
 namespace winux {
 
 std::string StateDir() {
   return WinuxRoot() + "/.winux";
 }
 
-MappedPath MapDevicePath(const std::string& devicePath) {
-  MappedPath result;
+HostFd::~HostFd() {
+  if (fd >= 0) close(fd);
+}
+
+namespace {
+
+// The root or the memory area, opened once per root setting.
+struct Base {
+  std::string real;
+  std::shared_ptr<HostFd> fd;
+};
+
+struct Bases {
+  std::string root;  // the setting they were opened for
+  Base device, ram;
+};
+
+// Never destroyed: detached threads may still map paths while the process exits.
+std::mutex& g_basesLock = *new std::mutex();
+Bases& g_bases = *new Bases();
+std::atomic<bool> g_noOpenat2{false};
+
+const uint64_t kNoLinks = RESOLVE_BENEATH | RESOLVE_NO_SYMLINKS | RESOLVE_NO_MAGICLINKS;
+
+// openat2 confined beneath base; -1 with ENOSYS where the kernel lacks it.
+int OpenBeneath(int base, const std::string& rel, int flags, uint64_t resolve) {
+  if (!g_noOpenat2.load(std::memory_order_relaxed)) {
+    open_how how{};
+    how.flags = static_cast<uint64_t>(flags | O_CLOEXEC);
+    how.resolve = resolve;
+    int fd = static_cast<int>(syscall(SYS_openat2, base, rel.c_str(), &how, sizeof how));
+    if (fd >= 0 || (errno != ENOSYS && errno != EPERM)) return fd;
+    g_noOpenat2.store(true);
+  }
+  errno = ENOSYS;
+  return -1;
+}
+
+bool OpenBase(const std::string& path, Base& base) {
+  base.real = RealPath(path);
+  int fd = base.real.empty() ? -1 : open(base.real.c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC);
+  if (fd < 0) return false;
+  base.fd = std::make_shared<HostFd>(fd);
+  return true;
+}
+
+// again: the cached root was removed, so it is made and opened anew.
+bool GetBase(bool ram, bool again, Base* out) {
+  std::string root = WinuxRoot();
+  std::lock_guard<std::mutex> guard(g_basesLock);
+  if (g_bases.root != root || again) g_bases = Bases{root, {}, {}};
+  if (!g_bases.device.fd) {
+    struct stat st;
+    const bool exists = stat(root.c_str(), &st) == 0 && S_ISDIR(st.st_mode);
+    if ((!exists && !MakeDirs(root, 0777)) || !OpenBase(root, g_bases.device)) {
+      WinuxSetLastErrorFromErrno(errno);
+      return false;
+    }
+  }
+  if (ram && !g_bases.ram.fd && !OpenBase(RamBase(g_bases.device.real), g_bases.ram)) {
+    WinuxSetLastErrorFromErrno(errno);
+    return false;
+  }
+  *out = ram ? g_bases.ram : g_bases.device;
+  return true;
+}
+
+std::string JoinHost(const std::string& folder, const std::string& name) {
+  return folder == "/" ? "/" + name : folder + "/" + name;
+}
+
+enum class LeafKind { kPlain, kLink };
+
+// The last component in an open folder: as spelled, else from the folder's index.
+LeafKind Leaf(const std::shared_ptr<HostFd>& folder, const std::string& folderHost,
+              const std::string& name, MappedPath& r) {
+  r.leaf = name;
+  struct stat st;
+  int rc = fstatat(folder->fd, name.c_str(), &st, AT_SYMLINK_NOFOLLOW);
+  if (rc != 0 && errno == ENOENT) {
+    std::string other = FindNoCase(folder->fd, name, &r.folderTime);
+    r.stamped = true;
+    if (!other.empty()) {
+      r.leaf = other;
+      rc = fstatat(folder->fd, other.c_str(), &st, AT_SYMLINK_NOFOLLOW);
+    }
+  }
+  if (rc == 0 && S_ISLNK(st.st_mode)) return LeafKind::kLink;
+  r.host = JoinHost(folderHost, r.leaf);
+  r.exists = rc == 0;
+  if (r.exists) r.st = st;
+  r.folder = folder;
+  return LeafKind::kPlain;
+}
+
+// A link is followed only to somewhere under the base; a dangling one cannot be proven to stay
+// inside, so it is refused like an escaping one. Null with last error set when refused.
+std::shared_ptr<HostFd> FollowLink(const Base& base, const std::string& link, std::string* target,
+                                   struct stat* st) {
+  *target = RealPath(link);
+  int fd = -1;
+  if (!target->empty() && Within(*target, base.real)) {
+    std::string rel = *target == base.real ? "." : target->substr(base.real.size() + 1);
+    if (base.real == "/" && *target != "/") rel = target->substr(1);
+    fd = OpenBeneath(base.fd->fd, rel, O_PATH, RESOLVE_BENEATH | RESOLVE_NO_MAGICLINKS);
+    if (fd < 0 && errno == ENOSYS) fd = open(target->c_str(), O_PATH | O_CLOEXEC);
+  }
+  if (fd < 0 || fstat(fd, st) != 0) {
+    if (fd >= 0) close(fd);
+    SetLastError(ERROR_ACCESS_DENIED);
+    return nullptr;
+  }
+  return std::make_shared<HostFd>(fd);
+}
+
+// One component at a time: for names in another case, links, and folders that are missing.
+MappedPath Walk(const Base& base, const std::vector<std::string>& parts) {
+  MappedPath r;
+  std::shared_ptr<HostFd> dir = base.fd;
+  std::string current = base.real;
+  for (size_t i = 0; i < parts.size(); ++i) {
+    std::string name = parts[i];
+    struct stat st;
+    if (i + 1 == parts.size()) {
+      if (Leaf(dir, current, name, r) == LeafKind::kPlain) return r;
+      std::string target;
+      std::shared_ptr<HostFd> node = FollowLink(base, JoinHost(current, r.leaf), &target, &st);
+      if (!node) return MappedPath{};
+      MappedPath linked;
+      linked.host = target;
+      linked.exists = true;
+      linked.st = st;
+      return linked;
+    }
+    int rc = fstatat(dir->fd, name.c_str(), &st, AT_SYMLINK_NOFOLLOW);
+    if (rc != 0 && errno == ENOENT) {
+      std::string other = FindNoCase(dir->fd, name, nullptr);
+      if (!other.empty()) {
+        name = other;
+        rc = fstatat(dir->fd, name.c_str(), &st, AT_SYMLINK_NOFOLLOW);
+      }
+    }
+    std::shared_ptr<HostFd> next;
+    std::string nextHost = JoinHost(current, name);
+    if (rc == 0 && S_ISLNK(st.st_mode)) {
+      next = FollowLink(base, nextHost, &nextHost, &st);
+      if (!next) return MappedPath{};
+    } else if (rc == 0 && S_ISDIR(st.st_mode)) {
+      int fd = openat(dir->fd, name.c_str(), O_PATH | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC);
+      if (fd >= 0) next = std::make_shared<HostFd>(fd);
+    }
+    if (!next || !S_ISDIR(st.st_mode)) {
+      // Missing, or a file where a folder should be: the rest is named as spelled.
+      r.host = nextHost;
+      for (size_t j = i + 1; j < parts.size(); ++j) r.host = JoinHost(r.host, parts[j]);
+      r.parentMissing = true;
+      return r;
+    }
+    dir = next;
+    current = nextHost;
+  }
+  return r;
+}
+
+MappedPath Resolve(const Base& base, const std::vector<std::string>& parts) {
+  MappedPath r;
+  if (parts.empty()) {
+    r.host = base.real;
+    r.isStoreRoot = true;
+    r.exists = fstat(base.fd->fd, &r.st) == 0;
+    return r;
+  }
+  // The folder in one confined call, then the leaf by its spelling.
+  std::string rel;
+  for (size_t i = 0; i + 1 < parts.size(); ++i) rel += (i ? "/" : "") + parts[i];
+  int fd = OpenBeneath(base.fd->fd, rel.empty() ? "." : rel, O_PATH | O_DIRECTORY, kNoLinks);
+  if (fd >= 0) {
+    auto folder = std::make_shared<HostFd>(fd);
+    if (Leaf(folder, rel.empty() ? base.real : JoinHost(base.real, rel), parts.back(), r) ==
+        LeafKind::kPlain)
+      return r;
+  }
+  return Walk(base, parts);
+}
+
+}  // namespace
+
+namespace {
+
+struct DevicePath {
+  bool ram = false;
+  std::vector<std::string> parts;
+};
+
+DevicePath Parse(const std::string& devicePath) {
+  DevicePath d;
   std::string path = devicePath;
   for (char& c : path)
     if (c == '\\') c = '/';
-
-  std::string root = WinuxRoot();
-  struct stat rootStat;
-  const bool rootExists = stat(root.c_str(), &rootStat) == 0 && S_ISDIR(rootStat.st_mode);
-  if (!rootExists && !MakeDirs(root, 0777)) {
-    WinuxSetLastErrorFromErrno(errno);
-    return result;
-  }
-  std::string rootReal = RealPath(root);
-  if (rootReal.empty()) {
-    WinuxSetLastErrorFromErrno(errno);
-    return result;
-  }
-  std::string base = rootReal;
-  if (path.size() >= 4 && EqualsNoCase(path.substr(0, 4), "RAM:")) {
-    base = RealPath(RamBase(rootReal));
-    if (base.empty()) {
-      WinuxSetLastErrorFromErrno(errno);
-      return result;
-    }
-    path = path.substr(4);
-  }
+  d.ram = path.size() >= 4 && EqualsNoCase(path.substr(0, 4), "RAM:");
+  if (d.ram) path = path.substr(4);
 
   // Collapse . and .. first, as the device does, so nothing can climb above the base.
-  std::vector<std::string> parts;
   size_t pos = 0;
   while (pos <= path.size()) {
     size_t slash = path.find('/', pos);
@@ -200,55 +419,85 @@ MappedPath MapDevicePath(const std::string& devicePath) {
     pos = slash + 1;
     if (part.empty() || part == ".") continue;
     if (part == "..") {
-      if (!parts.empty()) parts.pop_back();
+      if (!d.parts.empty()) d.parts.pop_back();
       continue;
     }
-    parts.push_back(part);
+    d.parts.push_back(part);
   }
+  return d;
+}
 
-  std::string current = base;
-  bool missing = false;
-  for (size_t i = 0; i < parts.size(); ++i) {
-    const bool last = i + 1 == parts.size();
-    std::string candidate = current + "/" + parts[i];
-    if (missing) {
-      result.parentMissing = true;
-      current = candidate;
-      continue;
-    }
-    struct stat st;
-    if (lstat(candidate.c_str(), &st) != 0) {
-      const int err = errno;
-      std::string found = err == ENOENT ? ScanFolder(current, parts[i]) : "";
-      if (found.empty()) {
-        if (err == ENOTDIR) result.parentMissing = true;
-        missing = true;
-        current = candidate;
-        continue;
-      }
-      candidate = current + "/" + found;
-      if (lstat(candidate.c_str(), &st) != 0) {
-        missing = true;
-        current = candidate;
-        continue;
-      }
-    }
-    if (S_ISLNK(st.st_mode)) {
-      std::string target = RealPath(candidate);
-      // A dangling link cannot be proven to stay inside, so it is refused like an escaping one.
-      if (target.empty() || !Within(target, base)) {
-        SetLastError(ERROR_ACCESS_DENIED);
-        return MappedPath{};
-      }
-      candidate = target;
-      if (stat(candidate.c_str(), &st) != 0) st.st_mode = 0;
-    }
-    current = candidate;
-    if (!last && !S_ISDIR(st.st_mode)) missing = true;  // a file where a folder should be
+}  // namespace
+
+int OpenExisting(const std::string& devicePath, int flags, struct stat* st) {
+  DevicePath d = Parse(devicePath);
+  Base base;
+  std::string rel;
+  for (const std::string& part : d.parts) rel += (rel.empty() ? "" : "/") + part;
+  if (rel.empty() || !GetBase(d.ram, false, &base)) return -1;
+  int fd = OpenBeneath(base.fd->fd, rel, flags & ~(O_CREAT | O_EXCL | O_TRUNC), kNoLinks);
+  if (fd >= 0 && st && fstat(fd, st) != 0) {
+    close(fd);
+    return -1;
   }
-  result.host = current;
-  result.isStoreRoot = parts.empty();
+  return fd;
+}
+
+int StatBeneath(const std::string& devicePath, struct stat* st, std::string* key) {
+  DevicePath d = Parse(devicePath);
+  Base base;
+  std::string rel;
+  for (const std::string& part : d.parts) rel += (rel.empty() ? "" : "/") + part;
+  if (rel.empty() || !GetBase(d.ram, false, &base)) return -1;
+  *key = JoinHost(base.real, rel);
+  return fstatat(base.fd->fd, rel.c_str(), st, AT_SYMLINK_NOFOLLOW);
+}
+
+MappedPath MapDevicePath(const std::string& devicePath) {
+  DevicePath d = Parse(devicePath);
+  const bool ram = d.ram;
+  const std::vector<std::string>& parts = d.parts;
+  MappedPath result;
+  for (int round = 0; round < 2; ++round) {
+    Base base;
+    if (!GetBase(ram, round > 0, &base)) return MappedPath{};
+    result = Resolve(base, parts);
+    if (result.host.empty() || result.exists || (parts.size() > 1 && !result.parentMissing)) break;
+    // Missing right under the root: perhaps the root was removed (and made again) since.
+    struct stat st;
+    if (fstat(base.fd->fd, &st) != 0 || st.st_nlink != 0) break;
+  }
   return result;
+}
+
+int OpenMapped(MappedPath& path, int flags, mode_t mode) {
+  flags |= O_CLOEXEC;
+  if (!path.folder) {
+    // A missing folder stays missing: never open by a name that something may have put there.
+    if (!path.exists) {
+      errno = ENOENT;
+      return -1;
+    }
+    return open(path.host.c_str(), flags, mode);
+  }
+  const bool creating = (flags & O_CREAT) && !path.exists;
+  if (creating) StampFolder(path);
+  int fd = openat(path.folder->fd, path.leaf.c_str(), flags | O_NOFOLLOW, mode);
+  if (fd >= 0 && creating) NoteMappedChange(path, path.leaf, true);
+  return fd;
+}
+
+void StampFolder(MappedPath& path) {
+  struct stat st;
+  if (path.stamped || !path.folder) return;
+  if (fstat(path.folder->fd, &st) != 0) return;
+  path.folderTime = st.st_ctim;
+  path.stamped = true;
+}
+
+void NoteMappedChange(const MappedPath& path, const std::string& name, bool present) {
+  if (path.folder)
+    NoteFolderChange(path.folder->fd, path.stamped ? &path.folderTime : nullptr, name, present);
 }
 
 void SetErrorForPath(int err, const MappedPath& path) {
@@ -260,7 +509,9 @@ void SetErrorForPath(int err, const MappedPath& path) {
 }
 
 bool IsMountedStore(const std::string& hostPath) {
-  std::string rootReal = RealPath(WinuxRoot());
+  Base base;
+  if (!GetBase(false, false, &base)) return false;
+  const std::string& rootReal = base.real;
   size_t slash = hostPath.rfind('/');
   if (rootReal.empty() || slash == std::string::npos) return false;
   std::string parent = hostPath.substr(0, slash);

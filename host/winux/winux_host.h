@@ -2,6 +2,8 @@
 // never includes this header.
 #pragma once
 
+#include <sys/stat.h>
+
 #include <cstddef>
 #include <string>
 
@@ -14,6 +16,19 @@ WINUX_API void WinuxSetRoot(const std::string& root);
 // existing components found case-insensitively. Empty on failure (last error set).
 WINUX_API std::string WinuxMapPath(const std::string& devicePath);
 WINUX_API std::string WinuxMapPathW(const wchar_t* devicePath);
+// open(2) of a device path, resolved as WinuxMapPath does and opened through its folder, so no
+// link or rename can carry it outside the root; a new file is spelled as given. -1 with errno
+// and the last error set.
+WINUX_API int WinuxOpenPath(const std::string& devicePath, int flags, unsigned mode);
+// What a device path names (links followed): 1 found (*st, *host), 0 absent, -1 refused (last
+// error set).
+WINUX_API int WinuxStatPath(const std::string& devicePath, struct stat* st, std::string* host);
+// Removes the file a device path names: 0, or the errno (ENOENT absent, EISDIR a folder).
+WINUX_API int WinuxUnlinkPath(const std::string& devicePath);
+// Tells the name index that the host made (present) or removed a file by host path.
+WINUX_API void WinuxNoteHostPath(const std::string& hostPath, bool present);
+// How many times a folder was read to find a name in another case.
+WINUX_API unsigned long WinuxFolderReads();
 // WINUX_TIME_SCALE (default 1): every platform pause and timed wait is multiplied by it.
 WINUX_API double WinuxTimeScale();
 WINUX_API DWORD WinuxScaleMs(DWORD milliseconds);

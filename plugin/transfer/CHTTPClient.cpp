@@ -230,6 +230,7 @@ CHTTPClient::CHTTPClient()
       m_bPerformChecksum(1),
       m_pFile(new (std::nothrow) FileIO()),
       m_bLastCRCGood(1),
+      m_dwWrittenCRC(0xFFFFFFFFu),
       m_pszCoreName(nullptr),
       m_pStatusFunction(nullptr) {
   SetDrainTimeout(m_dwTimeout);
@@ -443,7 +444,7 @@ int CHTTPClient::GetOnce(const wchar_t* path, const wchar_t* localFile) {
   }
   m_pFile->Seek(0);
   if (inBuffer) {
-    if (!m_pFile->Write(buffer, inBuffer)) {
+    if (!WriteLocal(buffer, inBuffer)) {
       OutputGUIMsgA("fileWrite error - %s\r\n", narrowPath);
       LogMsg("FileTransferConfiglet - httpClient - first write error\r\n");
       return EndAttempt(0);
@@ -461,8 +462,7 @@ int CHTTPClient::GetOnce(const wchar_t* path, const wchar_t* localFile) {
   int setResult = m_pFile->SetAttributes(narrowPath, head.attributes);
   LogMsg("Setting file attributes, %s, %d, %d\r\n", narrowPath, static_cast<int>(head.attributes),
          setResult);
-  bool success =
-      complete && (!m_bPerformChecksum || CrcMatches(localFile, narrowPath, head.expectedCRC));
+  bool success = complete && (!m_bPerformChecksum || CrcMatches(narrowPath, head.expectedCRC));
   if (success) BumpBundleRxBytes(head.contentLength);
 
   bool dropped = surplus || (complete && BytesPending() > 0);
@@ -509,6 +509,7 @@ bool CHTTPClient::OpenLocalFile(const wchar_t* localFile, DWORD length, char* na
   }
   m_pFile = new (std::nothrow) FileIO();
   if (!m_pFile || !pathFits) return false;
+  m_dwWrittenCRC = 0xFFFFFFFFu;
   m_pFile->PrepareForWriting(narrowPath);
   m_pFile->RemoveStale(narrowPath);
   return m_pFile->OpenForWriting(narrowPath, 0, length) != 0;
@@ -530,7 +531,7 @@ CHTTPClient::BodyEnd CHTTPClient::ReadBody(DWORD received, DWORD length) {
       return BodyEnd::kReadFailed;
     }
     m_pFile->Seek(received);
-    if (!m_pFile->Write(m_pXferBuffer, DWORD(n))) {
+    if (!WriteLocal(m_pXferBuffer, DWORD(n))) {
       LogMsg("FileTransferConfiglet - file->Write error, %d\r\n", static_cast<int>(GetLastError()));
       return BodyEnd::kCut;
     }
@@ -543,12 +544,19 @@ CHTTPClient::BodyEnd CHTTPClient::ReadBody(DWORD received, DWORD length) {
   }
 }
 
-bool CHTTPClient::CrcMatches(const wchar_t* localFile, const char* narrowPath, DWORD expected) {
+int CHTTPClient::WriteLocal(const char* data, DWORD length) {
+  if (!m_pFile->Write(data, length)) return 0;
+  m_dwWrittenCRC = FTCCCRC32::Update(m_dwWrittenCRC, data, length);
+  return 1;
+}
+
+bool CHTTPClient::CrcMatches(const char* narrowPath, DWORD expected) {
   LogMsg("performing CRC check\r\n");
   DWORD computed = 0;
   LogMsg("FileTransferConfiglet - FILECRC32\r\n");
   FTCCCRC32 crc;
-  if (crc.FileCRC32(localFile, computed) != 0) {
+  // The body is written in order from offset 0, so the running CRC is the file's.
+  if (crc.WrittenCRC32(m_dwWrittenCRC, computed) != 0) {
     LogMsg("FileTransferConfiglet - RAMFILECRC32 or FILECRC32 returned error\r\n");
     return false;
   }

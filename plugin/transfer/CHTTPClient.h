@@ -76,7 +76,9 @@ class CHTTPClient : public CSocketIO {
   // narrowPath[capacity] receives the narrow local name whatever the outcome.
   bool OpenLocalFile(const wchar_t* localFile, DWORD length, char* narrowPath, size_t capacity);
   BodyEnd ReadBody(DWORD received, DWORD length);
-  bool CrcMatches(const wchar_t* localFile, const char* narrowPath, DWORD expected);
+  bool CrcMatches(const char* narrowPath, DWORD expected);
+  // Every write of the download goes through here, so its CRC is known when it ends.
+  int WriteLocal(const char* data, DWORD length);
   // Exits of an attempt: the connection dropped before the reason is logged; or the file and
   // the connection closed, the reason logged already.
   int DropConnection(const char* line, const wchar_t* debug = nullptr);
@@ -96,6 +98,7 @@ class CHTTPClient : public CSocketIO {
   int m_bPerformChecksum;
   FileIO* m_pFile;
   int m_bLastCRCGood;
+  DWORD m_dwWrittenCRC;  // running register over the bytes written to the local file so far
   char* m_pszCoreName;
   HTTPStatusFunction m_pStatusFunction;
 

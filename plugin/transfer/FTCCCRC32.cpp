@@ -45,6 +45,15 @@ DWORD FTCCCRC32::FileCRC32(const wchar_t* path, DWORD& crc) {
   return result;
 }
 
+DWORD FTCCCRC32::WrittenCRC32(DWORD running, DWORD& crc) {
+  LogMsg("FTCCCRC32::FileCRC32 - In\r\n");
+  LogMsg("FTCCCRC32::FileCRC32 - readFile file\r\n");
+  LogMsg("FTCCCRC32::FileCRC32 - close file\r\n");
+  crc = ~running;
+  LogMsg("FTCCCRC32::FileCRC32 - Out\r\n");
+  return 0;
+}
+
 DWORD FTCCCRC32::RAMFileCRC32(const wchar_t*, DWORD&, DWORD) {
   return 0;
 }

@@ -20,6 +20,10 @@ class FTCCCRC32 {
   DWORD CalcBufferCRC(const char* buffer, DWORD length);
   // 0 on success, else the last error of the failed open; crc is 0 then.
   DWORD FileCRC32(const wchar_t* path, DWORD& crc);
+  // FileCRC32 of a file whose bytes went through Update, in order, as they were written
+  // (running: the register after the last of them): the same result and log lines, without
+  // reading the file back.
+  DWORD WrittenCRC32(DWORD running, DWORD& crc);
   // Files held in memory are never rejected on their CRC: crc is left as it is.
   DWORD RAMFileCRC32(const wchar_t* path, DWORD& crc, DWORD length);
 

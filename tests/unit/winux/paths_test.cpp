@@ -3,6 +3,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <cwchar>
 #include <filesystem>
 #include <string>
 
@@ -53,6 +54,16 @@ TEST(WinuxPaths, SymlinksLeavingTheRootAreRefused) {
   EXPECT_EQ(GetFileAttributes(L"\\out\\secret"), INVALID_FILE_ATTRIBUTES);
   EXPECT_EQ(WinuxFopen("\\OUT\\secret", "r"), nullptr);
   EXPECT_EQ(WinuxMapPath("\\in\\self\\f.txt"), Real(root.path()) + "/in/f.txt");
+
+  // A folder already looked up and indexed, swapped for a link to outside: nothing follows it.
+  fs::create_directories(root.path() + "/swap");
+  EXPECT_EQ(GetFileAttributes(L"\\SWAP\\absent.txt"), INVALID_FILE_ATTRIBUTES);
+  fs::rename(root.path() + "/swap", root.path() + "/swapped");
+  fs::create_directory_symlink(outside, root.path() + "/swap");
+  EXPECT_EQ(CreateFile(L"\\swap\\new.txt", GENERIC_WRITE, 0, nullptr, CREATE_NEW, 0, nullptr),
+            INVALID_HANDLE_VALUE);
+  EXPECT_EQ(WinuxFopen("\\Swap\\secret", "r"), nullptr);
+  EXPECT_FALSE(fs::exists(outside + "/new.txt"));
   fs::remove_all(outside);
 }
 
@@ -71,6 +82,38 @@ TEST(WinuxPaths, ExistingComponentsMatchAnyCaseNewOnesKeepTheirSpelling) {
   ASSERT_NE(f, nullptr);
   fclose(f);
   EXPECT_TRUE(fs::exists(base + "/Flash File Store/Logs/a.txt"));
+}
+
+// Names in another case come from an index of the folder: read once, then kept current by the
+// host's own changes and read again only when something else changed the folder.
+TEST(WinuxPaths, FolderIsReadOnceNotPerName) {
+  ftctest::DeviceRoot root;
+  ASSERT_TRUE(CreateDirectory(L"\\bulk", nullptr));
+  const unsigned long before = WinuxFolderReads();
+  for (int i = 0; i < 2000; ++i) {
+    wchar_t name[64];
+    swprintf(name, 64, L"\\BULK\\File%04d.Bin", i);
+    HANDLE h = CreateFile(name, GENERIC_WRITE, 0, nullptr, CREATE_NEW, 0, nullptr);
+    ASSERT_NE(h, INVALID_HANDLE_VALUE) << i;
+    CloseHandle(h);
+  }
+  EXPECT_NE(GetFileAttributes(L"\\bulk\\FILE1999.BIN"), INVALID_FILE_ATTRIBUTES);
+  ASSERT_TRUE(DeleteFile(L"\\bulk\\file0001.bin"));
+  ASSERT_TRUE(MoveFile(L"\\bulk\\FILE0002.BIN", L"\\bulk\\Renamed.bin"));
+  EXPECT_EQ(GetFileAttributes(L"\\bulk\\file0002.bin"), INVALID_FILE_ATTRIBUTES);
+  EXPECT_NE(GetFileAttributes(L"\\bulk\\RENAMED.BIN"), INVALID_FILE_ATTRIBUTES);
+  HANDLE again =
+      CreateFile(L"\\bulk\\FILE0001.BIN", GENERIC_WRITE, 0, nullptr, CREATE_NEW, 0, nullptr);
+  ASSERT_NE(again, INVALID_HANDLE_VALUE);
+  CloseHandle(again);
+  EXPECT_TRUE(fs::exists(root.path() + "/bulk/FILE0001.BIN"));
+  EXPECT_LE(WinuxFolderReads() - before, 2u);
+
+  // Made by someone else: seen through the folder's change time.
+  ftctest::WriteHostFile(root.path() + "/bulk/Outside.TXT", "x");
+  EXPECT_NE(GetFileAttributes(L"\\bulk\\OUTSIDE.txt"), INVALID_FILE_ATTRIBUTES);
+  fs::remove(root.path() + "/bulk/Outside.TXT");
+  EXPECT_EQ(GetFileAttributes(L"\\bulk\\OUTSIDE.txt"), INVALID_FILE_ATTRIBUTES);
 }
 
 TEST(WinuxPaths, MissingFolderIsAPathErrorMissingFileIsAFileError) {
