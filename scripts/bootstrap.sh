@@ -1,6 +1,6 @@
 #!/usr/bin/env bash
 # Installs the Debian packages a target needs, only those that are missing.
-# Usage: scripts/bootstrap.sh [build|test|bench|multicast]...   (build is always included)
+# Usage: scripts/bootstrap.sh [build|test|bench|multicast|fuzz]...   (build is always included)
 set -euo pipefail
 
 pkgs=(cmake ninja-build g++ make pkg-config libpugixml-dev curl libcurl4-openssl-dev libsqlite3-dev
@@ -12,6 +12,8 @@ for set in "$@"; do
     # The fleet page is read back from headless Chromium.
     test) pkgs+=(libgtest-dev libgmock-dev uftp iproute2 postgresql chromium) ;;
     multicast) pkgs+=(uftp iproute2) ;;
+    # libFuzzer ships in clang's runtime package.
+    fuzz) pkgs+=(clang-14 libclang-rt-14-dev libgtest-dev libgmock-dev) ;;
     bench) pkgs+=(libbenchmark-dev zlib1g-dev nginx-light libnginx-mod-stream wrk uftp postgresql
            sqlite3) ;;
     *) echo "bootstrap: unknown set '$set'" >&2; exit 2 ;;
