@@ -55,6 +55,7 @@ class ServerProcess {
   ServerProcess(const ServerProcess&) = delete;
   ServerProcess& operator=(const ServerProcess&) = delete;
   uint16_t port() const { return m_port; }
+  pid_t pid() const { return m_pid; }
   // "http://127.0.0.1:PORT" followed by path.
   std::string url(const std::string& path = "") const;
   // Sends SIGTERM; the exit code, -1 when it did not exit normally.
