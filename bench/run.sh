@@ -1,9 +1,10 @@
 #!/usr/bin/env bash
 # Side-by-side benchmarks on loopback: the plug-in's HTTP client and CRC-32 against curl and zlib,
-# ftc-server against nginx, and (bench/fleet.sh) deliveries against the databases' own tools.
+# ftc-server against nginx, (bench/fleet.sh) deliveries against the databases' own tools and
+# (bench/load.sh) a fleet of devices at once beside idle and slow connections.
 # Usage: bench/run.sh BUILD_DIR
 # Sizes come from the environment: BENCH_BIG_MB (1024), BENCH_SMALL_FILES (2000),
-# BENCH_WRK_SECONDS (5), BENCH_ROUNDS (3); BENCH_PARTS picks parts (abcde); BENCH_DIR keeps the data somewhere chosen
+# BENCH_WRK_SECONDS (5), BENCH_ROUNDS (3); BENCH_PARTS picks parts (abcdef); BENCH_DIR keeps the data somewhere chosen
 # (default: a fresh folder under /tmp, removed at the end unless BENCH_KEEP=1).
 set -euo pipefail
 
@@ -13,7 +14,7 @@ BIG_MB=${BENCH_BIG_MB:-1024}
 SMALL=${BENCH_SMALL_FILES:-2000}
 SECS=${BENCH_WRK_SECONDS:-5}
 ROUNDS=${BENCH_ROUNDS:-3}
-PARTS=${BENCH_PARTS:-abcde}
+PARTS=${BENCH_PARTS:-abcdef}
 WORK=${BENCH_DIR:-$(mktemp -d /tmp/ftc-bench.XXXXXX)}
 mkdir -p "$WORK"
 chmod 755 "$WORK"  # nginx workers may run as another user
@@ -40,7 +41,10 @@ field() { sed -n "s/.*[ ]$1=\([^ ]*\).*/\1/p" | head -1; }
 verdict() { awk "BEGIN { exit !($1 >= $2) }" && echo "meets target" || echo "BELOW target"; }
 now() { date +%s.%N; }
 
-run_fleet() { [[ $PARTS != *e* ]] || { echo; "$(dirname "$0")/fleet.sh" "$BUILD"; }; }
+run_fleet() {
+  [[ $PARTS != *e* ]] || { echo; "$(dirname "$0")/fleet.sh" "$BUILD"; }
+  [[ $PARTS != *f* ]] || { echo; "$(dirname "$0")/load.sh" "$BUILD"; }
+}
 [[ $PARTS == *[abcd]* ]] || { run_fleet; exit 0; }
 
 echo "== data: ${BIG_MB} MiB file, ${SMALL} small files, under $WORK"
