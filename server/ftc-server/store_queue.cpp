@@ -82,8 +82,9 @@ void StoreQueue::Run(ftcstore::Store& store) {
         answer = ftcstore::AgentResult(job.body, store);
       } else if (!m_reports->Append(job.report.line)) {
         // Its fsync here rather than on a worker: one slow disk holds up no device's files.
+        std::string why = std::strerror(errno);
         answer = ftcstore::Refusal(500, "cannot record completion report");
-        answer.log = {std::string("cannot record completion report: ") + std::strerror(errno)};
+        answer.log = {"cannot record completion report: " + why};
       } else if (ftcstore::Status s = store.AddReport(job.report, job.received); !s.ok()) {
         answer = ftcstore::Refusal(503, "cannot store completion report");
         answer.log = {"cannot store completion report: " + s.message};
