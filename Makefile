@@ -1,11 +1,18 @@
 # Front door. Every target that builds installs what it needs first.
 BUILD ?= build
 TEST_BUILD ?= build-test
+TSAN_BUILD ?= build-tsan
+FUZZ_BUILD ?= build-fuzz
+SECONDS ?= 60
+# The suites whose code runs threads: host sync objects, pull-file and multicast status threads,
+# the server, and whole jobs (worker, idle timer) end to end.
+TSAN_SUITES ?= unit/winux unit/pullfile unit/multicast unit/server e2e
 JOBS ?= $(shell nproc)
 
 FLEET_ARGS ?= --devices 20 --multicast --loss 0.05
 
-.PHONY: all build test demo demo-multicast fleet bench format clean deps package package-test
+.PHONY: all build test test-tsan fuzz demo demo-multicast fleet bench format clean deps package \
+	package-test
 
 all: build
 
@@ -21,6 +28,15 @@ test:
 	@cmake -S . -B $(TEST_BUILD) -G Ninja -DCMAKE_BUILD_TYPE=Debug -DFTC_SANITIZE=ON >/dev/null
 	@cmake --build $(TEST_BUILD) -j $(JOBS)
 	@cd $(TEST_BUILD) && ctest --output-on-failure -j $(JOBS) --timeout 300
+	@$(MAKE) --no-print-directory test-tsan
+
+test-tsan:
+	@scripts/bootstrap.sh test
+	@scripts/test_tsan.sh $(TSAN_BUILD) $(JOBS) $(TSAN_SUITES)
+
+fuzz:
+	@scripts/bootstrap.sh fuzz
+	@scripts/fuzz.sh $(FUZZ_BUILD) $(SECONDS)
 
 # The Debian packages ftc-server and ftc-device, from the release build.
 package:
@@ -56,4 +72,4 @@ format:
 	@git ls-files '*.cpp' '*.h' | xargs clang-format -i
 
 clean:
-	rm -rf $(BUILD) $(TEST_BUILD) $(BUILD)-bench
+	rm -rf $(BUILD) $(TEST_BUILD) $(TSAN_BUILD) $(FUZZ_BUILD) $(BUILD)-bench

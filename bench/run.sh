@@ -1,10 +1,11 @@
 #!/usr/bin/env bash
 # Side-by-side benchmarks on loopback: the plug-in's HTTP client and CRC-32 against curl and zlib,
-# ftc-server against nginx, (bench/fleet.sh) deliveries against the databases' own tools, and
-# (bench/rollout.sh) a bundle's rollout to a fleet by multicast against HTTP alone.
+# ftc-server against nginx, (bench/fleet.sh) deliveries against the databases' own tools,
+# (bench/rollout.sh) a bundle's rollout to a fleet by multicast against HTTP alone, and
+# (bench/load.sh) a fleet of devices at once beside idle and slow connections.
 # Usage: bench/run.sh BUILD_DIR
 # Sizes come from the environment: BENCH_BIG_MB (1024), BENCH_SMALL_FILES (10000), BENCH_FOLDERS
-# (100), BENCH_WRK_SECONDS (5), BENCH_ROUNDS (3); BENCH_PARTS picks parts (abcdef); BENCH_DIR keeps the data somewhere chosen
+# (100), BENCH_WRK_SECONDS (5), BENCH_ROUNDS (3); BENCH_PARTS picks parts (abcdefg); BENCH_DIR keeps the data somewhere chosen
 # (default: a fresh folder under /tmp, removed at the end unless BENCH_KEEP=1).
 set -euo pipefail
 
@@ -16,7 +17,7 @@ FOLDERS=${BENCH_FOLDERS:-100}
 FEW=300
 SECS=${BENCH_WRK_SECONDS:-5}
 ROUNDS=${BENCH_ROUNDS:-3}
-PARTS=${BENCH_PARTS:-abcdef}
+PARTS=${BENCH_PARTS:-abcdefg}
 WORK=${BENCH_DIR:-$(mktemp -d /tmp/ftc-bench.XXXXXX)}
 mkdir -p "$WORK"
 chmod 755 "$WORK"  # nginx workers may run as another user
@@ -46,6 +47,7 @@ now() { date +%s.%N; }
 run_fleet() {
   [[ $PARTS != *e* ]] || { echo; "$(dirname "$0")/fleet.sh" "$BUILD"; }
   [[ $PARTS != *f* ]] || { echo; "$(dirname "$0")/rollout.sh" "$BUILD"; }
+  [[ $PARTS != *g* ]] || { echo; "$(dirname "$0")/load.sh" "$BUILD"; }
 }
 [[ $PARTS == *[abcd]* ]] || { run_fleet; exit 0; }
 

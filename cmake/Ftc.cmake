@@ -101,6 +101,8 @@ function(ftc_test_dir dir)
   endif()
   target_link_libraries(${name} PRIVATE ftc_test_support ${libraries} winux ftchost
                         GTest::gtest GTest::gmock GTest::gtest_main Threads::Threads)
+  # The folder is the label, so that a build of a few suites can run just those (make test-tsan).
   gtest_discover_tests(${name} DISCOVERY_TIMEOUT 60
-                       PROPERTIES ENVIRONMENT "FTC_BUILD_DIR=${CMAKE_BINARY_DIR}" TIMEOUT 300)
+                       PROPERTIES ENVIRONMENT "FTC_BUILD_DIR=${CMAKE_BINARY_DIR}" TIMEOUT 300
+                                  LABELS ${dir})
 endfunction()

@@ -1,6 +1,6 @@
 #!/usr/bin/env bash
 # Installs the Debian packages a target needs, only those that are missing.
-# Usage: scripts/bootstrap.sh [build|test|bench|multicast|package]...   (build is always included)
+# Usage: scripts/bootstrap.sh [build|test|bench|multicast|package|fuzz]...   (build is always included)
 set -euo pipefail
 
 pkgs=(cmake ninja-build g++ make pkg-config libpugixml-dev curl libcurl4-openssl-dev libsqlite3-dev
@@ -14,6 +14,8 @@ for set in "$@"; do
     multicast) pkgs+=(uftp iproute2 nftables) ;;
     # Man pages from the help texts; the package test's throwaway root and its checks.
     package) pkgs+=(help2man dpkg-dev lintian debootstrap systemd python3 iproute2) ;;
+    # libFuzzer ships in clang's runtime package.
+    fuzz) pkgs+=(clang-14 libclang-rt-14-dev libgtest-dev libgmock-dev) ;;
     # A fleet's devices live in network namespaces (iproute2); nftables drops their multicast.
     bench) pkgs+=(libbenchmark-dev zlib1g-dev nginx-light libnginx-mod-stream wrk uftp iproute2
            nftables postgresql sqlite3 libarchive-zip-perl) ;;

@@ -58,6 +58,19 @@ bool IsSingleRooted(const pugi::xml_document& doc) {
   return elements == 1;
 }
 
+// "&#0;" or "&#x0;": not a character XML allows, and decoded it would cut its text or attribute
+// short, so that what is written back loses the rest.
+bool HasNulReference(const char* text) {
+  for (const char* p = std::strstr(text, "&#"); p; p = std::strstr(p + 2, "&#")) {
+    const char* d = p + 2;
+    if (*d == 'x') ++d;
+    const char* digits = d;
+    while (*d == '0') ++d;
+    if (d > digits && *d == ';') return true;
+  }
+  return false;
+}
+
 size_t MaxDepth(Node top) {
   size_t depth = 1, deepest = 1;
   for (Node n = top.first_child(); n && n != top;) {
@@ -296,7 +309,7 @@ int CPlixDOM::ReadDoc(const char* text) {
     std::unique_ptr<pugi::xml_document> fresh(new (std::nothrow) pugi::xml_document);
     if (!fresh) return 0;
     bool ok = false;
-    if (text) {
+    if (text && !HasNulReference(text)) {
       pugi::xml_parse_result r =
           fresh->load_string(text, pugi::parse_default | pugi::parse_declaration);
       ok = r && IsSingleRooted(*fresh);

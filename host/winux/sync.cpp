@@ -247,7 +247,7 @@ extern "C" HANDLE CreateThread(LPSECURITY_ATTRIBUTES, DWORD stackSize, LPTHREAD_
   pthread_attr_setdetachstate(&attr, PTHREAD_CREATE_DETACHED);
   if (stackSize != 0) {
     size_t size = stackSize;
-#if defined(__SANITIZE_ADDRESS__)
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
     size *= 4;  // instrumented frames are several times larger than the device's
 #endif
     long page = sysconf(_SC_PAGESIZE);

@@ -219,10 +219,11 @@ class Worker {
           Accept();
         } else if (tag == &gStoreDoneTag) {
           answered = true;
-        } else {
+        } else if (static_cast<Conn*>(tag)->fd >= 0) {
           OnEvent(*static_cast<Conn*>(tag), events[i].events);
         }
       }
+      m_evicted.clear();
       // After the batch: an answer may close a connection that a later event still names.
       if (answered) StoreDone();
       if (m_now - lastSweep >= 1) {
@@ -262,6 +263,7 @@ class Worker {
     int64_t lastActive = 0;
     RequestKind kind = RequestKind::kOther;  // of the request being answered
     std::chrono::steady_clock::time_point started;
+    int64_t partialSince = 0;  // when the request still incomplete began to arrive; 0: none
   };
   enum class Flushed { kDone, kBlocked, kError };
 
@@ -273,6 +275,7 @@ class Worker {
                        SOCK_NONBLOCK | SOCK_CLOEXEC);
       if (fd < 0) {
         if (errno == EINTR || errno == ECONNABORTED) continue;
+        if ((errno == EMFILE || errno == ENFILE) && EvictIdle()) continue;
         if ((errno == EMFILE || errno == ENFILE) && m_reserveFd >= 0) {
           // Out of descriptors: take the pending connection and drop it rather than spin on it.
           close(m_reserveFd);
@@ -361,6 +364,7 @@ class Worker {
           Respond(c, 400, "", true);
         } else {
           c.in.erase(0, pr.headLength);
+          c.partialSince = 0;
           Handle(c, r);
           if (c.bodyWanted) continue;
         }
@@ -372,6 +376,10 @@ class Worker {
       if (c.closeAfter) return Close(c);
     }
     if (c.peerClosed) return Close(c);
+    if (c.in.empty() && !c.discard && !c.bodyWanted)
+      c.partialSince = 0;
+    else if (!c.partialSince)
+      c.partialSince = m_now;
     SetInterest(c, false);
   }
 
@@ -425,12 +433,7 @@ class Worker {
     ftcstore::ReportRow row =
         ftcstore::MakeReport(ftcstore::IsoTime(now, 3), c.peer, r.Header("Core-name"),
                              r.Header("Bundle-rx"), r.Header("HTTP-fallback"), r.Header("Error"));
-    // Durable before the device hears back, and before its next request is read.
-    if (!m_server.reports().Append(row.line)) {
-      std::fprintf(stderr, "ftc-server: cannot record completion report: %s\n",
-                   std::strerror(errno));
-      return Respond(c, 500, "", false);
-    }
+    // Recorded, then stored, before the device hears back and before its next request is read.
     const std::string* fallback = r.Header("HTTP-fallback");
     m_server.metrics().CompletionReport(fallback && ParseDecimal(*fallback).value_or(0) != 0);
     StoreJob job;
@@ -503,8 +506,8 @@ class Worker {
       if (d.report) {  // its answer keeps its old bytes
         for (const std::string& line : d.answer.log)
           std::fprintf(stderr, "ftc-server: %s\n", line.c_str());
-        if (d.answer.status == 200)
-          Respond(c, 200, "", false);
+        if (d.answer.status == 200 || d.answer.status == 500)
+          Respond(c, d.answer.status, "", false);
         else
           Respond(c, 503, "", false, RetryAfter().c_str());
       } else {
@@ -540,6 +543,7 @@ class Worker {
     if (t.path.empty()) return Respond(c, 404, r.target, false);
     int err = 0;
     int fd = OpenBeneath(t.path, &err);
+    if (fd < 0 && (err == EMFILE || err == ENFILE) && EvictIdle(&c)) fd = OpenBeneath(t.path, &err);
     if (fd < 0) {
       bool outside = err == EXDEV || err == ELOOP || err == EACCES;
       bool exhausted = err == EMFILE || err == ENFILE || err == ENOMEM;
@@ -715,12 +719,39 @@ class Worker {
     m_conns.erase(fd);  // frees c
   }
 
+  // Between requests, nothing owed either way: closing it loses nothing.
+  static bool Idle(const Conn& c) {
+    return !c.waitingStore && !Pending(c) && c.in.empty() && !c.bodyWanted && !c.discard;
+  }
+
+  // Out of descriptors: the connection idle the longest gives way to a new one, so that held-open
+  // connections cannot lock devices out. One quiet for less than a second may have its request
+  // on the way. False when none is idle.
+  bool EvictIdle(const Conn* keep = nullptr) {
+    Conn* oldest = nullptr;
+    for (auto& [fd, c] : m_conns)
+      if (c.get() != keep && Idle(*c) && m_now - c->lastActive >= 1 &&
+          (!oldest || c->lastActive < oldest->lastActive))
+        oldest = c.get();
+    if (!oldest) return false;
+    // Events of this batch may still name it: it is freed after the batch.
+    int fd = oldest->fd;
+    Release(*oldest);
+    auto it = m_conns.find(fd);
+    m_evicted.push_back(std::move(it->second));
+    m_conns.erase(it);
+    return true;
+  }
+
   void SweepIdle() {
     unsigned limit = m_server.options().idleTimeoutSec;
     if (limit == 0) return;
     std::vector<int> idle;
+    // A request trickled in a byte at a time counts from its first byte, not its latest.
     for (auto& [fd, c] : m_conns)
-      if (m_now - c->lastActive >= static_cast<int64_t>(limit)) idle.push_back(fd);
+      if (m_now - c->lastActive >= static_cast<int64_t>(limit) ||
+          (c->partialSince && m_now - c->partialSince >= static_cast<int64_t>(limit)))
+        idle.push_back(fd);
     for (int fd : idle) {
       auto it = m_conns.find(fd);
       if (it != m_conns.end()) Close(*it->second);
@@ -744,6 +775,7 @@ class Worker {
   int64_t m_now = 0;
   std::atomic<int64_t> m_tick{NowSec()};
   std::unordered_map<int, std::unique_ptr<Conn>> m_conns;
+  std::vector<std::unique_ptr<Conn>> m_evicted;
 };
 
 std::string Listen(const std::string& bind, uint16_t portNumber, int* listenFd,
@@ -831,7 +863,8 @@ std::string Server::Start() {
   if (threads == 0) threads = std::max(1u, std::min(8u, std::thread::hardware_concurrency()));
   // SQLite takes one writer at a time; PostgreSQL commits as many as it has connections.
   bool sqlite = m_options.db.rfind("sqlite:", 0) == 0;
-  if (std::string e = m_storeQueue.Start(m_options.db, sqlite ? 1 : threads, m_options.checkInSec);
+  if (std::string e =
+          m_storeQueue.Start(m_options.db, sqlite ? 1 : threads, m_options.checkInSec, &m_reports);
       !e.empty())
     return e;
   for (unsigned i = 0; i < threads; ++i) {

@@ -99,7 +99,6 @@ class Server {
   int listenFd() const { return m_listenFd; }
   int stopFd() const { return m_stopFd; }
   CrcCache& crcCache() { return m_crcCache; }
-  ReportLog& reports() { return m_reports; }
   StoreQueue& storeQueue() { return m_storeQueue; }
   Metrics& metrics() { return m_metrics; }
 

@@ -1,16 +1,21 @@
 #include "store_queue.h"
 
+#include <cerrno>
 #include <cstdio>
+#include <cstring>
+
+#include "server.h"
 
 namespace ftcserver {
 
-// Jobs waiting per store connection: enough to keep each busy.
-constexpr size_t kQueuedPerConnection = 4;
+// Four of the largest deliveries; a thousand devices' check-ins take a few hundred KiB.
+constexpr size_t kMaxQueuedBytes = 16 << 20;
+constexpr size_t kMaxQueuedJobs = 65536;
 
-std::string StoreQueue::Start(const std::string& url, unsigned connections,
-                              unsigned checkInSeconds) {
+std::string StoreQueue::Start(const std::string& url, unsigned connections, unsigned checkInSeconds,
+                              ReportLog* reports) {
   m_checkInSeconds = checkInSeconds;
-  m_capacity = connections * kQueuedPerConnection;
+  m_reports = reports;
   for (unsigned i = 0; i < connections; ++i) {
     std::string error;
     auto store = ftcstore::OpenStore(url, ftcstore::OpenMode::kRead, &error);
@@ -24,8 +29,13 @@ std::string StoreQueue::Start(const std::string& url, unsigned connections,
 void StoreQueue::Submit(StoreJob job) {
   {
     std::unique_lock<std::mutex> lock(m_mutex);
-    m_space.wait(lock, [&] { return m_stop || m_jobs.size() < m_capacity; });
+    // One job always fits, however large.
+    m_space.wait(lock, [&] {
+      return m_stop || m_jobs.empty() ||
+             (m_bytes + job.body.size() <= kMaxQueuedBytes && m_jobs.size() < kMaxQueuedJobs);
+    });
     if (m_stop) return;
+    m_bytes += job.body.size();
     m_jobs.push_back(std::move(job));
   }
   m_ready.notify_one();
@@ -36,6 +46,7 @@ void StoreQueue::Stop() {
     std::lock_guard<std::mutex> lock(m_mutex);
     m_stop = true;
     m_jobs.clear();
+    m_bytes = 0;
   }
   m_ready.notify_all();
   m_space.notify_all();
@@ -53,8 +64,9 @@ void StoreQueue::Run(ftcstore::Store& store) {
       if (m_stop) return;
       job = std::move(m_jobs.front());
       m_jobs.pop_front();
+      m_bytes -= job.body.size();
     }
-    m_space.notify_one();
+    m_space.notify_all();  // a large job may wait behind several small ones
     ftcstore::Answer answer;
     // Nothing may escape a thread's top; a job that throws is answered as not stored.
     try {
@@ -68,6 +80,11 @@ void StoreQueue::Run(ftcstore::Store& store) {
         answer = ftcstore::AgentJob(job.body, store);
       } else if (job.kind == StoreJob::kResult) {
         answer = ftcstore::AgentResult(job.body, store);
+      } else if (!m_reports->Append(job.report.line)) {
+        // Its fsync here rather than on a worker: one slow disk holds up no device's files.
+        std::string why = std::strerror(errno);
+        answer = ftcstore::Refusal(500, "cannot record completion report");
+        answer.log = {"cannot record completion report: " + why};
       } else if (ftcstore::Status s = store.AddReport(job.report, job.received); !s.ok()) {
         answer = ftcstore::Refusal(503, "cannot store completion report");
         answer.log = {"cannot store completion report: " + s.message};

@@ -1,8 +1,9 @@
 // Store work off the event loops: jobs run on a few threads that own a store connection each,
 // so that the database sees as many concurrent transactions as it has connections, however the
-// devices are spread over the workers. The queue is short: when it is full, the submitting
-// worker waits for a free place (about one commit) while the devices' further data waits in
-// the kernel, so that memory does not grow with the number of devices delivering at once.
+// devices are spread over the workers. The queue is bounded by the bytes it holds, not by jobs:
+// a fleet's small check-ins and deliveries all wait here while the workers go on serving files;
+// only when large bodies fill it does the submitting worker wait for a place, the devices'
+// further data waiting in the kernel, so that memory stays bounded.
 #pragma once
 
 #include <atomic>
@@ -20,6 +21,8 @@
 
 namespace ftcserver {
 
+class ReportLog;
+
 struct StoreJob {
   enum Kind { kMessages, kInventory, kReport, kCheckIn, kJob, kResult };
   Kind kind = kMessages;
@@ -33,8 +36,10 @@ struct StoreJob {
 class StoreQueue {
  public:
   ~StoreQueue() { Stop(); }
-  // Opens `connections` store connections (the schema must be up to date). Error text or "".
-  std::string Start(const std::string& url, unsigned connections, unsigned checkInSeconds);
+  // Opens `connections` store connections (the schema must be up to date). Completion reports
+  // are appended to reports before they are stored. Error text or "".
+  std::string Start(const std::string& url, unsigned connections, unsigned checkInSeconds,
+                    ReportLog* reports);
   void SetCheckInSeconds(unsigned seconds) { m_checkInSeconds = seconds; }
   // Waits while the queue is full; drops the job once stopped.
   void Submit(StoreJob job);
@@ -47,8 +52,9 @@ class StoreQueue {
   std::mutex m_mutex;
   std::condition_variable m_ready;
   std::condition_variable m_space;
-  size_t m_capacity = 0;
+  size_t m_bytes = 0;  // request bodies held by m_jobs
   std::atomic<unsigned> m_checkInSeconds{0};
+  ReportLog* m_reports = nullptr;
   std::deque<StoreJob> m_jobs;
   bool m_stop = false;
   std::vector<std::unique_ptr<ftcstore::Store>> m_stores;

@@ -45,9 +45,23 @@ std::vector<CPlixElement*> Walk(CPlixDOM& dom) {
   return order;
 }
 
-// Blanks aside: one trip may normalise line ends and drop blank text between elements.
+// Blanks aside: one trip may normalise line ends and drop blank text, so that an element holding
+// only blanks comes back empty ("<a>\t</a>" as "<a />").
 std::string Visible(std::string text) {
   auto blank = [](char c) { return c == ' ' || c == '\t' || c == '\r' || c == '\n'; };
+  for (size_t close = text.find("</"); close != std::string::npos;
+       close = text.find("</", close + 1)) {
+    size_t end = text.find('>', close), gt = close;
+    while (gt > 0 && blank(text[gt - 1])) --gt;
+    if (end == std::string::npos || gt < 2 || text[gt - 1] != '>' || text[gt - 2] == '/') continue;
+    std::string name = text.substr(close + 2, end - close - 2);
+    size_t open = text.rfind('<', gt - 1);
+    if (open == std::string::npos || text.compare(open + 1, name.size(), name) != 0 ||
+        !(blank(text[open + 1 + name.size()]) || text[open + 1 + name.size()] == '>'))
+      continue;
+    text.replace(gt - 1, end + 1 - (gt - 1), "/>");
+    close = gt;
+  }
   text.erase(std::remove_if(text.begin(), text.end(), blank), text.end());
   return text;
 }

@@ -1,12 +1,15 @@
 // The real ftc-server, driven the way devices and plain HTTP clients drive it.
 #include <gtest/gtest.h>
+#include <sys/resource.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <atomic>
+#include <chrono>
 #include <cstdio>
 #include <filesystem>
+#include <memory>
 #include <thread>
 
 #include "support/device_root.h"
@@ -159,6 +162,44 @@ TEST_F(ServerTest, PipelinedRequestsOnOneConnectionAndManyClientsAtOnce) {
     });
   for (auto& t : clients) t.join();
   EXPECT_EQ(good.load(), 50 * 8);
+}
+
+// One worker and few descriptors: a reader that takes nothing, a head sent a byte at a time and
+// a crowd of connections that never ask hold no worker and do not keep devices out.
+TEST_F(ServerTest, SlowAndIdlePeersGiveWayToDevices) {
+  Put("big.bin", ftctest::RandomBytes(16 << 20, 2));
+  Put("small.txt", "small");
+  ServerProcess server(bundle, {"--threads", "1", "--idle-timeout", "3"});
+  rlimit few{48, 48};
+  ASSERT_EQ(prlimit(server.pid(), RLIMIT_NOFILE, &few, nullptr), 0);
+
+  Connection reader(server.port());
+  ASSERT_TRUE(reader.Send(DeviceRequest("big.bin")));
+  Connection trickle(server.port());
+  const std::string head = DeviceRequest("small.txt");
+  ASSERT_TRUE(trickle.Send(head.substr(0, 1)));
+  std::this_thread::sleep_for(std::chrono::milliseconds(200));
+  std::vector<std::unique_ptr<Connection>> idle;
+  for (int i = 0; i < 60; ++i) idle.push_back(std::make_unique<Connection>(server.port()));
+  std::this_thread::sleep_for(std::chrono::milliseconds(1500));  // long enough to count as idle
+
+  auto start = std::chrono::steady_clock::now();
+  for (int i = 0; i < 5; ++i) {
+    Connection device(server.port());
+    Response r = device.Get("small.txt");
+    EXPECT_EQ(r.status, 200) << i;
+    EXPECT_EQ(r.body, "small");
+  }
+  EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(3));
+
+  // Cut off counting from its first byte, however steadily the rest comes.
+  bool cut = false;
+  for (size_t i = 1; i < head.size() - 1 && !cut; ++i) {
+    std::this_thread::sleep_for(std::chrono::milliseconds(200));
+    cut = !trickle.Send(head.substr(i, 1));
+  }
+  EXPECT_TRUE(cut);
+  EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(7));
 }
 
 }  // namespace
