@@ -10,7 +10,7 @@ for set in "$@"; do
     build) ;;
     # The store's tests start their own PostgreSQL server from these binaries.
     # The fleet page is read back from headless Chromium.
-    test) pkgs+=(libgtest-dev libgmock-dev uftp iproute2 postgresql chromium) ;;
+    test) pkgs+=(libgtest-dev libgmock-dev uftp iproute2 postgresql chromium libfiu-dev fiu-utils) ;;
     multicast) pkgs+=(uftp iproute2) ;;
     bench) pkgs+=(libbenchmark-dev zlib1g-dev nginx-light libnginx-mod-stream wrk uftp postgresql
            sqlite3) ;;

@@ -6,8 +6,10 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <memory>
 #include <string>
 
+#include "base/faults.h"
 #include "base/files.h"
 #include "platform/hostclasses.h"
 #include "platform/winux.h"
@@ -44,7 +46,14 @@ int ApplyReadOnly(const std::string& host, bool readOnly) {
 
 }  // namespace
 
-FileIO::FileIO() : m_fd(-1) {}
+// The file a download writes until it is whole.
+struct FileIO::Replacement {
+  std::string target;
+  std::string temp;
+  off_t size = 0;
+};
+
+FileIO::FileIO() : m_fd(-1), m_replacement(nullptr) {}
 
 FileIO::~FileIO() {
   Close();
@@ -71,20 +80,39 @@ int FileIO::Open(const char* path, int mode) {
   return 1;
 }
 
-int FileIO::OpenForWriting(const char* path, int append, DWORD /*size*/) {
+int FileIO::OpenForWriting(const char* path, int append, DWORD size) {
   Close();
   std::string host = Map(path);
   if (host.empty()) return 0;
-  int flags = O_WRONLY | O_CREAT | O_CLOEXEC | (append ? 0 : O_TRUNC);
+  if (!append) {
+    return SdkNoThrow<int>(0, [&] {
+      struct stat st;
+      if (stat(host.c_str(), &st) == 0 && S_ISDIR(st.st_mode)) {
+        SetLastError(ERROR_ACCESS_DENIED);
+        return 0;
+      }
+      hostbase::RemoveDeadTemps(host);
+      auto r = std::make_unique<Replacement>();
+      r->target = host;
+      r->size = static_cast<off_t>(size);
+      m_fd = hostbase::CreateTempBeside(host, 0666, &r->temp);
+      if (m_fd < 0) {
+        WinuxSetLastErrorFromErrno(errno);
+        return 0;
+      }
+      m_replacement = r.release();
+      return 1;
+    });
+  }
   do {
-    m_fd = open(host.c_str(), flags, 0666);
+    m_fd = open(host.c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, 0666);
   } while (m_fd < 0 && errno == EINTR);
   if (m_fd < 0) {
     WinuxSetLastErrorFromErrno(errno);
     return 0;
   }
   // Not O_APPEND: a resumed download seeks back to its last checkpoint and writes from there.
-  if (append && lseek(m_fd, 0, SEEK_END) < 0) {
+  if (lseek(m_fd, 0, SEEK_END) < 0) {
     WinuxSetLastErrorFromErrno(errno);
     Close();
     return 0;
@@ -103,9 +131,12 @@ int FileIO::PrepareForWriting(const char* path) {
 int FileIO::RemoveStale(const char* path) {
   std::string host = Map(path);
   if (host.empty()) return 0;
-  if (unlink(host.c_str()) == 0 || errno == ENOENT) return 1;
-  WinuxSetLastErrorFromErrno(errno);
-  return 0;
+  struct stat st;
+  if (stat(host.c_str(), &st) == 0 && S_ISDIR(st.st_mode)) {
+    SetLastError(ERROR_ACCESS_DENIED);
+    return 0;
+  }
+  return 1;
 }
 
 int FileIO::Write(const char* data, DWORD length) {
@@ -113,7 +144,9 @@ int FileIO::Write(const char* data, DWORD length) {
     SetLastError(ERROR_INVALID_HANDLE);
     return 0;
   }
-  hostbase::IoStatus written = hostbase::WriteAll(m_fd, data, length);
+  hostbase::IoStatus written = FTC_FAULT("ftc/download/write", ENOSPC)
+                                   ? hostbase::IoStatus{ENOSPC, "write"}
+                                   : hostbase::WriteAll(m_fd, data, length);
   if (!written.ok()) {
     WinuxSetLastErrorFromErrno(written.error);  // a write that takes nothing reads as EIO
     return 0;
@@ -172,9 +205,21 @@ int FileIO::IsOpen() const {
 
 void FileIO::Close() {
   if (m_fd < 0) return;
+  Replacement* r = m_replacement;
+  m_replacement = nullptr;
+  struct stat st;
+  bool whole = r && fstat(m_fd, &st) == 0 && st.st_size == r->size;
   // Retrying close after EINTR could close a descriptor another thread just got.
   close(m_fd);
   m_fd = -1;
+  if (!r) return;
+  std::unique_ptr<Replacement> owned(r);
+  if (whole) {
+    hostbase::IoStatus moved = hostbase::MoveHostFile(r->temp, r->target);
+    if (moved.ok()) return;
+    WinuxSetLastErrorFromErrno(moved.error);
+  }
+  unlink(r->temp.c_str());
 }
 
 int FileIO::SetAttributes(const char* path, DWORD attributes) {

@@ -14,6 +14,7 @@
 #include <string>
 #include <vector>
 
+#include "base/faults.h"
 #include "common/http.h"
 #include "server.h"
 #include "views.h"
@@ -44,6 +45,7 @@ bool ParseNumber(const char* text, unsigned long long max, unsigned long long* o
 }  // namespace
 
 int main(int argc, char** argv) {
+  hostbase::ArmFaultsFromEnvironment();
   if (argc > 1 && std::strcmp(argv[1], "deploy") == 0)
     return ftcserver::DeployCommand(std::vector<std::string>(argv + 2, argv + argc));
   if (argc > 1 && (std::strcmp(argv[1], "fleet") == 0 || std::strcmp(argv[1], "events") == 0)) {
