@@ -19,7 +19,7 @@ namespace hostbase {
 namespace {
 
 struct PointCount {
-  const char* name;  // the literal the point was given
+  const char* name;  // as enabled: lives as long as the process
   long hits;
 };
 
@@ -50,6 +50,17 @@ void WriteTally() {
   WriteTallyLocked();
 }
 
+// Every point, so that each is enabled under its own name: libfiu hands the callback the name
+// enabled, not the point's.
+const char* const kPoints[] = {
+    "ftc/host/write",          "ftc/host/fsync",         "ftc/host/rename",
+    "ftc/host/replacing",      "ftc/download/write",     "ftc/registry/save",
+    "ftc/spool/written",       "ftc/plugin/socket-read", "ftc/plugin/transfer-buffer",
+    "ftc/plugin/bundle-write", "ftc/server/read",        "ftc/server/report-write",
+    "ftc/server/report-sync",  "ftc/store/commit",       "ftc/store/committed",
+    "ftc/agent/checkin",       "ftc/agent/fetched",      "ftc/deliver/acknowledged",
+};
+
 int OnHit(const char* name, int*, void**, unsigned*) {
   std::lock_guard<std::mutex> lock(g_lock);
   size_t i = 0;
@@ -58,7 +69,7 @@ int OnHit(const char* name, int*, void**, unsigned*) {
     g_points[g_pointCount++] = {name, 0};
   if (i < g_pointCount) ++g_points[i].hits;
   if (++g_hits != g_nth) return 0;
-  g_fired = name;
+  g_fired = name;  // one of kPoints
   if (g_kill) {
     WriteTallyLocked();
     raise(SIGKILL);
@@ -78,7 +89,13 @@ void ArmFaultsFromEnvironment() {
   g_kill = action && strcmp(action, "kill") == 0;
   g_tally = getenv("FTC_FAULT_TALLY");
   if (g_tally) g_tally = strdup(g_tally);
-  fiu_enable_external(points, 1, nullptr, 0, OnHit);
+  std::string pattern = points;
+  bool prefix = !pattern.empty() && pattern.back() == '*';
+  if (prefix) pattern.pop_back();
+  for (const char* point : kPoints) {
+    if (prefix ? std::strncmp(point, pattern.c_str(), pattern.size()) == 0 : pattern == point)
+      fiu_enable_external(point, 1, nullptr, 0, OnHit);
+  }
   atexit(WriteTally);
 }
 #else
