@@ -9,6 +9,7 @@
 #include <map>
 #include <mutex>
 #include <nlohmann/json.hpp>
+#include <ostream>
 #include <string>
 #include <thread>
 #include <vector>
@@ -199,10 +200,15 @@ TEST_F(Agent, RunsWhatItIsHandedOnceAndReportsRefusalsWithTheirCode) {
 // The agent killed as it checks in, right after fetching its job, while the job runs and
 // between the server's acknowledgement of the job's reports and their removal from the spool.
 struct KilledAt {
+  const char* state;
   const char* point;
   json resumed;  // what the first check-in after the restart says
   std::vector<std::string> results;
 };
+
+void PrintTo(const KilledAt& at, std::ostream* out) {
+  *out << at.point;
+}
 
 class AgentKilled : public Agent, public ::testing::WithParamInterface<KilledAt> {};
 
@@ -255,11 +261,16 @@ TEST_P(AgentKilled, ResumesWithoutRunningTheJobTwiceOrLosingAReport) {
 INSTANTIATE_TEST_SUITE_P(
     , AgentKilled,
     ::testing::Values(
-        KilledAt{"ftc/agent/checkin", nullptr, {"9 started", "9 complete"}},
-        KilledAt{"ftc/agent/fetched", {{"deployment", 9}, {"found", "none"}}, {}},
-        KilledAt{"ftc/download/write", {{"deployment", 9}, {"found", "started"}}, {"9 started"}},
-        KilledAt{"ftc/deliver/acknowledged",
+        KilledAt{"CheckingIn", "ftc/agent/checkin", nullptr, {"9 started", "9 complete"}},
+        KilledAt{"Fetched", "ftc/agent/fetched", {{"deployment", 9}, {"found", "none"}}, {}},
+        KilledAt{"Running",
+                 "ftc/download/write",
+                 {{"deployment", 9}, {"found", "started"}},
+                 {"9 started"}},
+        KilledAt{"Delivering",
+                 "ftc/deliver/acknowledged",
                  {{"deployment", 9}, {"found", "complete"}},
-                 {"9 started"}}));
+                 {"9 started"}}),
+    [](const ::testing::TestParamInfo<KilledAt>& info) { return info.param.state; });
 
 }  // namespace
