@@ -10,7 +10,8 @@ for set in "$@"; do
     build) ;;
     # The store's tests start their own PostgreSQL server from these binaries.
     # The fleet page is read back from headless Chromium.
-    test) pkgs+=(libgtest-dev libgmock-dev uftp iproute2 nftables postgresql chromium) ;;
+    test) pkgs+=(libgtest-dev libgmock-dev uftp iproute2 nftables postgresql chromium
+          libfiu-dev fiu-utils) ;;
     multicast) pkgs+=(uftp iproute2 nftables) ;;
     # Man pages from the help texts; the package test's throwaway root and its checks.
     package) pkgs+=(help2man dpkg-dev lintian debootstrap systemd python3 iproute2) ;;

@@ -1,13 +1,18 @@
 #include "base/files.h"
 
+#include <dirent.h>
 #include <fcntl.h>
+#include <signal.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include <atomic>
+#include <cctype>
 #include <cerrno>
+#include <cstdlib>
 #include <cstring>
 
+#include "base/faults.h"
 #include "common/crc32.h"
 
 namespace hostbase {
@@ -46,8 +51,8 @@ class Fd {
 
 std::atomic<unsigned long long> g_tempCounter{0};
 
-// Creates ".<name>.<pid>.<n>" beside path. Each library that links this has its own counter,
-// so a name another one took is skipped.
+}  // namespace
+
 int CreateTempBeside(const std::string& path, unsigned mode, std::string* temp) {
   size_t slash = path.find_last_of('/');
   std::string dir = slash == std::string::npos ? "" : path.substr(0, slash + 1);
@@ -61,9 +66,30 @@ int CreateTempBeside(const std::string& path, unsigned mode, std::string* temp) 
   return -1;
 }
 
+void RemoveDeadTemps(const std::string& path) {
+  size_t slash = path.find_last_of('/');
+  std::string dir = slash == std::string::npos ? "." : path.substr(0, slash + 1);
+  std::string prefix = "." + (slash == std::string::npos ? path : path.substr(slash + 1)) + ".";
+  DIR* d = opendir(dir.c_str());
+  if (!d) return;
+  while (struct dirent* e = readdir(d)) {
+    std::string name = e->d_name;
+    if (name.compare(0, prefix.size(), prefix) != 0) continue;
+    // ".<name>.<pid>.<n>": anything else is not ours.
+    char* end = nullptr;
+    long pid = strtol(name.c_str() + prefix.size(), &end, 10);
+    if (pid <= 0 || *end != '.' || !std::isdigit(static_cast<unsigned char>(end[1]))) continue;
+    if (kill(static_cast<pid_t>(pid), 0) != 0 && errno == ESRCH) unlinkat(dirfd(d), e->d_name, 0);
+  }
+  closedir(d);
+}
+
+namespace {
+
 // Syncs and closes a file just written, keeping the first failure.
 IoStatus Finish(Fd& out, IoStatus status) {
-  if (status.ok() && fsync(out.get()) != 0) status = Failed("fsync");
+  if (status.ok() && (FTC_FAULT("ftc/host/fsync", EIO) || fsync(out.get()) != 0))
+    status = Failed("fsync");
   if (!out.Close() && status.ok()) status = Failed("close");
   return status;
 }
@@ -75,7 +101,9 @@ IoStatus ReplaceWith(const std::string& path, unsigned mode, Fill fill) {
   Fd out(CreateTempBeside(path, mode, &temp));
   if (out.get() < 0) return Failed("create");
   IoStatus status = Finish(out, fill(out.get()));
-  if (status.ok() && rename(temp.c_str(), path.c_str()) != 0) status = Failed("rename");
+  FTC_FAULT_MOMENT("ftc/host/replacing");
+  if (status.ok() && (FTC_FAULT("ftc/host/rename", EIO) || rename(temp.c_str(), path.c_str()) != 0))
+    status = Failed("rename");
   if (!status.ok()) {
     unlink(temp.c_str());
     return status;
@@ -92,7 +120,7 @@ std::string IoStatus::Describe(const std::string& path) const {
 IoStatus WriteAll(int fd, const void* data, size_t size) {
   const char* p = static_cast<const char*>(data);
   while (size > 0) {
-    ssize_t n = write(fd, p, size);
+    ssize_t n = FTC_FAULT("ftc/host/write", ENOSPC) ? -1 : write(fd, p, size);
     if (n < 0 && errno == EINTR) continue;
     if (n < 0) return Failed("write");
     if (n == 0) return IoStatus{EIO, "write"};
@@ -132,7 +160,7 @@ IoStatus ReadWholeFile(const std::string& path, std::string* out) {
 IoStatus SyncDir(const std::string& dir) {
   Fd fd(open(dir.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
   if (fd.get() < 0) return Failed("open folder");
-  if (fsync(fd.get()) != 0) return Failed("sync folder");
+  if (FTC_FAULT("ftc/host/fsync", EIO) || fsync(fd.get()) != 0) return Failed("sync folder");
   return {};
 }
 
@@ -187,9 +215,10 @@ IoStatus MoveHostFile(const std::string& from, const std::string& to) {
   {
     // A file that cannot be opened is renamed unsynced: rename itself reports a real problem.
     Fd fd(open(from.c_str(), O_RDONLY | O_CLOEXEC));
-    if (fd.get() >= 0 && fsync(fd.get()) != 0) return Failed("fsync");
+    if (fd.get() >= 0 && (FTC_FAULT("ftc/host/fsync", EIO) || fsync(fd.get()) != 0))
+      return Failed("fsync");
   }
-  if (rename(from.c_str(), to.c_str()) != 0) {
+  if (FTC_FAULT("ftc/host/rename", EIO) || rename(from.c_str(), to.c_str()) != 0) {
     if (errno != EXDEV) return Failed("rename");
     IoStatus status = CopyHostFile(from, to);
     if (!status.ok()) return status;

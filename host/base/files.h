@@ -33,6 +33,13 @@ IoStatus SyncDir(const std::string& dir);
 // mkdir -p; each folder made is synced into its parent.
 IoStatus MakeDirs(const std::string& dir);
 
+// Creates and opens ".<name>.<pid>.<n>" beside path for writing (each library that links this
+// counts on its own, so a name another one took is skipped); the descriptor, or -1 with errno.
+int CreateTempBeside(const std::string& path, unsigned mode, std::string* temp);
+// Removes what CreateTempBeside left beside path for processes no longer running (killed before
+// they could rename or remove it).
+void RemoveDeadTemps(const std::string& path);
+
 // Creates path, which must not exist yet, with content, synced to disk before it returns.
 IoStatus WriteNewFile(const std::string& path, std::string_view content, unsigned mode);
 // Replaces path with content: after a crash it holds the old text or the new, whole. A

@@ -18,6 +18,7 @@
 #include <random>
 #include <string>
 
+#include "base/faults.h"
 #include "base/files.h"
 #include "commands.h"
 #include "deliver.h"
@@ -261,6 +262,7 @@ class DeviceAgent {
   }
 
   bool CheckIn(json* job, double* next) {
+    FTC_FAULT_MOMENT("ftc/agent/checkin");
     json body = {{"device", m_id.device},
                  {"serial", m_id.serial},
                  {"hardware", m_id.hardware},
@@ -305,15 +307,24 @@ class DeviceAgent {
     m_deployment = deployment.get<uint64_t>();
     std::string name = "deployment " + std::to_string(m_deployment);
     url += (url.find('?') == std::string::npos ? "?device=" : "&device=") + m_id.device;
+    // Kept before the fetch: the server counts a fetched job as the device's, so a restart
+    // after the fetch must tell it, even when the job never started ("none").
+    json record = {{"deployment", m_deployment},
+                   {"started", xqspool::UtcNow()},
+                   {"position", EventPosition(m_opt.root)}};
+    if (!Keep(record)) return;
     HttpAnswer a = HttpClient().Get(m_base + url);
     if (a.status == 404 || a.status == 410) {
       printf("%s is not for this device any more (HTTP %ld)\n", name.c_str(), a.status);
+      (void)unlink(m_record.c_str());
       return;
     }
     if (!Answered(a, "job")) {
       fprintf(stderr, "ftc-host agent: %s not fetched: %s\n", name.c_str(), m_reason.c_str());
+      (void)unlink(m_record.c_str());
       return;
     }
+    FTC_FAULT_MOMENT("ftc/agent/fetched");
     JobFile job;
     std::string error;
     if (!ParseJob(a.body, &job, &error)) {
@@ -322,10 +333,6 @@ class DeviceAgent {
       PostResult();
       return;
     }
-    json record = {{"deployment", m_deployment},
-                   {"started", xqspool::UtcNow()},
-                   {"position", EventPosition(m_opt.root)}};
-    if (!Keep(record)) return;
     printf("%s: running its job\n", name.c_str());
     fflush(stdout);
     // The plug-in's threads inherit the mask: a stop during the job waits for its end instead of

@@ -20,6 +20,7 @@
 #include <thread>
 #include <vector>
 
+#include "base/faults.h"
 #include "http_post.h"
 #include "platform/helpers.h"
 #include "platform/hwid.h"
@@ -383,6 +384,7 @@ class Agent {
            duplicates, rejected);
     fflush(stdout);
     bool ok = true;
+    FTC_FAULT_MOMENT("ftc/deliver/acknowledged");
     for (const auto& [queue, records] : retire) ok = Retire(queue, records) && ok;
     return ok ? Step::kProgress : Step::kFailed;
   }

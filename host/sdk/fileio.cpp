@@ -6,8 +6,12 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <memory>
+#include <mutex>
 #include <string>
+#include <unordered_set>
 
+#include "base/faults.h"
 #include "base/files.h"
 #include "platform/hostclasses.h"
 #include "platform/winux.h"
@@ -48,9 +52,29 @@ int ApplyReadOnly(const std::string& host, const struct stat& st, bool readOnly)
   return 1;
 }
 
+// Temporaries a killed process left are cleared once per folder and process: reading the folder
+// for every download would make each file cost as much as the folder is large.
+void RemoveDeadTempsOnce(const std::string& host) {
+  static std::mutex& lock = *new std::mutex();
+  static auto& cleared = *new std::unordered_set<std::string>();
+  std::string folder = host.substr(0, host.find_last_of('/') + 1);
+  {
+    std::lock_guard<std::mutex> hold(lock);
+    if (!cleared.insert(folder).second) return;
+  }
+  hostbase::RemoveDeadTemps(host);
+}
+
 }  // namespace
 
-FileIO::FileIO() : m_fd(-1) {}
+// The file a download writes until it is whole.
+struct FileIO::Replacement {
+  std::string target;
+  std::string temp;
+  off_t size = 0;
+};
+
+FileIO::FileIO() : m_fd(-1), m_replacement(nullptr) {}
 
 FileIO::~FileIO() {
   Close();
@@ -69,12 +93,37 @@ int FileIO::Open(const char* path, int mode) {
   return 1;
 }
 
-int FileIO::OpenForWriting(const char* path, int append, DWORD /*size*/) {
+int FileIO::OpenForWriting(const char* path, int append, DWORD size) {
   Close();
-  m_fd = OpenPath(path, O_WRONLY | O_CREAT | (append ? 0 : O_TRUNC));
+  if (!append) {
+    struct stat st;
+    std::string host;
+    int found = Stat(path, &st, &host);
+    if (found < 0) return 0;
+    if (found > 0 && S_ISDIR(st.st_mode)) {
+      SetLastError(ERROR_ACCESS_DENIED);
+      return 0;
+    }
+    return SdkNoThrow<int>(0, [&] {
+      if (found == 0 && (host = WinuxMapPath(path)).empty()) return 0;
+      RemoveDeadTempsOnce(host);
+      auto r = std::make_unique<Replacement>();
+      r->target = host;
+      r->size = static_cast<off_t>(size);
+      m_fd = hostbase::CreateTempBeside(host, 0666, &r->temp);
+      if (m_fd < 0) {
+        WinuxSetLastErrorFromErrno(errno);
+        return 0;
+      }
+      WinuxNoteHostPath(r->temp, true);
+      m_replacement = r.release();
+      return 1;
+    });
+  }
+  m_fd = OpenPath(path, O_WRONLY | O_CREAT);
   if (m_fd < 0) return 0;
   // Not O_APPEND: a resumed download seeks back to its last checkpoint and writes from there.
-  if (append && lseek(m_fd, 0, SEEK_END) < 0) {
+  if (lseek(m_fd, 0, SEEK_END) < 0) {
     WinuxSetLastErrorFromErrno(errno);
     Close();
     return 0;
@@ -91,11 +140,15 @@ int FileIO::PrepareForWriting(const char* path) {
 }
 
 int FileIO::RemoveStale(const char* path) {
-  if (!Usable(path)) return 0;
-  int err = SdkNoThrow<int>(EIO, [&]() { return WinuxUnlinkPath(path); });
-  if (err == 0 || err == ENOENT) return 1;
-  WinuxSetLastErrorFromErrno(err);
-  return 0;
+  struct stat st;
+  std::string host;
+  int found = Stat(path, &st, &host);
+  if (found < 0) return 0;
+  if (found > 0 && S_ISDIR(st.st_mode)) {
+    SetLastError(ERROR_ACCESS_DENIED);
+    return 0;
+  }
+  return 1;
 }
 
 int FileIO::Write(const char* data, DWORD length) {
@@ -103,7 +156,9 @@ int FileIO::Write(const char* data, DWORD length) {
     SetLastError(ERROR_INVALID_HANDLE);
     return 0;
   }
-  hostbase::IoStatus written = hostbase::WriteAll(m_fd, data, length);
+  hostbase::IoStatus written = FTC_FAULT("ftc/download/write", ENOSPC)
+                                   ? hostbase::IoStatus{ENOSPC, "write"}
+                                   : hostbase::WriteAll(m_fd, data, length);
   if (!written.ok()) {
     WinuxSetLastErrorFromErrno(written.error);  // a write that takes nothing reads as EIO
     return 0;
@@ -162,9 +217,26 @@ int FileIO::IsOpen() const {
 
 void FileIO::Close() {
   if (m_fd < 0) return;
+  std::unique_ptr<Replacement> r(m_replacement);
+  m_replacement = nullptr;
+  struct stat st;
+  bool whole = r && fstat(m_fd, &st) == 0 && st.st_size == r->size;
   // Retrying close after EINTR could close a descriptor another thread just got.
   close(m_fd);
   m_fd = -1;
+  if (!r) return;
+  // Renamed without an fsync: a kill leaves the old version or the new, and a file that power
+  // loss empties fails its CRC at the next validation and is fetched again. Syncing every small
+  // file would cost more than fetching it.
+  if (whole && !FTC_FAULT("ftc/host/rename", EIO) &&
+      rename(r->temp.c_str(), r->target.c_str()) == 0) {
+    WinuxNoteHostPath(r->temp, false);
+    WinuxNoteHostPath(r->target, true);
+    return;
+  }
+  if (whole) WinuxSetLastErrorFromErrno(errno);
+  unlink(r->temp.c_str());
+  WinuxNoteHostPath(r->temp, false);
 }
 
 int FileIO::SetAttributes(const char* path, DWORD attributes) {

@@ -12,6 +12,7 @@
 #include <string>
 #include <vector>
 
+#include "base/faults.h"
 #include "base/files.h"
 #include "internal.h"
 #include "platform/winux.h"
@@ -337,7 +338,10 @@ void Refresh(Hive& hive) {
 // Old or new, never torn.
 bool Save(Hive& hive) {
   std::string path = HivePath();
-  hostbase::IoStatus saved = hostbase::ReplaceFile(path, Serialize(hive));
+  hostbase::RemoveDeadTemps(path);
+  hostbase::IoStatus saved = FTC_FAULT("ftc/registry/save", ENOSPC)
+                                 ? hostbase::IoStatus{ENOSPC, "write"}
+                                 : hostbase::ReplaceFile(path, Serialize(hive));
   if (!saved.ok()) {
     WinuxSetLastErrorFromErrno(saved.error);
     hive.loaded = false;  // memory is ahead of the file: read the file again next time

@@ -17,6 +17,7 @@
 #include <set>
 #include <string>
 
+#include "base/faults.h"
 #include "base/files.h"
 #include "platform/xq.h"
 #include "winux/winux_host.h"
@@ -164,7 +165,9 @@ bool SpoolWrite(const std::string& source, const std::string& queue, const char*
     }
   }
   unlink(temp.c_str());
-  return linked && hostbase::SyncDir(dir).ok();
+  if (!linked || !hostbase::SyncDir(dir).ok()) return false;
+  FTC_FAULT_MOMENT("ftc/spool/written");
+  return true;
 }
 
 }  // namespace
@@ -222,6 +225,8 @@ __attribute__((visibility("default"))) int32_t lapi_write(void* handle, int32_t,
     if (bytes == length) --bytes;
     std::string core = BoundedText(coreQueue, 256);
     if (!SpoolWrite(source, queue, message, bytes, core)) {
+      // The plug-in does not look at the result; whoever runs the host should hear of it.
+      fprintf(stderr, "xq_clapi: a message to %s was not kept\n", queue.c_str());
       if (status) *status = kStatusNotDurable;
       return -1;
     }

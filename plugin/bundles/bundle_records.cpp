@@ -7,6 +7,7 @@
 #include <vector>
 
 #include "log/LogMsg.h"
+#include "platform/faults.h"
 #include "platform/helpers.h"
 #include "platform/plix.h"
 #include "platform/winux.h"
@@ -91,24 +92,24 @@ bool LoadBundleFile(const std::string& path, CPlixDOM* dom, bool* opened) {
 
 // Replaces the file through a temporary one, so a crash leaves the old records or the new,
 // never a truncated file. False when the file could not be written.
+bool ReplaceBundleFile(const std::string& path, const char* text) {
+  std::string temp = path + ".new";
+  FILE* f = WinuxFopen(temp.c_str(), "wb");
+  if (!f) return false;
+  size_t length = strlen(text);
+  bool ok =
+      !FTC_PLUGIN_FAULT("ftc/plugin/bundle-write", ENOSPC) && fwrite(text, 1, length, f) == length;
+  ok = fclose(f) == 0 && ok;
+  ok = ok && TVLRenameFileW(Wide(temp).c_str(), Wide(path).c_str());
+  if (!ok) DeleteFile(Wide(temp).c_str());
+  return ok;
+}
+
 bool SaveBundleFile(const std::string& path, CPlixDOM* dom, bool* hadText) {
   char* text = nullptr;
   *hadText = dom->WriteDoc(&text) == 1 && text;
-  if (!*hadText) {
-    if (text) LocalFree(text);
-    return true;
-  }
-  std::string temp = path + ".new";
-  FILE* f = WinuxFopen(temp.c_str(), "wb");
-  bool ok = false;
-  if (f) {
-    size_t length = strlen(text);
-    ok = fwrite(text, 1, length, f) == length;
-    ok = fclose(f) == 0 && ok;
-    ok = ok && TVLRenameFileW(Wide(temp).c_str(), Wide(path).c_str());
-    if (!ok) DeleteFile(Wide(temp).c_str());
-  }
-  LocalFree(text);
+  bool ok = !*hadText || ReplaceBundleFile(path, text);
+  if (text) LocalFree(text);
   return ok;
 }
 
@@ -146,15 +147,13 @@ void RecordBundle(const char* version, const char* bundleName) {
   bool parsed = LoadBundleFile(path, &dom, &opened);
   if (!opened) {
     EnsureFolderOf(path);
-    FILE* f = WinuxFopen(path.c_str(), "wb+");
-    if (!f) {
-      LogMsg("SetBundleNameForAssetMsg - could not create file 3\r\n");
-      return;
-    }
     std::string name = XmlEscape(bundleName);
     std::string ver = XmlEscape(version);
-    fprintf(f, gszFormat, name.c_str(), ver.c_str());
-    fclose(f);
+    std::vector<char> text(sizeof gszFormat + name.size() + ver.size(), '\0');
+    snprintf(text.data(), text.size(), gszFormat, name.c_str(), ver.c_str());
+    // Created whole too: a torn first record would stop every later one from being added.
+    if (!ReplaceBundleFile(path, text.data()))
+      LogMsg("SetBundleNameForAssetMsg - could not create file 3\r\n");
     return;
   }
   CPlixIterator it;

@@ -132,7 +132,7 @@ int GetFile(char* baseURL, char* source, char* destination, DWORD port, int bOnc
       int got = http->Get(headers, m_szDestFile);
       if (got)
         done = got;
-      else if (bOnce)
+      else if (bOnce || http->DiskFull())  // the file's check afterwards tells what is missing
         done = 1;
       else
         Sleep(3000);

@@ -14,11 +14,14 @@ class WINUX_API FileIO {
 
   // mode 1 opens for reading. 1 on success, 0 on failure.
   int Open(const char* path, int mode);
-  // Opens for writing: append keeps the existing bytes, otherwise the file is truncated.
-  // size is the expected final size (a hint). 1 on success, 0 on failure.
+  // Opens for writing: append keeps the existing bytes and writes in place. Otherwise the bytes
+  // go to a new file beside path that replaces it at Close only when it has reached size bytes:
+  // until then path keeps its old version, and a cut download leaves no torn file under it.
+  // 1 on success, 0 on failure.
   int OpenForWriting(const char* path, int append, DWORD size);
   // The two calls a download makes before opening: the first clears a read-only flag left on a
-  // stale file, the second removes the stale file. Results are advisory.
+  // stale file, the second checks that path can take a file (the stale one stays until the new
+  // one is whole). Results are advisory.
   int PrepareForWriting(const char* path);
   int RemoveStale(const char* path);
   // 1 when written whole, 0 on failure.
@@ -32,6 +35,7 @@ class WINUX_API FileIO {
   // Size of the open file, 0 when none is open.
   DWORD Size();
   int IsOpen() const;
+  // A new file that reached its size replaces its path now (durably); a short one is dropped.
   void Close();
   // Device attribute bits (0x1 read-only). 1 on success.
   int SetAttributes(const char* path, DWORD attributes);
@@ -39,7 +43,10 @@ class WINUX_API FileIO {
   static int Delete(const char* path);
 
  private:
+  struct Replacement;
+
   int m_fd;
+  Replacement* m_replacement;
 };
 
 // The registry by full paths: "HKEY_LOCAL_MACHINE\System\ImageUpdate\UpdateApp" names a key,

@@ -11,6 +11,7 @@
 
 #include "log/LogMsg.h"
 #include "log/display.h"
+#include "platform/faults.h"
 #include "platform/hostclasses.h"
 #include "platform/sockets.h"
 #include "platform/winux.h"
@@ -268,7 +269,9 @@ int CHTTPClient::EnsureXferBuffer() {
   DWORD want = m_dwXferBufferSize > kBodyReadSize ? m_dwXferBufferSize : kBodyReadSize;
   if (!m_pXferBuffer || m_dwXferCapacity < want) {
     delete[] m_pXferBuffer;
-    m_pXferBuffer = new (std::nothrow) char[want];
+    m_pXferBuffer = FTC_PLUGIN_FAULT("ftc/plugin/transfer-buffer", ENOMEM)
+                        ? nullptr
+                        : new (std::nothrow) char[want];
     m_dwXferCapacity = m_pXferBuffer ? want : 0;
     if (!m_pXferBuffer) return 0;
   }
@@ -397,6 +400,7 @@ int CHTTPClient::Get(const wchar_t* path, const wchar_t* localFile) {
 }
 
 int CHTTPClient::GetOnce(const wchar_t* path, const wchar_t* localFile) {
+  m_bDiskFull = false;
   if (!EnsureXferBuffer()) return GiveUp(kBadAlloc);
   if (!path || !localFile)
     return GiveUp("FileTransferConfiglet - CHttpClient:Get - bad ret 1.1\r\n");
@@ -455,7 +459,8 @@ int CHTTPClient::GetOnce(const wchar_t* path, const wchar_t* localFile) {
     }
   }
   BodyEnd end = ReadBody(inBuffer, head.contentLength);
-  if (end == BodyEnd::kReadFailed) return EndAttempt(0);
+  m_bDiskFull = end == BodyEnd::kNoRoom;
+  if (end == BodyEnd::kReadFailed || m_bDiskFull) return EndAttempt(0);
   bool complete = end == BodyEnd::kComplete;
 
   CloseFile();
@@ -532,8 +537,10 @@ CHTTPClient::BodyEnd CHTTPClient::ReadBody(DWORD received, DWORD length) {
     }
     m_pFile->Seek(received);
     if (!WriteLocal(m_pXferBuffer, DWORD(n))) {
-      LogMsg("FileTransferConfiglet - file->Write error, %d\r\n", static_cast<int>(GetLastError()));
-      return BodyEnd::kCut;
+      DWORD error = GetLastError();
+      LogMsg("FileTransferConfiglet - file->Write error, %d\r\n", static_cast<int>(error));
+      // A full disk stays full: asking for the file again would fill it again, forever.
+      return error == ERROR_DISK_FULL ? BodyEnd::kNoRoom : BodyEnd::kCut;
     }
     received += DWORD(n);
     UpdateStatus(received, length);

@@ -52,6 +52,8 @@ class CHTTPClient : public CSocketIO {
   }
   void SetStatusFunction(HTTPStatusFunction function) { m_pStatusFunction = function; }
   int GetLastCRCGood() const { return m_bLastCRCGood; }
+  // The last Get ended because the disk was full: asking again would only fill it again.
+  bool DiskFull() const { return m_bDiskFull; }
 
   static void SetBundleRxBytes(DWORD bytes) { m_BundleRxBytes = bytes; }
   static void BumpBundleRxBytes(DWORD bytes) { m_BundleRxBytes += bytes; }
@@ -67,7 +69,7 @@ class CHTTPClient : public CSocketIO {
 
   // The steps of Get. GetOnce makes one request for the whole file: 1 done, 0 failed, or -1
   // when the file arrived damaged or short and may be requested again.
-  enum class BodyEnd { kComplete, kCut, kReadFailed };
+  enum class BodyEnd { kComplete, kCut, kReadFailed, kNoRoom };
   int GetOnce(const wchar_t* path, const wchar_t* localFile);
   bool SendRequest(char* scratch, size_t capacity, const wchar_t* path);
   // Bytes gathered into the transfer buffer (head and first body bytes); -1 when the first
@@ -99,6 +101,7 @@ class CHTTPClient : public CSocketIO {
   FileIO* m_pFile;
   int m_bLastCRCGood;
   DWORD m_dwWrittenCRC;  // running register over the bytes written to the local file so far
+  bool m_bDiskFull = false;
   char* m_pszCoreName;
   HTTPStatusFunction m_pStatusFunction;
 

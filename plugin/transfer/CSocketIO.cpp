@@ -5,6 +5,7 @@
 #include <cwchar>
 
 #include "log/LogMsg.h"
+#include "platform/faults.h"
 #include "platform/sockets.h"
 #include "platform/winux.h"
 
@@ -196,7 +197,9 @@ DWORD CSocketIO::SendData(const char* data, DWORD length) {
 int CSocketIO::ReadData(char* buffer, int length, int& received) {
   ssize_t rc;
   do {
-    rc = recv(m_socket, buffer, length > 0 ? size_t(length) : 0, 0);
+    rc = FTC_PLUGIN_FAULT("ftc/plugin/socket-read", ECONNRESET)
+             ? -1
+             : recv(m_socket, buffer, length > 0 ? size_t(length) : 0, 0);
   } while (rc == -1 && errno == EINTR);
   if (rc == -1) TakeSocketError();
   received = static_cast<int>(rc);

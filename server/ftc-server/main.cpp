@@ -17,6 +17,7 @@
 #include <string>
 #include <vector>
 
+#include "base/faults.h"
 #include "common/http.h"
 #include "server.h"
 #include "service/daemon.h"
@@ -140,6 +141,7 @@ std::vector<std::string> WithServerSettings(const char* command, std::vector<std
 }  // namespace
 
 int main(int argc, char** argv) {
+  hostbase::ArmFaultsFromEnvironment();
   if (argc > 1 && std::strcmp(argv[1], "--version") == 0)
     return ftcservice::PrintVersion("ftc-server"), 0;
   std::vector<std::string> args(argv + 1, argv + argc);

@@ -23,6 +23,7 @@
 #include <ctime>
 #include <unordered_map>
 
+#include "base/faults.h"
 #include "common/http.h"
 #include "metrics.h"
 #include "store/intake.h"
@@ -163,12 +164,14 @@ bool ReportLog::Append(const std::string& line) {
   std::string data = line + "\n";
   size_t done = 0;
   while (done < data.size()) {
-    ssize_t n = write(m_fd, data.data() + done, data.size() - done);
+    ssize_t n = FTC_FAULT("ftc/server/report-write", ENOSPC)
+                    ? -1
+                    : write(m_fd, data.data() + done, data.size() - done);
     if (n < 0 && errno == EINTR) continue;
     if (n <= 0) return false;
     done += static_cast<size_t>(n);
   }
-  return !m_sync || fdatasync(m_fd) == 0;
+  return !m_sync || (!FTC_FAULT("ftc/server/report-sync", EIO) && fdatasync(m_fd) == 0);
 }
 
 // ---------------------------------------------------------------------------------------------
@@ -329,7 +332,7 @@ class Worker {
   bool ReadInput(Conn& c) {
     char buf[65536];
     while (c.in.size() < std::max(kMaxBufferedInput, c.bodyWanted)) {
-      ssize_t n = recv(c.fd, buf, sizeof buf, 0);
+      ssize_t n = FTC_FAULT("ftc/server/read", ECONNRESET) ? -1 : recv(c.fd, buf, sizeof buf, 0);
       if (n > 0) {
         c.in.append(buf, static_cast<size_t>(n));
         continue;

@@ -6,6 +6,7 @@
 #include <string>
 #include <vector>
 
+#include "base/faults.h"
 #include "database.h"
 #include "store.h"
 
@@ -595,7 +596,10 @@ class SqlStore : public Store {
     Status s = m_db->Run(m_db->IsPostgres() ? kBeginPostgresSql : kBeginSqliteSql, {});
     if (!s.ok()) return s;
     s = body();
+    if (s.ok() && FTC_FAULT("ftc/store/commit", EIO))
+      s = Status::Unavailable("commit failed: disk I/O error");
     if (s.ok()) s = m_db->Run(kCommitSql, {});
+    if (s.ok()) FTC_FAULT_MOMENT("ftc/store/committed");
     // After a failed commit the transaction is already over; the rollback then only fails.
     if (!s.ok()) (void)m_db->Run(kRollbackSql, {});
     return s;

@@ -4,10 +4,12 @@
 #include <gtest/gtest.h>
 #include <signal.h>
 
+#include <algorithm>
 #include <chrono>
 #include <map>
 #include <mutex>
 #include <nlohmann/json.hpp>
+#include <ostream>
 #include <string>
 #include <thread>
 #include <vector>
@@ -115,9 +117,11 @@ class Agent : public ::testing::Test {
  protected:
   Agent() { root.WriteIdentity("uniqueid=dev-1\nserial=S1\nhwcfg=HW-A\n"); }
   // The agent in the background, its output in the root's agent.log.
-  std::unique_ptr<ftctest::Child> Start(const std::string& server) {
-    std::string command = "exec '" + ftctest::BinDir() + "/ftc-host' agent --server " + server +
-                          " --root '" + root.path() + "' --plugin '" + ftctest::LibDir() +
+  // env: "NAME=value ..." for the agent alone.
+  std::unique_ptr<ftctest::Child> Start(const std::string& server, const std::string& env = "") {
+    std::string command = "exec env " + env + " '" + ftctest::BinDir() +
+                          "/ftc-host' agent --server " + server + " --root '" + root.path() +
+                          "' --plugin '" + ftctest::LibDir() +
                           "/libFileTransferConfiglet.so' --time-scale 0.001 --metrics-file '" +
                           Figures() + "' >>'" + root.path() + "/agent.log' 2>&1";
     return std::make_unique<ftctest::Child>(std::vector<std::string>{"sh", "-c", command});
@@ -203,41 +207,80 @@ TEST_F(Agent, RunsWhatItIsHandedOnceAndReportsRefusalsWithTheirCode) {
   EXPECT_NE(Output().find("agent stopped"), std::string::npos);
 }
 
-TEST_F(Agent, KilledMidJobItReportsWhatItFoundAndLeavesTheJobToTheServer) {
-  bundle.Add("a.bin", "alpha");
-  // Nobody serves the files: the job waits for its server until the agent is killed.
-  std::string job = MakeJob("http://127.0.0.1:" + std::to_string(ftctest::FreeTcpPort()));
+// The agent killed as it checks in, right after fetching its job, while the job runs and
+// between the server's acknowledgement of the job's reports and their removal from the spool.
+struct KilledAt {
+  const char* state;
+  const char* point;
+  json resumed;  // what the first check-in after the restart says
+  std::vector<std::string> results;
+};
+
+void PrintTo(const KilledAt& at, std::ostream* out) {
+  *out << at.point;
+}
+
+class AgentKilled : public Agent, public ::testing::WithParamInterface<KilledAt> {};
+
+TEST_P(AgentKilled, ResumesWithoutRunningTheJobTwiceOrLosingAReport) {
+#ifndef FTC_FAULTS
+  GTEST_SKIP() << "needs a build with FTC_FAULTS";
+#else
+  const KilledAt& at = GetParam();
+  bundle.Add("a.bin", ftctest::RandomBytes(100000, 5));
+  e2e::Server files(bundle.dir());
+  std::string job = MakeJob(files.url());
   AgentPeer peer;
   peer.Hand(9, job);
-  auto agent = Start(peer.Url());
-  ASSERT_TRUE(ftctest::WaitUntil(
-      [&] {
-        std::vector<std::string> events = e2e::Spooled(root, "event");
-        return !peer.Results().empty() && !events.empty() && events[0].rfind("205181", 0) == 0;
-      },
-      std::chrono::seconds(30)))
-      << Output();
-  kill(agent->pid(), SIGKILL);
-  agent->Wait(std::chrono::seconds(10));
+  auto agent = Start(peer.Url(), std::string("FTC_FAULT_POINTS=") + at.point +
+                                     " FTC_FAULT_NTH=1 FTC_FAULT_ACTION=kill");
+  ASSERT_EQ(agent->Wait(std::chrono::seconds(60)), 128) << Output();
   size_t before = peer.Checkins().size();
 
   agent = Start(peer.Url());
-  ASSERT_TRUE(ftctest::WaitUntil([&] { return peer.Checkins().size() >= before + 3; },
-                                 std::chrono::seconds(30)))
+  ASSERT_TRUE(ftctest::WaitUntil([&] { return peer.Checkins().size() >= before + 2; },
+                                 std::chrono::seconds(60)))
       << Output();
   std::vector<json> checkins = peer.Checkins();
-  EXPECT_EQ(checkins[before]["resumed"], json({{"deployment", 9}, {"found", "started"}}));
+  EXPECT_EQ(checkins[before]["resumed"], at.resumed);
   EXPECT_TRUE(checkins[before + 1]["resumed"].is_null()) << "told once";
+  EXPECT_EQ(States(peer.Results()), at.results);
   EXPECT_EQ(peer.Fetches().size(), 1u);
-  EXPECT_EQ(States(peer.Results()), std::vector<std::string>{"9 started"});
-  // The interrupted job's records still reach the server.
-  ASSERT_TRUE(ftctest::WaitUntil([&] { return !peer.Events().empty(); })) << Output();
-  EXPECT_EQ(peer.Events()[0], "205181");
+  EXPECT_LE(ftctest::Count(Output(), "running its job"), 1) << Output();
+  // Whatever the job queued reaches the server.
+  ASSERT_TRUE(ftctest::WaitUntil([&] { return ReadSpool(root.path(), "").empty(); })) << Output();
+  std::vector<std::string> events = peer.Events();
+  if (!at.results.empty()) {
+    EXPECT_NE(std::find(events.begin(), events.end(), "205181"), events.end());
+  }
 
   // Handed out again, it runs again.
+  size_t reported = peer.Results().size();
   peer.Hand(9, job);
-  EXPECT_TRUE(ftctest::WaitUntil([&] { return peer.Results().size() == 2; })) << Output();
+  EXPECT_TRUE(ftctest::WaitUntil(
+      [&] {
+        std::vector<std::string> s = States(peer.Results());
+        return s.size() >= reported + 2 && s.back() == "9 complete";
+      },
+      std::chrono::seconds(60)))
+      << Output();
   EXPECT_EQ(peer.Fetches().size(), 2u);
+#endif
 }
+
+INSTANTIATE_TEST_SUITE_P(
+    , AgentKilled,
+    ::testing::Values(
+        KilledAt{"CheckingIn", "ftc/agent/checkin", nullptr, {"9 started", "9 complete"}},
+        KilledAt{"Fetched", "ftc/agent/fetched", {{"deployment", 9}, {"found", "none"}}, {}},
+        KilledAt{"Running",
+                 "ftc/download/write",
+                 {{"deployment", 9}, {"found", "started"}},
+                 {"9 started"}},
+        KilledAt{"Delivering",
+                 "ftc/deliver/acknowledged",
+                 {{"deployment", 9}, {"found", "complete"}},
+                 {"9 started"}}),
+    [](const ::testing::TestParamInfo<KilledAt>& info) { return info.param.state; });
 
 }  // namespace

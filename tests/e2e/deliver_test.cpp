@@ -119,6 +119,52 @@ TEST_F(Deliver, AStoreGoneAndAServerAwayLoseNothingAndStoreEachMessageOnce) {
   EXPECT_EQ(agent.Wait(kPatience), 0);
 }
 
+// The server failed or killed while it reads a delivery, before its commit and right after it:
+// restarted, it holds every message once, and the agent let go of none it had not stored.
+TEST_F(Deliver, AServerFailedOrKilledMidDeliveryKeepsEveryMessageOnce) {
+#ifndef FTC_FAULTS
+  GTEST_SKIP() << "needs a build with FTC_FAULTS";
+#else
+  root.WriteIdentity("uniqueid=dev-k\n");
+  auto server = StartServer();
+  const uint16_t port = server->port();
+  ftctest::Child agent({ftctest::BinDir() + "/ftc-host", "deliver", "--follow", "--server",
+                        server->url(), "--root", root.path(), "--time-scale", "0.001"});
+  std::string expected;
+  int message = 0;
+  // The store's first commit is its schema check at start.
+  const struct {
+    const char* point;
+    int nth;
+    const char* action;
+  } faults[] = {{"ftc/server/read", 1, "kill"},  {"ftc/server/read", 2, "kill"},
+                {"ftc/server/read", 2, "fail"},  {"ftc/store/commit", 2, "kill"},
+                {"ftc/store/commit", 2, "fail"}, {"ftc/store/committed", 2, "kill"}};
+  for (const auto& f : faults) {
+    SCOPED_TRACE(std::string(f.action) + " at " + f.point + " hit " + std::to_string(f.nth));
+    server.reset();
+    setenv("FTC_FAULT_POINTS", f.point, 1);
+    setenv("FTC_FAULT_NTH", std::to_string(f.nth).c_str(), 1);
+    setenv("FTC_FAULT_ACTION", f.action, 1);
+    server = StartServer(port);
+    for (const char* v : {"FTC_FAULT_POINTS", "FTC_FAULT_NTH", "FTC_FAULT_ACTION"}) unsetenv(v);
+    for (int i = 0; i < 3; ++i) {
+      std::string body = "<e" + std::to_string(++message) + "/>";
+      Spool("QV_Event_DB", body);
+      expected += body + " ";
+    }
+    if (std::string(f.action) == "kill") {
+      ASSERT_EQ(server->Wait(kPatience), 128);
+      server = StartServer(port);
+    }
+    ASSERT_TRUE(ftctest::WaitUntil([&] { return Left() == 0; }, kPatience));
+    EXPECT_EQ(StoredOf("QV_Event_DB"), expected);
+  }
+  kill(agent.pid(), SIGTERM);
+  EXPECT_EQ(agent.Wait(kPatience), 0);
+#endif
+}
+
 TEST_F(Deliver, APoisonMessageGoesAsideWithoutHoldingUpTheRest) {
   root.WriteIdentity("uniqueid=dev-7\nserial=S123\nhwcfg=HW 1.2\n");
   root.WriteFile("\\temp\\Quovera\\QVSubSystems\\QVBundles.xml", kBundles);

@@ -90,12 +90,18 @@ Child::~Child() {
   }
 }
 
-int Child::Wait(std::chrono::milliseconds timeout) {
+namespace {
+int WaitForExit(pid_t* pid, std::chrono::milliseconds timeout) {
   int status = 0;
-  if (m_pid <= 0 || !WaitUntil([&] { return waitpid(m_pid, &status, WNOHANG) == m_pid; }, timeout))
+  if (*pid <= 0 || !WaitUntil([&] { return waitpid(*pid, &status, WNOHANG) == *pid; }, timeout))
     return -1;
-  m_pid = -1;
+  *pid = -1;
   return WIFEXITED(status) ? WEXITSTATUS(status) : 128;
+}
+}  // namespace
+
+int Child::Wait(std::chrono::milliseconds timeout) {
+  return WaitForExit(&m_pid, timeout);
 }
 
 namespace {
@@ -180,6 +186,10 @@ ServerProcess::~ServerProcess() {
 
 std::string ServerProcess::url(const std::string& path) const {
   return "http://127.0.0.1:" + std::to_string(m_port) + path;
+}
+
+int ServerProcess::Wait(std::chrono::milliseconds timeout) {
+  return WaitForExit(&m_pid, timeout);
 }
 
 int ServerProcess::Stop() {

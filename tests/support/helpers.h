@@ -60,6 +60,8 @@ class ServerProcess {
   std::string url(const std::string& path = "") const;
   // Sends SIGTERM; the exit code, -1 when it did not exit normally.
   int Stop();
+  // Waits for it to end on its own: as Child::Wait.
+  int Wait(std::chrono::milliseconds timeout);
 
  private:
   pid_t m_pid = -1;

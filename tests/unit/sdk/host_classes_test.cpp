@@ -5,6 +5,8 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <filesystem>
+#include <iterator>
 #include <string>
 
 #include "platform/helpers.h"
@@ -52,13 +54,28 @@ TEST(SdkFileIO, WriteSeekAppendReadRoundTrip) {
   ASSERT_EQ(f.OpenForWriting(path, 0, 0), 1);  // without append the old bytes go
   f.Close();
   EXPECT_EQ(root.ReadFile(path), "");
+  // ... but only once the new file has its announced length: a short one leaves the old.
+  root.WriteFile(path, "old");
+  ASSERT_EQ(f.OpenForWriting(path, 0, 5), 1);
+  ASSERT_EQ(f.Write("new", 3), 1);
+  EXPECT_EQ(root.ReadFile(path), "old");
+  f.Close();
+  EXPECT_EQ(root.ReadFile(path), "old");
+  ASSERT_EQ(f.OpenForWriting(path, 0, 5), 1);
+  ASSERT_EQ(f.Write("new!!", 5), 1);
+  f.Close();
+  EXPECT_EQ(root.ReadFile(path), "new!!");
+  EXPECT_EQ(std::distance(std::filesystem::directory_iterator(root.HostPath("\\Flash File Store")),
+                          std::filesystem::directory_iterator()),
+            2)
+      << "app.bin and keep.txt, nothing beside them";
 
   EXPECT_EQ(f.OpenForWriting("\\No Such Folder\\a.bin", 0, 0), 0);
   EXPECT_EQ(f.Open("\\Flash File Store\\missing.bin", 1), 0);
   EXPECT_EQ(f.Size(), 0u);
 }
 
-TEST(SdkFileIO, StaleReadOnlyFileIsPreparedRemovedAndDeleted) {
+TEST(SdkFileIO, StaleReadOnlyFileIsPreparedKeptAndDeleted) {
   ftctest::DeviceRoot root;
   const char* path = "\\Flash File Store\\old.bin";
   root.WriteFile(path, "stale");
@@ -75,7 +92,9 @@ TEST(SdkFileIO, StaleReadOnlyFileIsPreparedRemovedAndDeleted) {
   f.Close();
 
   EXPECT_EQ(f.RemoveStale(path), 1);
-  EXPECT_FALSE(root.Exists(path));
+  EXPECT_TRUE(root.Exists(path)) << "replaced only by a whole new file";
+  EXPECT_EQ(f.RemoveStale("\\Flash File Store"), 0);
+  EXPECT_EQ(FileIO::Delete(path), 1);
   EXPECT_EQ(f.RemoveStale(path), 1);  // nothing stale is fine
   EXPECT_EQ(f.PrepareForWriting(path), 1);
 
