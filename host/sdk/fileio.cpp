@@ -41,6 +41,18 @@ int OpenPath(const char* path, int flags) {
   return fd;
 }
 
+// -1 when path cannot take a file (a folder, or refused; last error set), else whether a file
+// is there (*host then names it).
+int ExistingTarget(const char* path, std::string* host) {
+  struct stat st;
+  int found = Stat(path, &st, host);
+  if (found > 0 && S_ISDIR(st.st_mode)) {
+    SetLastError(ERROR_ACCESS_DENIED);
+    return -1;
+  }
+  return found;
+}
+
 // Write permission follows the device's read-only bit; only the owner's is given back.
 int ApplyReadOnly(const std::string& host, const struct stat& st, bool readOnly) {
   mode_t mode = st.st_mode & 07777;
@@ -96,14 +108,9 @@ int FileIO::Open(const char* path, int mode) {
 int FileIO::OpenForWriting(const char* path, int append, DWORD size) {
   Close();
   if (!append) {
-    struct stat st;
     std::string host;
-    int found = Stat(path, &st, &host);
+    int found = ExistingTarget(path, &host);
     if (found < 0) return 0;
-    if (found > 0 && S_ISDIR(st.st_mode)) {
-      SetLastError(ERROR_ACCESS_DENIED);
-      return 0;
-    }
     return SdkNoThrow<int>(0, [&] {
       if (found == 0 && (host = WinuxMapPath(path)).empty()) return 0;
       RemoveDeadTempsOnce(host);
@@ -140,15 +147,8 @@ int FileIO::PrepareForWriting(const char* path) {
 }
 
 int FileIO::RemoveStale(const char* path) {
-  struct stat st;
   std::string host;
-  int found = Stat(path, &st, &host);
-  if (found < 0) return 0;
-  if (found > 0 && S_ISDIR(st.st_mode)) {
-    SetLastError(ERROR_ACCESS_DENIED);
-    return 0;
-  }
-  return 1;
+  return ExistingTarget(path, &host) < 0 ? 0 : 1;
 }
 
 int FileIO::Write(const char* data, DWORD length) {
