@@ -181,11 +181,13 @@ int main(int argc, char** argv) {
     Log(Level::kError, "ftc-server: %s", e.c_str());
     return 1;
   }
-  server.Run();
+  // Said before the workers run: a fault that kills the server at its first request must not
+  // lose the line that says where it listens.
   std::printf("listening on %s\n", server.ListenAddress().c_str());
   if (!opt.adminBind.empty())
     std::printf("fleet page on http://%s/\n", server.AdminAddress().c_str());
   std::fflush(stdout);
+  server.Run();
   ftcservice::NotifyReady();
 
   // The watchdog hears from us only while every worker's loop keeps turning.
