@@ -35,7 +35,7 @@ class WINUX_API FileIO {
   // Size of the open file, 0 when none is open.
   DWORD Size();
   int IsOpen() const;
-  // A new file that reached its size replaces its path now (durably); a short one is dropped.
+  // A new file that reached its size replaces its path now; a short one is dropped.
   void Close();
   // Device attribute bits (0x1 read-only). 1 on success.
   int SetAttributes(const char* path, DWORD attributes);
