@@ -117,12 +117,13 @@ int FileIO::OpenForWriting(const char* path, int append, DWORD size) {
       auto r = std::make_unique<Replacement>();
       r->target = host;
       r->size = static_cast<off_t>(size);
+      struct timespec before = WinuxHostFolderTime(host);
       m_fd = hostbase::CreateTempBeside(host, 0666, &r->temp);
       if (m_fd < 0) {
         WinuxSetLastErrorFromErrno(errno);
         return 0;
       }
-      WinuxNoteHostPath(r->temp, true);
+      WinuxNoteHostPath(r->temp, true, &before);
       m_replacement = r.release();
       return 1;
     });
@@ -228,15 +229,16 @@ void FileIO::Close() {
   // Renamed without an fsync: a kill leaves the old version or the new, and a file that power
   // loss empties fails its CRC at the next validation and is fetched again. Syncing every small
   // file would cost more than fetching it.
+  struct timespec before = WinuxHostFolderTime(r->target);
   if (whole && !FTC_FAULT("ftc/host/rename", EIO) &&
       rename(r->temp.c_str(), r->target.c_str()) == 0) {
-    WinuxNoteHostPath(r->temp, false);
     WinuxNoteHostPath(r->target, true);
+    WinuxNoteHostPath(r->temp, false, &before);
     return;
   }
   if (whole) WinuxSetLastErrorFromErrno(errno);
   unlink(r->temp.c_str());
-  WinuxNoteHostPath(r->temp, false);
+  WinuxNoteHostPath(r->temp, false, &before);
 }
 
 int FileIO::SetAttributes(const char* path, DWORD attributes) {

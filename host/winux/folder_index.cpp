@@ -116,14 +116,31 @@ void NoteFolderChange(int folder, const struct timespec* before, const std::stri
   if (before && SameTime(*before, index.ctime)) index.ctime = st.st_ctim;
 }
 
-void NoteHostChange(const std::string& hostPath, bool present) {
+namespace {
+
+std::string ParentOf(const std::string& hostPath) {
   size_t slash = hostPath.rfind('/');
-  if (slash == std::string::npos || slash + 1 >= hostPath.size()) return;
-  std::string parent = slash == 0 ? "/" : hostPath.substr(0, slash);
+  if (slash == std::string::npos || slash + 1 >= hostPath.size()) return "";
+  return slash == 0 ? "/" : hostPath.substr(0, slash);
+}
+
+}  // namespace
+
+void NoteHostChange(const std::string& hostPath, bool present, const struct timespec* before) {
+  std::string parent = ParentOf(hostPath);
+  if (parent.empty()) return;
   int fd = open(parent.c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC);
   if (fd < 0) return;
-  NoteFolderChange(fd, nullptr, hostPath.substr(slash + 1), present);
+  NoteFolderChange(fd, before, hostPath.substr(parent.size() == 1 ? 1 : parent.size() + 1),
+                   present);
   close(fd);
+}
+
+struct timespec HostFolderTime(const std::string& hostPath) {
+  struct stat st;
+  std::string parent = ParentOf(hostPath);
+  if (parent.empty() || stat(parent.c_str(), &st) != 0) return {};
+  return st.st_ctim;
 }
 
 }  // namespace winux

@@ -99,7 +99,9 @@ std::string FindNoCase(int folder, const std::string& name, struct timespec* cti
 // it (null: unknown, so the next lookup reads the folder again).
 void NoteFolderChange(int folder, const struct timespec* before, const std::string& name,
                       bool present);
-void NoteHostChange(const std::string& hostPath, bool present);
+void NoteHostChange(const std::string& hostPath, bool present, const struct timespec* before);
+// The change time of the folder holding hostPath, zero when it cannot be read.
+struct timespec HostFolderTime(const std::string& hostPath);
 
 // ---- threads ------------------------------------------------------------------------------
 // Ends the calling platform thread when TerminateThread asked for it (a cancellation point).

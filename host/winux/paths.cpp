@@ -198,8 +198,12 @@ int WinuxUnlinkPath(const std::string& devicePath) {
   return 0;
 }
 
-void WinuxNoteHostPath(const std::string& hostPath, bool present) {
-  winux::NoteHostChange(hostPath, present);
+void WinuxNoteHostPath(const std::string& hostPath, bool present, const struct timespec* before) {
+  winux::NoteHostChange(hostPath, present, before);
+}
+
+struct timespec WinuxHostFolderTime(const std::string& hostPath) {
+  return winux::HostFolderTime(hostPath);
 }
 
 namespace winux {

@@ -25,8 +25,12 @@ WINUX_API int WinuxOpenPath(const std::string& devicePath, int flags, unsigned m
 WINUX_API int WinuxStatPath(const std::string& devicePath, struct stat* st, std::string* host);
 // Removes the file a device path names: 0, or the errno (ENOENT absent, EISDIR a folder).
 WINUX_API int WinuxUnlinkPath(const std::string& devicePath);
-// Tells the name index that the host made (present) or removed a file by host path.
-WINUX_API void WinuxNoteHostPath(const std::string& hostPath, bool present);
+// Tells the name index that the host made (present) or removed a file by host path. With the
+// folder's change time from just before (WinuxHostFolderTime), a change that was ours alone keeps
+// the index current instead of having the folder read again.
+WINUX_API void WinuxNoteHostPath(const std::string& hostPath, bool present,
+                                 const struct timespec* before = nullptr);
+WINUX_API struct timespec WinuxHostFolderTime(const std::string& hostPath);
 // How many times a folder was read to find a name in another case.
 WINUX_API unsigned long WinuxFolderReads();
 // WINUX_TIME_SCALE (default 1): every platform pause and timed wait is multiplied by it.
