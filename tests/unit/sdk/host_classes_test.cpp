@@ -14,6 +14,7 @@
 #include "platform/winux.h"
 #include "support/device_root.h"
 #include "support/helpers.h"
+#include "winux/winux_host.h"
 
 namespace {
 
@@ -102,6 +103,23 @@ TEST(SdkFileIO, StaleReadOnlyFileIsPreparedKeptAndDeleted) {
   EXPECT_EQ(FileIO::Delete(path), 1);
   EXPECT_EQ(FileIO::Delete(path), 0);
   EXPECT_EQ(FileIO::Delete("\\Flash File Store"), 0);  // folders are not files
+}
+
+// A download writes beside its file and renames it in; the folder's index follows both, so
+// filling a folder does not read it once per file.
+TEST(SdkFileIO, ReplacingFilesKeepsTheFolderIndexCurrent) {
+  ftctest::DeviceRoot root;
+  ASSERT_TRUE(CreateDirectory(L"\\bulk", nullptr));
+  const unsigned long before = WinuxFolderReads();
+  for (int i = 0; i < 300; ++i) {
+    std::string path = "\\BULK\\File" + std::to_string(i) + ".Bin";
+    FileIO f;
+    ASSERT_EQ(f.OpenForWriting(path.c_str(), 0, 1), 1) << i;
+    ASSERT_EQ(f.Write("x", 1), 1);
+    f.Close();
+  }
+  EXPECT_EQ(ftctest::ReadHostFile(root.path() + "/bulk/File299.Bin"), "x");
+  EXPECT_LE(WinuxFolderReads() - before, 2u);
 }
 
 TEST(SdkNetwork, SendsADatagramToTheDottedDestination) {
