@@ -2,6 +2,7 @@
 
 #include <dirent.h>
 #include <fcntl.h>
+#include <pthread.h>
 #include <signal.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -51,6 +52,22 @@ class Fd {
 
 std::atomic<unsigned long long> g_tempCounter{0};
 
+// getpid is a system call each time; a forked child takes its own number at the fork.
+std::atomic<pid_t> g_pid{0};
+
+pid_t Pid() {
+  static const bool hooked = pthread_atfork(nullptr, nullptr, [] { g_pid.store(0); }) == 0;
+  (void)hooked;
+  pid_t pid = g_pid.load(std::memory_order_relaxed);
+  if (pid == 0) g_pid.store(pid = getpid(), std::memory_order_relaxed);
+  return pid;
+}
+
+std::string TempName(const std::string& name) {
+  return "." + name + "." + std::to_string(Pid()) + "." +
+         std::to_string(g_tempCounter.fetch_add(1));
+}
+
 }  // namespace
 
 int CreateTempBeside(const std::string& path, unsigned mode, std::string* temp) {
@@ -58,9 +75,18 @@ int CreateTempBeside(const std::string& path, unsigned mode, std::string* temp) 
   std::string dir = slash == std::string::npos ? "" : path.substr(0, slash + 1);
   std::string name = slash == std::string::npos ? path : path.substr(slash + 1);
   for (int attempt = 0; attempt < 100; ++attempt) {
-    *temp = dir + "." + name + "." + std::to_string(getpid()) + "." +
-            std::to_string(g_tempCounter.fetch_add(1));
+    *temp = dir + TempName(name);
     int fd = open(temp->c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, mode);
+    if (fd >= 0 || errno != EEXIST) return fd;
+  }
+  return -1;
+}
+
+int CreateTempIn(int folder, const std::string& name, unsigned mode, std::string* temp) {
+  for (int attempt = 0; attempt < 100; ++attempt) {
+    *temp = TempName(name);
+    int fd =
+        openat(folder, temp->c_str(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, mode);
     if (fd >= 0 || errno != EEXIST) return fd;
   }
   return -1;

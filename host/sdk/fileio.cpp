@@ -26,12 +26,6 @@ bool Usable(const char* path) {
   return false;
 }
 
-// 1 found, 0 absent, -1 refused or unusable.
-int Stat(const char* path, struct stat* st, std::string* host) {
-  if (!Usable(path)) return -1;
-  return SdkNoThrow<int>(-1, [&]() { return WinuxStatPath(path, st, host); });
-}
-
 int OpenPath(const char* path, int flags) {
   if (!Usable(path)) return -1;
   int fd;
@@ -41,23 +35,20 @@ int OpenPath(const char* path, int flags) {
   return fd;
 }
 
-// -1 when path cannot take a file (a folder, or refused; last error set), else whether a file
-// is there (*host then names it).
-int ExistingTarget(const char* path, std::string* host) {
-  struct stat st;
-  int found = Stat(path, &st, host);
-  if (found > 0 && S_ISDIR(st.st_mode)) {
+// False when what the place holds cannot take a file (a folder; last error set).
+bool TakesFile(const WinuxPlace& place, int found) {
+  if (found > 0 && S_ISDIR(place.st().st_mode)) {
     SetLastError(ERROR_ACCESS_DENIED);
-    return -1;
+    return false;
   }
-  return found;
+  return found >= 0;
 }
 
 // Write permission follows the device's read-only bit; only the owner's is given back.
-int ApplyReadOnly(const std::string& host, const struct stat& st, bool readOnly) {
-  mode_t mode = st.st_mode & 07777;
-  mode = readOnly ? (mode & ~static_cast<mode_t>(0222)) : (mode | S_IWUSR);
-  if (mode != (st.st_mode & 07777) && chmod(host.c_str(), mode) != 0) {
+int ApplyReadOnly(WinuxPlace& place, bool readOnly) {
+  const mode_t was = place.st().st_mode & 07777;
+  mode_t mode = readOnly ? (was & ~static_cast<mode_t>(0222)) : (was | S_IWUSR);
+  if (mode != was && place.Chmod(mode) != 0) {
     WinuxSetLastErrorFromErrno(errno);
     return 0;
   }
@@ -79,21 +70,54 @@ void RemoveDeadTempsOnce(const std::string& host) {
 
 }  // namespace
 
-// The file a download writes until it is whole.
-struct FileIO::Replacement {
-  std::string target;
-  std::string temp;
-  off_t size = 0;
+// Where a download goes, found once for the calls that prepare it and the open that follows.
+struct FileIO::Lookup {
+  std::string path;  // the device path it was found for
+  WinuxPlace place;
+  int found = -1;  // as WinuxPlace::Find
 };
 
-FileIO::FileIO() : m_fd(-1), m_replacement(nullptr) {}
+// The file a download writes until it is whole. Its offset and extent are counted here, as
+// only this writer has it, so neither seeking to where it is nor checking it at the end asks
+// the kernel.
+struct FileIO::Replacement {
+  std::unique_ptr<Lookup> at;
+  std::string temp;
+  off_t size = 0;
+  off_t offset = 0;  // -1 after a failed write: unknown
+  off_t end = 0;
+};
+
+FileIO::FileIO() : m_fd(-1), m_replacement(nullptr), m_lookup(nullptr) {}
 
 FileIO::~FileIO() {
   Close();
+  delete m_lookup;
+}
+
+// again: the previous call's lookup serves when it was for the same path. Null when the path
+// is unusable or memory ran out.
+FileIO::Lookup* FileIO::Find(const char* path, bool again) {
+  if (!Usable(path)) return nullptr;
+  if (again && m_lookup && m_lookup->path == path) return m_lookup;
+  delete m_lookup;
+  m_lookup = nullptr;
+  return SdkNoThrow<Lookup*>(nullptr, [&]() {
+    auto lookup = std::make_unique<Lookup>();
+    lookup->path = path;
+    lookup->found = lookup->place.Find(path);
+    return m_lookup = lookup.release();
+  });
+}
+
+void FileIO::Forget() {
+  delete m_lookup;
+  m_lookup = nullptr;
 }
 
 int FileIO::Open(const char* path, int mode) {
   Close();
+  Forget();
   m_fd = OpenPath(path, mode == 1 ? O_RDONLY : O_RDWR);
   if (m_fd < 0) return 0;
   struct stat st;
@@ -108,26 +132,24 @@ int FileIO::Open(const char* path, int mode) {
 int FileIO::OpenForWriting(const char* path, int append, DWORD size) {
   Close();
   if (!append) {
-    std::string host;
-    int found = ExistingTarget(path, &host);
-    if (found < 0) return 0;
+    Lookup* lookup = Find(path, true);
+    if (!lookup || !TakesFile(lookup->place, lookup->found)) return 0;
     return SdkNoThrow<int>(0, [&] {
-      if (found == 0 && (host = WinuxMapPath(path)).empty()) return 0;
-      RemoveDeadTempsOnce(host);
+      RemoveDeadTempsOnce(lookup->place.host());
       auto r = std::make_unique<Replacement>();
-      r->target = host;
       r->size = static_cast<off_t>(size);
-      struct timespec before = WinuxHostFolderTime(host);
-      m_fd = hostbase::CreateTempBeside(host, 0666, &r->temp);
+      r->at.reset(lookup);
+      m_lookup = nullptr;
+      m_fd = r->at->place.CreateTemp(0666, &r->temp);
       if (m_fd < 0) {
         WinuxSetLastErrorFromErrno(errno);
         return 0;
       }
-      WinuxNoteHostPath(r->temp, true, &before);
       m_replacement = r.release();
       return 1;
     });
   }
+  Forget();
   m_fd = OpenPath(path, O_WRONLY | O_CREAT);
   if (m_fd < 0) return 0;
   // Not O_APPEND: a resumed download seeks back to its last checkpoint and writes from there.
@@ -140,16 +162,15 @@ int FileIO::OpenForWriting(const char* path, int append, DWORD size) {
 }
 
 int FileIO::PrepareForWriting(const char* path) {
-  struct stat st;
-  std::string host;
-  int found = Stat(path, &st, &host);
-  if (found <= 0) return found == 0 ? 1 : 0;
-  return ApplyReadOnly(host, st, false);
+  Lookup* lookup = Find(path, false);
+  if (!lookup) return 0;
+  if (lookup->found <= 0) return lookup->found == 0 ? 1 : 0;
+  return ApplyReadOnly(lookup->place, false);
 }
 
 int FileIO::RemoveStale(const char* path) {
-  std::string host;
-  return ExistingTarget(path, &host) < 0 ? 0 : 1;
+  Lookup* lookup = Find(path, true);
+  return lookup && TakesFile(lookup->place, lookup->found) ? 1 : 0;
 }
 
 int FileIO::Write(const char* data, DWORD length) {
@@ -160,6 +181,10 @@ int FileIO::Write(const char* data, DWORD length) {
   hostbase::IoStatus written = FTC_FAULT("ftc/download/write", ENOSPC)
                                    ? hostbase::IoStatus{ENOSPC, "write"}
                                    : hostbase::WriteAll(m_fd, data, length);
+  if (Replacement* r = m_replacement) {
+    r->offset = written.ok() && r->offset >= 0 ? r->offset + length : -1;
+    if (r->offset > r->end) r->end = r->offset;
+  }
   if (!written.ok()) {
     WinuxSetLastErrorFromErrno(written.error);  // a write that takes nothing reads as EIO
     return 0;
@@ -169,10 +194,14 @@ int FileIO::Write(const char* data, DWORD length) {
 
 int FileIO::Seek(DWORD offset) {
   if (m_fd < 0) return 0;
+  Replacement* r = m_replacement;
+  if (r && r->offset == static_cast<off_t>(offset)) return 1;
   if (lseek(m_fd, static_cast<off_t>(offset), SEEK_SET) < 0) {
     WinuxSetLastErrorFromErrno(errno);
+    if (r) r->offset = -1;
     return 0;
   }
+  if (r) r->offset = static_cast<off_t>(offset);
   return 1;
 }
 
@@ -220,34 +249,31 @@ void FileIO::Close() {
   if (m_fd < 0) return;
   std::unique_ptr<Replacement> r(m_replacement);
   m_replacement = nullptr;
-  struct stat st;
-  bool whole = r && fstat(m_fd, &st) == 0 && st.st_size == r->size;
-  // Retrying close after EINTR could close a descriptor another thread just got.
-  close(m_fd);
-  m_fd = -1;
-  if (!r) return;
   // Renamed without an fsync: a kill leaves the old version or the new, and a file that power
   // loss empties fails its CRC at the next validation and is fetched again. Syncing every small
   // file would cost more than fetching it.
-  struct timespec before = WinuxHostFolderTime(r->target);
-  if (whole && !FTC_FAULT("ftc/host/rename", EIO) &&
-      rename(r->temp.c_str(), r->target.c_str()) == 0) {
-    WinuxNoteHostPath(r->target, true);
-    WinuxNoteHostPath(r->temp, false, &before);
-    return;
-  }
-  if (whole) WinuxSetLastErrorFromErrno(errno);
-  unlink(r->temp.c_str());
-  WinuxNoteHostPath(r->temp, false, &before);
+  const bool whole = r && r->end == r->size;
+  int committed = !whole ? 0 : SdkNoThrow<int>(-1, [&]() {
+    if (FTC_FAULT("ftc/host/rename", EIO)) return -1;
+    return r->at->place.Commit(m_fd, r->temp) == 0 ? 1 : -1;
+  });
+  if (committed < 0) WinuxSetLastErrorFromErrno(errno);
+  // Retrying close after EINTR could close a descriptor another thread just got.
+  close(m_fd);
+  m_fd = -1;
+  if (r && committed <= 0)
+    SdkNoThrow<int>(0, [&]() {
+      r->at->place.Remove(r->temp);
+      return 0;
+    });
 }
 
 int FileIO::SetAttributes(const char* path, DWORD attributes) {
-  struct stat st;
-  std::string host;
-  int found = Stat(path, &st, &host);
-  if (found == 0) WinuxSetLastErrorFromErrno(ENOENT);
-  if (found <= 0) return 0;
-  return ApplyReadOnly(host, st, (attributes & FILE_ATTRIBUTE_READONLY) != 0);
+  Lookup* lookup = Find(path, false);
+  if (!lookup) return 0;
+  if (lookup->found == 0) WinuxSetLastErrorFromErrno(ENOENT);
+  if (lookup->found <= 0) return 0;
+  return ApplyReadOnly(lookup->place, (attributes & FILE_ATTRIBUTE_READONLY) != 0);
 }
 
 int FileIO::Delete(const char* path) {

@@ -96,24 +96,32 @@ std::string FindNoCase(int folder, const std::string& name, struct timespec* cti
   return found == it->second.names.end() ? "" : found->second;
 }
 
-void NoteFolderChange(int folder, const struct timespec* before, const std::string& name,
-                      bool present) {
+void NoteFolderChanges(int folder, const struct timespec* before,
+                       std::initializer_list<FolderChange> changes, struct timespec* after) {
   struct stat st;
   if (fstat(folder, &st) != 0) return;
+  if (after) *after = st.st_ctim;
   std::lock_guard<std::mutex> guard(g_lock);
   auto it = g_indexes.find(FolderKey{st.st_dev, st.st_ino});
   if (it == g_indexes.end()) return;
   Index& index = it->second;
-  std::string key = Fold(name);
-  if (present) {
-    index.names.emplace(key, name);
-  } else {
+  for (const FolderChange& change : changes) {
+    std::string key = Fold(change.name);
+    if (change.present) {
+      index.names.emplace(key, change.name);
+      continue;
+    }
     auto found = index.names.find(key);
-    if (found != index.names.end() && found->second == name) index.names.erase(found);
+    if (found != index.names.end() && found->second == change.name) index.names.erase(found);
     if (index.folded) return;  // another spelling may remain: read the folder again
   }
   // Only when nothing else changed the folder since it was last seen: our change alone.
   if (before && SameTime(*before, index.ctime)) index.ctime = st.st_ctim;
+}
+
+void NoteFolderChange(int folder, const struct timespec* before, const std::string& name,
+                      bool present) {
+  NoteFolderChanges(folder, before, {{name, present}}, nullptr);
 }
 
 namespace {
@@ -134,13 +142,6 @@ void NoteHostChange(const std::string& hostPath, bool present, const struct time
   NoteFolderChange(fd, before, hostPath.substr(parent.size() == 1 ? 1 : parent.size() + 1),
                    present);
   close(fd);
-}
-
-struct timespec HostFolderTime(const std::string& hostPath) {
-  struct stat st;
-  std::string parent = ParentOf(hostPath);
-  if (parent.empty() || stat(parent.c_str(), &st) != 0) return {};
-  return st.st_ctim;
 }
 
 }  // namespace winux

@@ -4,6 +4,7 @@
 
 #include <sys/stat.h>
 
+#include <initializer_list>
 #include <memory>
 #include <string>
 
@@ -99,9 +100,15 @@ std::string FindNoCase(int folder, const std::string& name, struct timespec* cti
 // it (null: unknown, so the next lookup reads the folder again).
 void NoteFolderChange(int folder, const struct timespec* before, const std::string& name,
                       bool present);
+// Several changes made one after the other; *after (when given) the folder's change time seen
+// after them, to serve as before for the next change.
+struct FolderChange {
+  const std::string& name;
+  bool present;
+};
+void NoteFolderChanges(int folder, const struct timespec* before,
+                       std::initializer_list<FolderChange> changes, struct timespec* after);
 void NoteHostChange(const std::string& hostPath, bool present, const struct timespec* before);
-// The change time of the folder holding hostPath, zero when it cannot be read.
-struct timespec HostFolderTime(const std::string& hostPath);
 
 // ---- threads ------------------------------------------------------------------------------
 // Ends the calling platform thread when TerminateThread asked for it (a cancellation point).

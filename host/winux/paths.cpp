@@ -198,12 +198,8 @@ int WinuxUnlinkPath(const std::string& devicePath) {
   return 0;
 }
 
-void WinuxNoteHostPath(const std::string& hostPath, bool present, const struct timespec* before) {
-  winux::NoteHostChange(hostPath, present, before);
-}
-
-struct timespec WinuxHostFolderTime(const std::string& hostPath) {
-  return winux::HostFolderTime(hostPath);
+void WinuxNoteHostPath(const std::string& hostPath, bool present) {
+  winux::NoteHostChange(hostPath, present, nullptr);
 }
 
 namespace winux {

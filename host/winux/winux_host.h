@@ -25,12 +25,40 @@ WINUX_API int WinuxOpenPath(const std::string& devicePath, int flags, unsigned m
 WINUX_API int WinuxStatPath(const std::string& devicePath, struct stat* st, std::string* host);
 // Removes the file a device path names: 0, or the errno (ENOENT absent, EISDIR a folder).
 WINUX_API int WinuxUnlinkPath(const std::string& devicePath);
-// Tells the name index that the host made (present) or removed a file by host path. With the
-// folder's change time from just before (WinuxHostFolderTime), a change that was ours alone keeps
-// the index current instead of having the folder read again.
-WINUX_API void WinuxNoteHostPath(const std::string& hostPath, bool present,
-                                 const struct timespec* before = nullptr);
-WINUX_API struct timespec WinuxHostFolderTime(const std::string& hostPath);
+// Tells the name index that the host made (present) or removed a file by host path, so that the
+// next lookup in that folder reads it again.
+WINUX_API void WinuxNoteHostPath(const std::string& hostPath, bool present);
+// A device file's place, found once for the few calls a download makes on it: its folder stays
+// open beneath the root, so later calls neither resolve the path again nor follow anything put
+// in its way meanwhile, and the folder's name index is kept current by each change made here.
+class WINUX_API WinuxPlace {
+ public:
+  WinuxPlace();
+  ~WinuxPlace();
+  WinuxPlace(const WinuxPlace&) = delete;
+  WinuxPlace& operator=(const WinuxPlace&) = delete;
+
+  // 1 something is there (st(), links followed), 0 nothing, -1 refused (last error set).
+  int Find(const std::string& devicePath);
+  const struct stat& st() const;
+  // The host path found (a link's target when the name is a link).
+  const std::string& host() const;
+  // chmod of what is there, never of a link put in its place; -1 with errno.
+  int Chmod(unsigned mode);
+  // Creates and opens a new file for writing that takes the place's name only at Commit: an
+  // unnamed one (*temp empty) where nothing is there yet, else one beside it (see
+  // hostbase::CreateTempBeside). -1 with errno.
+  int CreateTemp(unsigned mode, std::string* temp);
+  // Puts the new file, still open as fd, in the place's name, replacing what is there; -1
+  // with errno.
+  int Commit(int fd, const std::string& temp);
+  // Drops a new file that is not to be committed (after its descriptor is closed).
+  void Remove(const std::string& temp);
+
+ private:
+  struct State;
+  State* m_state;
+};
 // How many times a folder was read to find a name in another case.
 WINUX_API unsigned long WinuxFolderReads();
 // WINUX_TIME_SCALE (default 1): every platform pause and timed wait is multiplied by it.

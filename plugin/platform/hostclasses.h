@@ -43,10 +43,14 @@ class WINUX_API FileIO {
   static int Delete(const char* path);
 
  private:
+  struct Lookup;
   struct Replacement;
+  Lookup* Find(const char* path, bool again);
+  void Forget();
 
   int m_fd;
   Replacement* m_replacement;
+  Lookup* m_lookup;
 };
 
 // The registry by full paths: "HKEY_LOCAL_MACHINE\System\ImageUpdate\UpdateApp" names a key,

@@ -588,6 +588,8 @@ int CHTTPClient::DropConnection(const char* line, const wchar_t* debug) {
 }
 
 int CHTTPClient::EndAttempt(int result) {
+  // The peer can close its side while the file is being closed, so the drain rarely waits.
+  HalfClose();
   CloseFile();
   CloseURL();
   return result;

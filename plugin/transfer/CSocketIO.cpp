@@ -1,5 +1,6 @@
 #include "transfer/CSocketIO.h"
 
+#include <cerrno>
 #include <chrono>
 #include <cstring>
 #include <cwchar>
@@ -31,7 +32,7 @@ void DebugText(const wchar_t* format, int value) {
 
 }  // namespace
 
-CSocketIO::CSocketIO() : m_socket(-1), m_dwDrainTimeout(10000) {
+CSocketIO::CSocketIO() : m_socket(-1), m_mode(-1), m_bHalfClosed(false), m_dwDrainTimeout(10000) {
   std::memset(&m_addr, 0, sizeof m_addr);
   m_addr.family = AF_INET;
   m_addr.ip = htonl(INADDR_ANY);
@@ -61,6 +62,8 @@ int CSocketIO::CreateTcpSocket() {
     LogMsg("FileTransferConfiglet - CSocketIO::CreateTcpSocket - Error Invalid Socket\r\n");
     return 0;
   }
+  m_mode = 0;  // a new socket blocks
+  m_bHalfClosed = false;
   return 1;
 }
 
@@ -76,16 +79,18 @@ int CSocketIO::Connect(DWORD ip, WORD port, DWORD timeoutMs) {
 
   // A blocking connect to a silent address outlasts any sensible time-out, so the handshake
   // runs non-blocking and the writability wait bounds it; the caller's mode is restored after.
-  int flags = fcntl(m_socket, F_GETFL, 0);
+  int flags = m_mode >= 0 ? (m_mode ? O_NONBLOCK : 0) : fcntl(m_socket, F_GETFL, 0);
   bool restoreBlocking = flags != -1 && !(flags & O_NONBLOCK);
   if (restoreBlocking) fcntl(m_socket, F_SETFL, flags | O_NONBLOCK);
 
   int rc = connect(m_socket, reinterpret_cast<const sockaddr*>(&peer), sizeof peer);
   int err = 0;
+  bool waited = false;
   if (rc == -1 && errno != EINPROGRESS) {
     err = errno;
   } else if (rc == -1) {
     if (!SocketWriteable(timeoutMs)) return 0;
+    waited = true;
     socklen_t len = sizeof err;
     if (getsockopt(m_socket, SOL_SOCKET, SO_ERROR, &err, &len) == -1) err = errno;
   }
@@ -99,10 +104,13 @@ int CSocketIO::Connect(DWORD ip, WORD port, DWORD timeoutMs) {
     return 0;
   }
   if (restoreBlocking) fcntl(m_socket, F_SETFL, flags);
+  // The wait above already found the new connection writable; asking again would tell the same.
+  if (waited) return 1;
   return SocketWriteable(timeoutMs) ? 1 : 0;
 }
 
 int CSocketIO::SetMode(int mode) {
+  if (m_socket != -1 && m_mode == (mode ? 1 : 0)) return 1;
   return SetMode(m_socket, mode);
 }
 
@@ -112,6 +120,7 @@ int CSocketIO::SetMode(int socket, int mode) {
     TakeSocketError();
     return 0;
   }
+  if (socket == m_socket && socket != -1) m_mode = mode ? 1 : 0;
   return 1;
 }
 
@@ -249,9 +258,15 @@ char* CSocketIO::IPToString(DWORD ip, char* text) {
   return text;
 }
 
+void CSocketIO::HalfClose() {
+  if (m_socket == -1 || m_bHalfClosed) return;
+  shutdown(m_socket, SHUT_WR);
+  m_bHalfClosed = true;
+}
+
 int CSocketIO::Disconnect() {
   if (m_socket == -1) return 0;
-  shutdown(m_socket, SHUT_WR);
+  HalfClose();
   // Drain until the peer closes, but never longer than the drain time-out: a peer that keeps
   // the connection open (or keeps sending) must not hold the caller.
   using Clock = std::chrono::steady_clock;
@@ -269,8 +284,15 @@ int CSocketIO::Disconnect() {
 }
 
 int CSocketIO::Close() {
+  // Closing twice is common (a failed attempt closes, then its caller does): no call for that.
+  if (m_socket == -1) {
+    errno = EBADF;
+    return -1;
+  }
   int rc = close(m_socket);
   m_socket = -1;
+  m_mode = -1;
+  m_bHalfClosed = false;
   return rc;
 }
 

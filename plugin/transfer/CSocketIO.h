@@ -32,6 +32,8 @@ class CSocketIO {
   // ip in host order; text must hold 16 bytes. Returns text, or null.
   char* IPToString(DWORD ip, char* text);
   int Disconnect();
+  // Disconnect's first half alone (no more sends); Disconnect then only drains.
+  void HalfClose();
   int Close();
   int IsConnected();
 
@@ -49,6 +51,8 @@ class CSocketIO {
   };
 
   int m_socket;  // descriptor, -1 when there is none
+  int m_mode;    // of m_socket as last set: 0 blocking, 1 not, -1 unknown
+  bool m_bHalfClosed;
   Address m_addr;
   DWORD m_dwDrainTimeout;
 

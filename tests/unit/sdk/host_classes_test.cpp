@@ -66,10 +66,17 @@ TEST(SdkFileIO, WriteSeekAppendReadRoundTrip) {
   ASSERT_EQ(f.Write("new!!", 5), 1);
   f.Close();
   EXPECT_EQ(root.ReadFile(path), "new!!");
+  // A file made under the name while a new one was written is replaced like an old one.
+  const char* raced = "\\Flash File Store\\raced.bin";
+  ASSERT_EQ(f.OpenForWriting(raced, 0, 3), 1);
+  root.WriteFile(raced, "other");
+  ASSERT_EQ(f.Write("new", 3), 1);
+  f.Close();
+  EXPECT_EQ(root.ReadFile(raced), "new");
   EXPECT_EQ(std::distance(std::filesystem::directory_iterator(root.HostPath("\\Flash File Store")),
                           std::filesystem::directory_iterator()),
-            2)
-      << "app.bin and keep.txt, nothing beside them";
+            3)
+      << "app.bin, raced.bin and keep.txt, nothing beside them";
 
   EXPECT_EQ(f.OpenForWriting("\\No Such Folder\\a.bin", 0, 0), 0);
   EXPECT_EQ(f.Open("\\Flash File Store\\missing.bin", 1), 0);
