@@ -6,6 +6,7 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <chrono>
 #include <cstdio>
 #include <cstring>
 #include <memory>
@@ -97,31 +98,54 @@ FILE* Appender(const HeldFd& fd) {
 }
 
 // Append descriptors kept while their path still names the same file: a log opened anew for
-// every line then costs one stat beside the write, not an open, a stat and a close.
+// every line then costs a write, not an open, a stat and a close. The path is looked at again
+// when this process removed or renamed any name since, or once kRecheck has passed since it was
+// last seen naming the file: a log replaced or removed from outside is followed within that time.
 struct KeptAppend {
   std::string key;
   dev_t dev;
   ino_t ino;
+  bool readOnly;
+  std::chrono::steady_clock::time_point seen;
+  unsigned long removals;  // Removals() when seen
   HeldFd fd;
 };
+const auto kRecheck = std::chrono::milliseconds(1);
 // Never destroyed: detached threads may still log while the process exits.
 std::mutex& g_keptLock = *new std::mutex();
 std::vector<KeptAppend>& g_kept = *new std::vector<KeptAppend>();
 const size_t kMaxKept = 8;
 
+KeptAppend* FindKept(const std::string& key) {
+  for (KeptAppend& k : g_kept)
+    if (k.key == key) return &k;
+  return nullptr;
+}
+
 // The kept descriptor of the file path names now; null when there is none. *key names the path
 // for Keep.
 HeldFd Kept(const char* path, bool* readOnly, std::string* key) {
+  if (StatBeneath(path, nullptr, key) != 0) return nullptr;
+  const auto now = std::chrono::steady_clock::now();
+  {
+    std::lock_guard<std::mutex> guard(g_keptLock);
+    KeptAppend* k = FindKept(*key);
+    if (!k) return nullptr;
+    if (now - k->seen < kRecheck && k->removals == Removals()) {
+      *readOnly = k->readOnly;
+      return k->fd;
+    }
+  }
+  const unsigned long removals = Removals();
   struct stat st;
   if (StatBeneath(path, &st, key) != 0) return nullptr;
   std::lock_guard<std::mutex> guard(g_keptLock);
-  for (const KeptAppend& k : g_kept) {
-    if (k.key != *key) continue;
-    if (k.dev != st.st_dev || k.ino != st.st_ino) return nullptr;
-    *readOnly = ReadOnlyMode(st.st_mode);
-    return k.fd;
-  }
-  return nullptr;
+  KeptAppend* k = FindKept(*key);
+  if (!k || k->dev != st.st_dev || k->ino != st.st_ino) return nullptr;
+  k->readOnly = *readOnly = ReadOnlyMode(st.st_mode);
+  k->seen = now;
+  k->removals = removals;
+  return k->fd;
 }
 
 void Keep(const std::string& key, const HeldFd& fd) {
@@ -134,7 +158,8 @@ void Keep(const std::string& key, const HeldFd& fd) {
       break;
     }
   if (g_kept.size() >= kMaxKept) g_kept.erase(g_kept.begin());
-  g_kept.push_back(KeptAppend{key, st.st_dev, st.st_ino, fd});
+  g_kept.push_back(KeptAppend{key, st.st_dev, st.st_ino, ReadOnlyMode(st.st_mode),
+                              std::chrono::steady_clock::now(), Removals(), fd});
 }
 
 // chmod through the folder, never following a link put in the leaf's place since the lookup.
@@ -145,7 +170,10 @@ int ChmodMapped(const MappedPath& path, mode_t mode) {
 
 // unlink or rmdir through the folder, keeping its name index current.
 int RemoveMapped(MappedPath& path, int flags) {
-  if (!path.folder) return flags ? rmdir(path.host.c_str()) : unlink(path.host.c_str());
+  if (!path.folder) {
+    CountRemoval();
+    return flags ? rmdir(path.host.c_str()) : unlink(path.host.c_str());
+  }
   StampFolder(path);
   int rc = unlinkat(path.folder->fd, path.leaf.c_str(), flags);
   if (rc == 0) NoteMappedChange(path, path.leaf, false);

@@ -96,8 +96,20 @@ std::string FindNoCase(int folder, const std::string& name, struct timespec* cti
   return found == it->second.names.end() ? "" : found->second;
 }
 
+std::atomic<unsigned long>& g_removals = *new std::atomic<unsigned long>(0);
+
+unsigned long Removals() {
+  return g_removals.load(std::memory_order_acquire);
+}
+
+void CountRemoval() {
+  g_removals.fetch_add(1, std::memory_order_acq_rel);
+}
+
 void NoteFolderChanges(int folder, const struct timespec* before,
                        std::initializer_list<FolderChange> changes, struct timespec* after) {
+  for (const FolderChange& change : changes)
+    if (!change.present) CountRemoval();
   struct stat st;
   if (fstat(folder, &st) != 0) return;
   if (after) *after = st.st_ctim;
@@ -135,6 +147,7 @@ std::string ParentOf(const std::string& hostPath) {
 }  // namespace
 
 void NoteHostChange(const std::string& hostPath, bool present, const struct timespec* before) {
+  if (!present) CountRemoval();
   std::string parent = ParentOf(hostPath);
   if (parent.empty()) return;
   int fd = open(parent.c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC);

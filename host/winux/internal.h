@@ -77,7 +77,8 @@ MappedPath MapDevicePath(const std::string& devicePath);
 // or truncating it); *st (when given) its status. -1 when the full lookup must decide.
 int OpenExisting(const std::string& devicePath, int flags, struct stat* st);
 // fstatat of the path under its base (not following a link in its place), without opening it;
-// *key its host path. Only for telling whether the path still names a file already open.
+// *key its host path. Only for telling whether the path still names a file already open. A
+// null st only sets *key.
 int StatBeneath(const std::string& devicePath, struct stat* st, std::string* key);
 // open(2) of a mapped path through its folder (never following a link put there since); a file
 // it creates is added to the folder's index. -1 with errno.
@@ -109,6 +110,10 @@ struct FolderChange {
 void NoteFolderChanges(int folder, const struct timespec* before,
                        std::initializer_list<FolderChange> changes, struct timespec* after);
 void NoteHostChange(const std::string& hostPath, bool present, const struct timespec* before);
+// How many names the host has removed (renamed away included): a name seen before the count
+// last changed may name something else now.
+unsigned long Removals();
+void CountRemoval();
 
 // ---- threads ------------------------------------------------------------------------------
 // Ends the calling platform thread when TerminateThread asked for it (a cancellation point).

@@ -191,7 +191,10 @@ int WinuxUnlinkPath(const std::string& devicePath) {
   if (mapped.host.empty()) return EACCES;
   if (!mapped.exists) return ENOENT;
   if (S_ISDIR(mapped.st.st_mode)) return EISDIR;
-  if (!mapped.folder) return unlink(mapped.host.c_str()) == 0 ? 0 : errno;
+  if (!mapped.folder) {
+    winux::CountRemoval();
+    return unlink(mapped.host.c_str()) == 0 ? 0 : errno;
+  }
   winux::StampFolder(mapped);
   if (unlinkat(mapped.folder->fd, mapped.leaf.c_str(), 0) != 0) return errno;
   winux::NoteMappedChange(mapped, mapped.leaf, false);
@@ -450,7 +453,7 @@ int StatBeneath(const std::string& devicePath, struct stat* st, std::string* key
   for (const std::string& part : d.parts) rel += (rel.empty() ? "" : "/") + part;
   if (rel.empty() || !GetBase(d.ram, false, &base)) return -1;
   *key = JoinHost(base.real, rel);
-  return fstatat(base.fd->fd, rel.c_str(), st, AT_SYMLINK_NOFOLLOW);
+  return st ? fstatat(base.fd->fd, rel.c_str(), st, AT_SYMLINK_NOFOLLOW) : 0;
 }
 
 MappedPath MapDevicePath(const std::string& devicePath) {

@@ -3,10 +3,12 @@
 #include <sys/stat.h>
 
 #include <algorithm>
+#include <chrono>
 #include <cstring>
 #include <filesystem>
 #include <set>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "platform/winux.h"
@@ -178,3 +180,27 @@ TEST(WinuxFiles, HandleReadWriteSeekAndStaleHandles) {
 }
 
 }  // namespace
+
+// An append stream keeps its descriptor between opens while the path still names the file: a
+// log the host removes is made anew at once, one replaced from outside within a moment.
+TEST(WinuxFiles, AppendOpensFollowARemovedOrReplacedFile) {
+  ftctest::DeviceRoot root;
+  ASSERT_TRUE(CreateDirectory(L"\\tmp", nullptr));
+  auto line = [](const char* text) {
+    FILE* f = WinuxFopen("\\tmp\\log.txt", "a");
+    ASSERT_NE(f, nullptr);
+    fputs(text, f);
+    fclose(f);
+  };
+  line("a");
+  line("b");
+  EXPECT_EQ(root.ReadFile("\\tmp\\log.txt"), "ab");
+  ASSERT_TRUE(DeleteFile(L"\\tmp\\log.txt"));
+  line("c");
+  EXPECT_EQ(root.ReadFile("\\tmp\\log.txt"), "c");
+  fs::rename(root.HostPath("\\tmp\\log.txt"), root.HostPath("\\tmp\\old.txt"));
+  std::this_thread::sleep_for(std::chrono::milliseconds(5));
+  line("d");
+  EXPECT_EQ(root.ReadFile("\\tmp\\log.txt"), "d");
+  EXPECT_EQ(root.ReadFile("\\tmp\\old.txt"), "c");
+}
