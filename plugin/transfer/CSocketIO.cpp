@@ -85,12 +85,22 @@ int CSocketIO::Connect(DWORD ip, WORD port, DWORD timeoutMs) {
 
   int rc = connect(m_socket, reinterpret_cast<const sockaddr*>(&peer), sizeof peer);
   int err = 0;
-  bool waited = false;
+  // Whether the connection was just seen established, and so writable: asking again would
+  // tell the same.
+  bool established = false;
+  // Near peers (this machine, the next switch) have often answered before connect returns; a
+  // second call then says so without a wait.
+  if (rc == -1 && errno == EINPROGRESS) {
+    rc = connect(m_socket, reinterpret_cast<const sockaddr*>(&peer), sizeof peer);
+    if (rc == -1 && errno == EISCONN) rc = 0;
+    if (rc == -1 && errno == EALREADY) errno = EINPROGRESS;
+    established = rc == 0;
+  }
   if (rc == -1 && errno != EINPROGRESS) {
     err = errno;
   } else if (rc == -1) {
     if (!SocketWriteable(timeoutMs)) return 0;
-    waited = true;
+    established = true;
     socklen_t len = sizeof err;
     if (getsockopt(m_socket, SOL_SOCKET, SO_ERROR, &err, &len) == -1) err = errno;
   }
@@ -104,8 +114,7 @@ int CSocketIO::Connect(DWORD ip, WORD port, DWORD timeoutMs) {
     return 0;
   }
   if (restoreBlocking) fcntl(m_socket, F_SETFL, flags);
-  // The wait above already found the new connection writable; asking again would tell the same.
-  if (waited) return 1;
+  if (established) return 1;
   return SocketWriteable(timeoutMs) ? 1 : 0;
 }
 
