@@ -281,12 +281,15 @@ int CSocketIO::Disconnect() {
   using Clock = std::chrono::steady_clock;
   Clock::time_point deadline = Clock::now() + std::chrono::milliseconds(m_dwDrainTimeout);
   char scratch[512];
-  for (;;) {
-    auto left = std::chrono::duration_cast<std::chrono::milliseconds>(deadline - Clock::now());
-    if (left.count() <= 0) break;
-    if (Wait(POLLIN, static_cast<int>(left.count())) != 1) break;
+  // What is there already needs no wait: after an early half-close the peer's close often is.
+  for (bool wait = false;; wait = true) {
+    if (wait) {
+      auto left = std::chrono::duration_cast<std::chrono::milliseconds>(deadline - Clock::now());
+      if (left.count() <= 0) break;
+      if (Wait(POLLIN, static_cast<int>(left.count())) != 1) break;
+    }
     ssize_t rc = recv(m_socket, scratch, sizeof scratch, MSG_DONTWAIT);
-    if (rc == -1 && errno == EINTR) continue;
+    if (rc == -1 && (errno == EINTR || errno == EAGAIN || errno == EWOULDBLOCK)) continue;
     if (rc <= 0) break;
   }
   return 1;
