@@ -6,7 +6,8 @@
 # Usage: bench/run.sh BUILD_DIR
 # Sizes come from the environment: BENCH_BIG_MB (1024), BENCH_SMALL_FILES (10000), BENCH_FOLDERS
 # (100), BENCH_WRK_SECONDS (5), BENCH_ROUNDS (3); BENCH_PARTS picks parts (abcdefg); BENCH_DIR keeps the data somewhere chosen
-# (default: a fresh folder under /tmp, removed at the end unless BENCH_KEEP=1).
+# (default: a fresh folder under /tmp, removed at the end unless BENCH_KEEP=1); BENCH_ON_DISK=1
+# has part c write its files there too rather than under /dev/shm.
 set -euo pipefail
 
 BUILD=$(cd "${1:?usage: bench/run.sh BUILD_DIR}" && pwd)
