@@ -74,45 +74,6 @@ TEST(Configlet, OnlyTheInterfaceIsExported) {
   EXPECT_EQ(names, expected);
 }
 
-TEST(Configlet, AJobIsBuiltThroughGroupsAndFieldsAndLogged) {
-  ftctest::DeviceRoot root;
-  PluginHost host;
-  ASSERT_EQ(host.BeginGroup("FileTransferConfiglet"), 0u);
-  EXPECT_EQ(host.Group("Syslog", {{"Address", "10.1.2.3"}, {"Port", "514"}}), 0u);
-  EXPECT_EQ(host.Group("HTTPServer", {{"IPAddress", "127.0.0.1"},
-                                      {"HTTPPort", "8080"},
-                                      {"BaseURL", "http://127.0.0.1:8080"}}),
-            0u);
-  ASSERT_EQ(host.BeginGroup("Download"), 0u);
-  EXPECT_EQ(host.Group("File", {{"Source", "os/app.bin"},
-                                {"Dest", "\\Flash File Store\\app.bin"},
-                                {"CRC", "3632233996"},
-                                {"MCTMask", "*"}}),
-            0u);
-  ASSERT_EQ(host.EndGroup("Download"), 0u);
-  EXPECT_EQ(host.SetField("BundleName", "Demo"), 0u);
-
-  EXPECT_EQ(host.SetField("Val", "1"), ICFG_E_UNKNOWN);
-  std::string text;
-  EXPECT_EQ(host.GetField("BundleName", &text), ICFG_E_UNKNOWN);
-  EXPECT_EQ(host.EndGroup("NoSuchGroup"), 0u);
-  ASSERT_EQ(host.EndGroup("FileTransferConfiglet"), 0u);
-
-  std::string log = root.Log();
-  const char* const inOrder[] = {
-      "Allocating gpUpgCfg\r\n",       "IcfgSetField - Address, 10.1.2.3\r\n",
-      "IcfgSetField - Port, 514\r\n",  "IcfgSetField - BaseURL, http://127.0.0.1:8080\r\n",
-      "IcfgSetField - MCTMask, *\r\n", "IcfgSetField - BundleName, Demo\r\n",
-      "IcfgSetField - Val, 1\r\n",
-  };
-  size_t at = 0;
-  for (const char* line : inOrder) {
-    size_t found = log.find(line, at);
-    ASSERT_NE(found, std::string::npos) << line << "in:\n" << log;
-    at = found + strlen(line);
-  }
-}
-
 TEST(Configlet, MissingArgumentsAreRefusedWithoutACrash) {
   ftctest::DeviceRoot root;
   // No IcfgInitialize: the host skipped a step; group calls must still be safe.

@@ -220,7 +220,11 @@ TEST_F(Protocol, GroupsAreCheckedTheLastNameKeptAndInstanceZeroStartsAJob) {
   EXPECT_EQ(std::string(gCurrentGroup), longName.substr(0, 127));
   // Only instance zero starts a new job.
   ASSERT_EQ(Begin("FileTransferConfiglet"), 0u);
+  EXPECT_NE(Log().find("Allocating gpUpgCfg\r\n"), std::string::npos);
   ASSERT_EQ(Set("BundleName", "First"), 0u);
+  char value[64] = {};
+  uint32_t length = sizeof value;
+  EXPECT_EQ(IcfgGetField("BundleName", 0, 0, value, &length), ICFG_E_UNKNOWN);  // write-only
   ASSERT_EQ(Begin("FileTransferConfiglet", 1), 0u);
   EXPECT_STREQ(Job().GetBundleName(), "First");
   ASSERT_EQ(Begin("FileTransferConfiglet", 0), 0u);

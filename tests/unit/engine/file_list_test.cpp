@@ -32,24 +32,6 @@ TEST(DeviceMask, MatchesAsAPrefixPatternBothWays) {
         << (c.mask ? c.mask : "(null)") << " vs " << c.mct;
 }
 
-TEST(Trim, CutsAtEveryLineControlCharacterFromTheEnd) {
-  struct Case {
-    const char* in;
-    const char* out;
-  } cases[] = {{"AB\r\nCD\n", "AB"},
-               {"plain", "plain"},
-               {"tab\tkept ", "tab\tkept "},
-               {"\x0e\x0f", ""},
-               {"", ""}};
-  for (const Case& c : cases) {
-    char buf[32];
-    strcpy(buf, c.in);
-    trim(buf);
-    EXPECT_STREQ(buf, c.out) << c.in;
-  }
-  trim(nullptr);
-}
-
 struct Entry {
   std::string source, dest, masks, crc, size;
 };

@@ -67,6 +67,7 @@ TEST(Log, DestinationChoiceFollowsAddressAndPort) {
       {"127.0.0.1", 0, true},
       {"not-an-address", 514, false},
       {"", 514, false},
+      {"256.1.1.1", 514, false},
   };
   for (const Case& c : cases) {
     ftctest::DeviceRoot root;

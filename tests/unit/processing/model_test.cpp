@@ -118,20 +118,3 @@ TEST(ProcessingModel, OverlongTextsAreRefusedNotCut) {
   EXPECT_EQ(0, exe.SetCmdLine(tooLong.c_str()));
   EXPECT_STREQ("", exe.GetCmdLine());
 }
-
-TEST(ProcessingModel, ListUnlinksOnlyTheFirstMatchingNode) {
-  int a = 1, b = 2;
-  LList list(nullptr);
-  for (void* item : {static_cast<void*>(&a), static_cast<void*>(&b), static_cast<void*>(&a)})
-    ASSERT_EQ(1, list.additem(item));
-  auto items = [&] {
-    std::vector<void*> out;
-    for (LLNode* n = list.first(); n; n = n->next()) out.push_back(n->data());
-    return out;
-  };
-  EXPECT_EQ(1, list.deleteitem(&a));
-  EXPECT_EQ(0, list.deleteitem(&list));
-  EXPECT_EQ(items(), (std::vector<void*>{&b, &a}));
-  EXPECT_EQ(1, list.deleteitem(&a));
-  EXPECT_EQ(items(), (std::vector<void*>{&b}));
-}

@@ -111,43 +111,6 @@ TEST_F(ReportTest, ReportsOfAJobAreReadBackFromTheSpoolInOrder) {
       << FormatSpoolRecord(records[0]);
 }
 
-TEST(ErrorRecord, OptionalFieldsFollowTheArrays) {
-  const char* index[4] = {"p1", nullptr, "p3", "p4"};
-  const char* opts[3] = {"a", nullptr, "c"};
-  for (const char* stamp : {"s", static_cast<const char*>(nullptr)}) {
-    CPlixDOM dom("DevInfo");
-    char* xml = nullptr;
-    errorToXML(&dom, &xml, 20, "SUB", "U", 3, -5, 7, stamp, "F", 9, index, opts, 2, 0xFFFFFFFFu);
-    ASSERT_NE(xml, nullptr);
-    std::vector<std::string> fields = RecordFields(xml);
-    LocalFree(xml);
-    // Without a stamp text the first field stays bare.
-    EXPECT_EQ(fields,
-              (std::vector<std::string>{
-                  stamp ? "timestamp=7" : "=", "system=20", "subsystem=SUB", "uniqueId=U",
-                  "msgNum=-5", "fcnName=F", "severity=3", "lineNum=9", "indexableArrayP1Element=p1",
-                  "indexableArrayP3Element=p3", "indexableArrayP4Element=p4",
-                  "optArgArrayElement=a", "optArgArrayElement=", "systemRc=-1"}));
-  }
-}
-
-TEST(TimeStamp, FitsOrLeavesAnEmptyText) {
-  ftctest::DeviceRoot root;
-  char buf[40];
-  memset(buf, 'z', sizeof buf);
-  EXPECT_EQ(getTimeStamp(nullptr, 32, QV_DATE_SLASHES), 0);
-  EXPECT_EQ(getTimeStamp(buf, 0, QV_DATE_SLASHES), 0);
-  EXPECT_EQ(buf[0], 'z');
-  // Date, ':' and time need 19 characters and the terminator.
-  EXPECT_EQ(getTimeStamp(buf, 19, QV_DATE_SLASHES), 0);
-  EXPECT_EQ(buf[0], '\0');
-  ASSERT_EQ(getTimeStamp(buf, 20, QV_DATE_SLASHES), 1);
-  EXPECT_TRUE(std::regex_match(buf, std::regex(R"(\d{4}/\d\d/\d\d:(0[1-9]|1[0-2]):\d\d:\d\d)")))
-      << buf;
-  ASSERT_EQ(getTimeStamp(buf, 32, QV_DATE_COLONS), 1);
-  EXPECT_TRUE(std::regex_match(buf, std::regex(R"(\d\d:\d\d:\d{4}:\d\d:\d\d:\d\d)"))) << buf;
-}
-
 // Threads report at once: each record keeps its own number with its own text.
 TEST_F(ReportTest, ConcurrentReportsKeepTheirOwnTexts) {
   std::vector<std::thread> threads;

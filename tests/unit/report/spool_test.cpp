@@ -194,33 +194,6 @@ TEST_F(SpoolTest, ConcurrentWritersAcrossProcessesGetDistinctIncreasingNumbers) 
   EXPECT_EQ(next.size(), size_t(kProcs * kThreads));
 }
 
-// The writer is killed the moment lapi_write returns: the record is already whole on disk.
-TEST_F(SpoolTest, RecordSurvivesKillRightAfterWrite) {
-  std::string big(256 * 1024, 'x');
-  for (size_t i = 0; i < big.size(); i += 97) big[i] = char('a' + i % 26);
-  for (int round = 0; round < 3; ++round) {
-    pid_t pid = fork();
-    if (pid == 0) {
-      if (Write(Open(), "QV_Event_DB", big + std::to_string(round)) == 0) raise(SIGKILL);
-      _exit(0);
-    }
-    int status = -1;
-    waitpid(pid, &status, 0);
-    ASSERT_TRUE(WIFSIGNALED(status) && WTERMSIG(status) == SIGKILL) << "write failed";
-  }
-  auto records = ReadSpool(root.path(), "QV_Event_DB");
-  ASSERT_EQ(records.size(), 3u);
-  for (int round = 0; round < 3; ++round) {
-    EXPECT_TRUE(records[round].complete);
-    EXPECT_EQ(records[round].message, big + std::to_string(round));
-  }
-  // Nothing half-written is left beside the records.
-  for (const auto& name : xqspool::ListDir(root.path() + "/.winux/spool/QV_Event_DB"))
-    EXPECT_TRUE(name[0] == '.' ? name == "." || name == ".." || name == ".sequence"
-                               : name.size() == 14)
-        << name;
-}
-
 TEST(SpoolReader, DamagedRecordsAreMarkedAndStrayFilesIgnored) {
   ftctest::DeviceRoot root;
   root.WriteFile("/.winux/spool/QV_CLIENT/0000000001.xml", "<cut off");

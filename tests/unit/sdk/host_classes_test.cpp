@@ -129,23 +129,6 @@ TEST(SdkFileIO, ReplacingFilesKeepsTheFolderIndexCurrent) {
   EXPECT_LE(WinuxFolderReads() - before, 2u);
 }
 
-TEST(SdkNetwork, SendsADatagramToTheDottedDestination) {
-  int port = 0;
-  int receiver = ftctest::BoundUdp(&port);
-  SocketIO io;
-  ASSERT_GT(io.CreateUdpSocket(), 0);
-  io.SetUdpPort(port);
-  ASSERT_EQ(io.SetIpAddress("127.0.0.1"), 1);
-  EXPECT_EQ(io.SetIpAddress("localhost"), 0);  // dotted only; the address stays
-  EXPECT_EQ(io.SetIpAddress("256.1.1.1"), 0);
-  Network net;
-  EXPECT_EQ(net.SendTo(io.GetSocket(), io.GetDestAddr(), "<14>hello", 9), 9);
-  EXPECT_EQ(ftctest::ReceiveDatagram(receiver), "<14>hello");
-  io.Close();
-  EXPECT_EQ(net.SendTo(io.GetSocket(), io.GetDestAddr(), "x", 1), -1);
-  close(receiver);
-}
-
 TEST(SdkFileHelpers, ExistOpenSizeRenameAndCopy) {
   ftctest::DeviceRoot root;
   root.WriteFile("\\temp\\a.bin", "12345");

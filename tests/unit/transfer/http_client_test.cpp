@@ -373,13 +373,4 @@ TEST(HttpUrl, ParseURL) {
   EXPECT_EQ(client.ParseURL(tooLong.c_str(), host, path, &port), 0);
 }
 
-TEST(HttpUrl, TimestampHeaderNeedsDateAndTime) {
-  char whole[] = "03-05-2024 07:08:09", dateOnly[] = "03-05-2024";
-  SYSTEMTIME t, expected = {2024, 3, 0, 5, 7, 8, 9, 0};
-  std::memset(&t, 0xAB, sizeof t);
-  EXPECT_EQ(GetFileDateTimeFromHeader(whole, &t), 1);
-  EXPECT_EQ(std::memcmp(&t, &expected, sizeof t), 0);
-  EXPECT_EQ(GetFileDateTimeFromHeader(dateOnly, &t), 0);
-}
-
 }  // namespace
