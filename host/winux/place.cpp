@@ -5,6 +5,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <cerrno>
 #include <string>
 
@@ -45,10 +46,13 @@ int WinuxPlace::Chmod(unsigned mode) {
 namespace {
 
 // A file made without a name is linked in through its /proc entry (linking the descriptor
-// itself needs a capability); without /proc every new file gets a name from the start.
+// itself needs a capability); without /proc, or once such a link failed, every new file gets a
+// name from the start.
+std::atomic<bool> g_unnamedFailed{false};
+
 bool CanLinkUnnamed() {
   static const bool can = access("/proc/self/fd", X_OK) == 0;
-  return can;
+  return can && !g_unnamedFailed.load(std::memory_order_relaxed);
 }
 
 std::string ProcPath(int fd) {
@@ -90,7 +94,10 @@ int WinuxPlace::Commit(int fd, const std::string& temp) {
       winux::NoteFolderChanges(folder, &st.st_ctim, {{m.leaf, true}}, nullptr);
       return 0;
     }
-    if (errno != EEXIST) return -1;
+    if (errno != EEXIST) {
+      g_unnamedFailed.store(true, std::memory_order_relaxed);
+      return -1;
+    }
     // Made meanwhile: replaced as a file that was there is.
     std::string named;
     for (int attempt = 0;; ++attempt) {
