@@ -85,8 +85,6 @@ TEST_F(HttpClient, FilesShareOneConnectionAndCountTowardsTheBundle) {
   ra.chunk = rb.chunk = 7000;
   rb.close = true;
   ftctest::ScriptedHttpPeer peer({ra, rb, Reply::Ok(b, ReferenceCrc32(b))});
-  HANDLE working = CreateSemaphore(nullptr, 0, 100000, nullptr);
-  client.SetWorkingSemaphore(working);
   client.SetStatusFunction(RecordStatus);
   g_statusCalls = 0;
 
@@ -95,7 +93,6 @@ TEST_F(HttpClient, FilesShareOneConnectionAndCountTowardsTheBundle) {
   EXPECT_EQ(g_statusDone, a.size());
   EXPECT_EQ(g_statusTotal, a.size());
   EXPECT_GE(g_statusCalls, 1u);
-  EXPECT_EQ(WinuxWaitForSingleObject(working, 0), WINUX_WAIT_ACQUIRED);
   EXPECT_EQ(Fetch(peer.Url(L"/b.bin"), L"\\Flash File Store\\b.bin"), 1);
 
   EXPECT_EQ(peer.Connections(), 1);
@@ -116,7 +113,6 @@ TEST_F(HttpClient, FilesShareOneConnectionAndCountTowardsTheBundle) {
                   "performing CRC check\r\nFileTransferConfiglet - FILECRC32\r\n"
                   "FTCCCRC32::FileCRC32 - In\r\n"));
   EXPECT_TRUE(Has(log, "FileTransferConfiglet - good CRC\r\n"));
-  CloseHandle(working);
 }
 
 TEST_F(HttpClient, OpenURLMovesBetweenServersAndRefusesWhatItCannotReach) {
