@@ -5,7 +5,6 @@
 
 #include <chrono>
 #include <cstring>
-#include <cwchar>
 #include <filesystem>
 
 #include "config/UpgradeConfig.h"
@@ -14,6 +13,7 @@
 #include "engine/startup.h"
 #include "engine/upgrade_thread.h"
 #include "platform/winux.h"
+#include "support/registry.h"
 
 namespace fs = std::filesystem;
 
@@ -134,36 +134,12 @@ TEST_F(Sequence, PassFileCarriesAMultiPassJobAndAFailureOrASingleRunClearsIt) {
 
 // A program named like the transfer agent that never ends is ended after the loop limit.
 TEST_F(Sequence, StartupWaitEndsAnOverstayingTransferAgent) {
-  HKEY key = nullptr;
-  DWORD disposition = 0;
-  ASSERT_EQ(RegCreateKeyEx(HKEY_LOCAL_MACHINE, L"\\SOFTWARE\\Tervalon\\DevMgmt\\QVTransferAgent", 0,
-                           nullptr, 0, KEY_ALL_ACCESS, nullptr, &key, &disposition),
-            ERROR_SUCCESS);
-  DWORD limit = 2;
-  RegSetValueEx(key, L"KillWaitLoopCnt", 0, REG_DWORD, reinterpret_cast<const BYTE*>(&limit),
-                sizeof limit);
-  RegCloseKey(key);
-
+  ASSERT_TRUE(ftctest::SetRegistryDword(HKEY_LOCAL_MACHINE,
+                                        L"\\SOFTWARE\\Tervalon\\DevMgmt\\QVTransferAgent",
+                                        L"KillWaitLoopCnt", 2));
   fs::path dir = fs::path(root.path()).parent_path() / ("agent-" + std::to_string(getpid()));
-  fs::create_directories(dir);
-  fs::path exe = dir / "QVTransferAgent.exe";
-  fs::copy_file("/bin/sleep", exe, fs::copy_options::overwrite_existing);
-  ftctest::Child agent({exe.string(), "60"});
-  // Listed under its name only once the exec is through, which takes a while on a busy machine.
-  auto listed = [&] {
-    HANDLE snapshot = CreateToolhelp32Snapshot(TH32CS_SNAPPROCESS, 0);
-    if (snapshot == INVALID_HANDLE_VALUE || !snapshot) return false;
-    PROCESSENTRY32 entry = {};
-    entry.dwSize = sizeof entry;
-    bool found = false;
-    for (BOOL more = Process32First(snapshot, &entry); more && !found;
-         more = Process32Next(snapshot, &entry))
-      found = entry.th32ProcessID == static_cast<DWORD>(agent.pid()) &&
-              wcscmp(entry.szExeFile, L"QVTransferAgent.exe") == 0;
-    CloseToolhelp32Snapshot(snapshot);
-    return found;
-  };
-  ASSERT_TRUE(ftctest::WaitUntil(listed, std::chrono::seconds(60)));
+  auto agent = ftctest::StartListedSleeper((dir / "QVTransferAgent.exe").string());
+  ASSERT_TRUE(agent);
 
   UpgradeConfig cfg;
   cfg.SetBundleName("Seq");
@@ -171,7 +147,7 @@ TEST_F(Sequence, StartupWaitEndsAnOverstayingTransferAgent) {
   m_pUpgCfg = &cfg;
   EXPECT_EQ(WaitForStartupProcesses(), 0);
   m_pUpgCfg = nullptr;
-  EXPECT_EQ(agent.Wait(std::chrono::seconds(60)), 128);
+  EXPECT_EQ(agent->Wait(std::chrono::seconds(60)), 128);
   fs::remove_all(dir);
 
   std::string log = Log();
