@@ -36,7 +36,6 @@ class Protocol : public ::testing::Test {
     ASSERT_EQ(End(group), 0u) << group;
   }
   UpgradeConfig& Job() { return *gpUpgCfg; }
-  std::string Log() { return m_root.Log(); }
 
   ftctest::DeviceRoot m_root;
 };
@@ -124,7 +123,7 @@ TEST_F(Protocol, ACompleteJobIsBuiltFieldByField) {
   EXPECT_EQ(post->GetExeHandler()->GetEntries()[0]->GetWait(), 1);
   EXPECT_STREQ(job.GetUpgEndMsg(), "Done");
   EXPECT_EQ(job.GetReboot(), 1);
-  EXPECT_NE(Log().find("IcfgSetField - Process, late.exe\r\n"), std::string::npos);
+  EXPECT_NE(m_root.Log().find("IcfgSetField - Process, late.exe\r\n"), std::string::npos);
 }
 
 TEST_F(Protocol, KeywordsMatchAsPrefixesInTableOrder) {
@@ -203,7 +202,7 @@ TEST_F(Protocol, GroupsAreCheckedTheLastNameKeptAndInstanceZeroStartsAJob) {
   EXPECT_EQ(gbFileProcessing, 0);
   // Only instance zero starts a new job.
   ASSERT_EQ(Begin("FileTransferConfiglet"), 0u);
-  EXPECT_NE(Log().find("Allocating gpUpgCfg\r\n"), std::string::npos);
+  EXPECT_NE(m_root.Log().find("Allocating gpUpgCfg\r\n"), std::string::npos);
   ASSERT_EQ(Set("BundleName", "First"), 0u);
   char value[64] = {};
   uint32_t length = sizeof value;
