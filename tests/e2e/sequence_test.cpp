@@ -42,9 +42,7 @@ class Sequence : public ::testing::Test {
     return job;
   }
 
-  std::vector<std::string> Records(const std::string& kind) { return e2e::Spooled(root, kind); }
-
-  std::string Log() const { return root.Log(); }
+  std::vector<std::string> Records(const std::string& kind) { return ftctest::Spooled(root, kind); }
 
   ftctest::DeviceRoot root;
   e2e::Bundle bundle;
@@ -77,7 +75,7 @@ TEST_F(Sequence, FirmwareFragmentsAreFetchedAndTheFlashWriterStartedOnce) {
     EXPECT_EQ(root.ReadFile("\\Temp\\os00" + std::to_string(k) + ".zip"),
               "fragment " + std::to_string(k));
   EXPECT_EQ(ftctest::ReadHostFile(root.path() + "/flash-args.txt"), "-x -p os\n");
-  EXPECT_NE(Log().find("Starting !\\Windows\\flashwr.sh! with !-x -p os!, waiting"),
+  EXPECT_NE(root.Log().find("Starting !\\Windows\\flashwr.sh! with !-x -p os!, waiting"),
             std::string::npos);
   EXPECT_EQ(Records("event"), (std::vector<std::string>{"205181 Seq, 2.0", "205182 Seq, 2.0"}));
   auto states = Records("state");
@@ -129,7 +127,7 @@ TEST_F(Sequence, PassFileCarriesAMultiPassJobAndAFailureOrASingleRunClearsIt) {
   root.WriteFile("\\tvlupgclnt.txt", "5");
   Run(NewJob(server.port()), 0);
   EXPECT_FALSE(root.Exists("\\tvlupgclnt.txt"));
-  EXPECT_NE(Log().find("Multicast Fallback Mode..."), std::string::npos);
+  EXPECT_NE(root.Log().find("Multicast Fallback Mode..."), std::string::npos);
 }
 
 // A program named like the transfer agent that never ends is ended after the loop limit.
@@ -150,7 +148,7 @@ TEST_F(Sequence, StartupWaitEndsAnOverstayingTransferAgent) {
   EXPECT_EQ(agent->Wait(std::chrono::seconds(60)), 128);
   fs::remove_all(dir);
 
-  std::string log = Log();
+  std::string log = root.Log();
   EXPECT_EQ(ftctest::Count(log, "Waiting for device startup"), 3);
   EXPECT_NE(log.find("killing QVTransferAgent\r\n"), std::string::npos);
   EXPECT_EQ(Records("autodeploy"), (std::vector<std::string>{"101", "0"}));
