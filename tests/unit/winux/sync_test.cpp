@@ -142,12 +142,13 @@ DWORD FindByName(const std::wstring& name, DWORD flags = TH32CS_SNAPPROCESS) {
   return pid;
 }
 
+// A name of its own: the host-class tests end every process named like the transfer agent.
 TEST(WinuxProcess, SnapshotFindsALongImageNameAndTerminateEndsIt) {
   ftctest::DeviceRoot root;
-  auto child = ftctest::StartListedSleeper(root.path() + "/QVTransferAgent.exe");
+  auto child = ftctest::StartListedSleeper(root.path() + "/WinuxSnapshotChild.exe");
   ASSERT_TRUE(child);
   // Flags 0, as the device's plug-ins pass them, list the processes too.
-  DWORD pid = FindByName(L"QVTransferAgent.exe", 0);
+  DWORD pid = FindByName(L"WinuxSnapshotChild.exe", 0);
   ASSERT_EQ(pid, static_cast<DWORD>(child->pid()));
 
   HANDLE process = OpenProcess(PROCESS_TERMINATE, FALSE, pid);
@@ -155,7 +156,7 @@ TEST(WinuxProcess, SnapshotFindsALongImageNameAndTerminateEndsIt) {
   EXPECT_TRUE(TerminateProcess(process, 0));
   EXPECT_EQ(WinuxWaitForSingleObject(process, 1000), WINUX_WAIT_ACQUIRED);
   EXPECT_TRUE(CloseHandle(process));
-  EXPECT_EQ(FindByName(L"QVTransferAgent.exe"), 0u);     // gone, even before it is reaped
+  EXPECT_EQ(FindByName(L"WinuxSnapshotChild.exe"), 0u);  // gone, even before it is reaped
   EXPECT_EQ(child->Wait(std::chrono::seconds(1)), 128);  // by a signal
 
   HANDLE snap = CreateToolhelp32Snapshot(TH32CS_SNAPPROCESS, 0);
