@@ -16,7 +16,7 @@ namespace ftctest {
 // Polls done every few milliseconds until it holds or the time-out (real time) passes.
 bool WaitUntil(const std::function<bool()>& done,
                std::chrono::milliseconds timeout = std::chrono::seconds(10));
-// Real milliseconds since since.
+// Milliseconds of real time since the given point.
 long ElapsedMs(std::chrono::steady_clock::time_point since);
 // How often what occurs in text (overlapping occurrences count).
 int Count(const std::string& text, const std::string& what);
