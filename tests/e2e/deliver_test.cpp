@@ -1,6 +1,6 @@
 // ftc-host delivering to the real ftc-server and its store: nothing lost or stored twice while
 // the server is away or its store is gone, a poison message set aside without holding up the
-// rest, and a fleet of devices that ran one job as the operator sees it.
+// rest, and a device that ran a job as the operator sees it.
 #include <gtest/gtest.h>
 #include <signal.h>
 #include <unistd.h>
@@ -24,6 +24,7 @@ namespace fs = std::filesystem;
 namespace {
 
 using json = nlohmann::json;
+using ftctest::Reply;
 using ftctest::ServerView;
 
 // Generous: a loaded machine may take its time, a failure still ends.
@@ -217,17 +218,12 @@ TEST_F(Deliver, APoisonMessageGoesAsideWithoutHoldingUpTheRest) {
 TEST_F(Deliver, ABatchRefusedWholeGoesAgainOneByOne) {
   Spool("QV_CLIENT", "<c1/>");
   Spool("QV_CLIENT", "<c2/>");
-  auto answer = [](int status, const std::string& body) {
-    return ftctest::Reply::Raw("HTTP/1.1 " + std::to_string(status) +
-                               " X\r\nContent-Type: application/json\r\nContent-Length: " +
-                               std::to_string(body.size()) + "\r\n\r\n" + body);
-  };
   ftctest::ScriptedHttpPeer peer({
-      answer(200, R"({"status":"stored"})"),
-      answer(200, R"({"results":[]})"),
-      answer(400, R"({"error":"poison"})"),
-      answer(200, R"({"results":[{"queue":"QV_CLIENT","seq":1,"status":"stored"}]})"),
-      answer(400, R"({"error":"poison"})"),
+      Reply::Json(200, R"({"status":"stored"})"),
+      Reply::Json(200, R"({"results":[]})"),
+      Reply::Json(400, R"({"error":"poison"})"),
+      Reply::Json(200, R"({"results":[{"queue":"QV_CLIENT","seq":1,"status":"stored"}]})"),
+      Reply::Json(400, R"({"error":"poison"})"),
   });
   e2e::HostRun run =
       e2e::Launch(Args({"deliver", "--server", "http://127.0.0.1:" + std::to_string(peer.Port())}));
@@ -241,37 +237,26 @@ TEST_F(Deliver, ABatchRefusedWholeGoesAgainOneByOne) {
   EXPECT_TRUE(fs::exists(root.path() + "/.winux/spool/QV_CLIENT/rejected/0000000002.xml"));
 }
 
-// The same job on three devices: each is one complete row with its bundle installed.
-TEST_F(Deliver, AFleetThatRanOneJobShowsEveryDeviceComplete) {
+// A device that ran a job is one complete row with its bundle installed.
+TEST_F(Deliver, ADeviceThatRanAJobShowsComplete) {
   bundle.Add("app/a.bin", ftctest::RandomBytes(20000, 5));
   bundle.Add("readme.txt", "fleet");
   auto server = StartServer();
   std::string job = bundle.dir() + "/../job.xml";
-  int status = -1;
-  std::string out = ftctest::RunCommand(
-      ftctest::BinDir() + "/ftc-bundle job '" + bundle.dir() + "' --server " + server->url() +
-          " --dest '\\Flash File Store' --bundle E2E --version 1.0 --out '" + job + "'",
-      &status);
-  ASSERT_EQ(status, 0) << out;
-  std::vector<std::unique_ptr<ftctest::DeviceRoot>> devices;
-  for (const char* id : {"dev-a", "dev-b", "dev-c"}) {
-    devices.push_back(std::make_unique<ftctest::DeviceRoot>());
-    devices.back()->WriteIdentity(std::string("uniqueid=") + id + "\nhwcfg=HW-" + id + "\n");
-    e2e::HostRun run = e2e::Launch({"run", job, "--root", devices.back()->path(), "--plugin",
-                                    ftctest::LibDir() + "/libFileTransferConfiglet.so",
-                                    "--time-scale", "0.001", "--deliver", server->url()});
-    ASSERT_EQ(run.exit, 0) << run.output;
-  }
+  ftctest::WriteHostFile(job,
+                         e2e::MakeJob(bundle.dir(), server->url(), "--bundle E2E --version 1.0"));
+  root.WriteIdentity("uniqueid=dev-a\nhwcfg=HW-a\n");
+  e2e::HostRun run = e2e::Launch({"run", job, "--root", root.path(), "--plugin",
+                                  ftctest::LibDir() + "/libFileTransferConfiglet.so",
+                                  "--time-scale", "0.001", "--deliver", server->url()});
+  ASSERT_EQ(run.exit, 0) << run.output;
   auto fleet = ftctest::ByDevice(ServerView("fleet --json --db " + db));
-  ASSERT_EQ(fleet.size(), 3u);
-  for (const char* id : {"dev-a", "dev-b", "dev-c"}) {
-    const json& row = fleet[id];
-    EXPECT_EQ(
-        (std::vector<std::string>{row.value("hardware", ""), row.value("installed", ""),
-                                  row.value("last_job", ""), row.value("state", "")}),
-        (std::vector<std::string>{std::string("HW-") + id, "E2E 1.0", "E2E, 1.0", "complete"}))
-        << row.dump();
-  }
+  ASSERT_EQ(fleet.size(), 1u);
+  const json& row = fleet["dev-a"];
+  EXPECT_EQ((std::vector<std::string>{row.value("hardware", ""), row.value("installed", ""),
+                                      row.value("last_job", ""), row.value("state", "")}),
+            (std::vector<std::string>{"HW-a", "E2E 1.0", "E2E, 1.0", "complete"}))
+      << row.dump();
 }
 
 }  // namespace

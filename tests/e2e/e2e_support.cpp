@@ -1,5 +1,6 @@
 #include "e2e_support.h"
 
+#include <gtest/gtest.h>
 #include <unistd.h>
 
 #include <filesystem>
@@ -7,7 +8,6 @@
 
 #include "support/scripted_http_peer.h"
 #include "winux/winux_host.h"
-#include "xq/spool.h"
 
 namespace fs = std::filesystem;
 
@@ -42,11 +42,7 @@ uint32_t Bundle::Add(const std::string& rel, const std::string& content) {
   fs::path p = fs::path(m_dir) / rel;
   fs::create_directories(p.parent_path());
   ftctest::WriteHostFile(p.string(), content);
-  return Crc(content);
-}
-
-uint32_t Crc(const std::string& bytes) {
-  return ftctest::ReferenceCrc32(bytes);
+  return ftctest::ReferenceCrc32(content);
 }
 
 uint32_t Submit(ftctest::PluginHost& host, const Job& job) {
@@ -78,19 +74,25 @@ ftchost::JobOutcome RunJob(ftctest::PluginHost& host, const Job& job,
   return watch.Wait(limit);
 }
 
+std::string MakeJob(const std::string& dir, const std::string& server, const std::string& extra) {
+  std::string made = dir + "/../job-" + std::to_string(getpid()) + ".xml";
+  int status = -1;
+  std::string out =
+      ftctest::RunCommand(ftctest::BinDir() + "/ftc-bundle job '" + dir + "' --server " + server +
+                              " --dest '\\Flash File Store' " + extra + " --out '" + made + "'",
+                          &status);
+  EXPECT_EQ(status, 0) << out;
+  std::string xml = ftctest::ReadHostFile(made);
+  unlink(made.c_str());
+  return xml;
+}
+
 HostRun Launch(const std::vector<std::string>& args) {
   std::string cmd = ftctest::BinDir() + "/ftc-host";
   for (const std::string& a : args) cmd += " '" + a + "'";
   HostRun run;
   run.output = ftctest::RunCommand(cmd, &run.exit);
   return run;
-}
-
-std::vector<std::string> Spooled(const ftctest::DeviceRoot& root, const std::string& kind) {
-  std::vector<std::string> out;
-  for (const SpoolRecord& r : ReadSpool(root.path(), ""))
-    if (r.kind == kind) out.push_back(r.code + (r.text.empty() ? "" : " " + r.text));
-  return out;
 }
 
 }  // namespace e2e

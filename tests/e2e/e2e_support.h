@@ -40,8 +40,6 @@ class Bundle {
 // A job whose pre-flight registry test fails ("not ready"), so its start is refused.
 extern const char kRefusedJob[];
 
-uint32_t Crc(const std::string& bytes);
-
 struct File {
   std::string source, dest, crc, mask = "*";
 };
@@ -65,14 +63,15 @@ uint32_t Submit(ftctest::PluginHost& host, const Job& job);
 ftchost::JobOutcome RunJob(ftctest::PluginHost& host, const Job& job,
                            std::chrono::milliseconds limit = std::chrono::seconds(30));
 
+// The job ftc-bundle writes for the files under dir, fetched from server, with extra options.
+std::string MakeJob(const std::string& dir, const std::string& server,
+                    const std::string& extra = "");
+
 struct HostRun {
   int exit = -1;
   std::string output;  // stdout and stderr together
 };
 // Runs ftc-host with args to its end.
 HostRun Launch(const std::vector<std::string>& args);
-
-// What the spool holds of one kind ("event", "state", ...), each as "code text".
-std::vector<std::string> Spooled(const ftctest::DeviceRoot& root, const std::string& kind);
 
 }  // namespace e2e

@@ -145,7 +145,7 @@ class Faults : public ::testing::Test {
   }
 
   static bool Ended(const ftctest::DeviceRoot& root) {
-    for (const std::string& e : e2e::Spooled(root, "event"))
+    for (const std::string& e : ftctest::Spooled(root, "event"))
       if (e.rfind("205182", 0) == 0 || e.rfind("205180", 0) == 0) return true;
     return false;
   }

@@ -67,14 +67,7 @@ TEST_F(FtcHost, RunsAJobAndSummarisesIt) {
   bundle.Add("b.bin", "bee");
   e2e::Server server(bundle.dir());
   // The job as ftc-bundle writes it, with one field the plug-in does not know.
-  std::string made = bundle.dir() + "/../job.xml";
-  int status = -1;
-  std::string out =
-      ftctest::RunCommand(ftctest::BinDir() + "/ftc-bundle job '" + bundle.dir() + "' --server " +
-                              server.url() + " --dest '\\Flash File Store' --out " + made,
-                          &status);
-  ASSERT_EQ(status, 0) << out;
-  std::string xml = ftctest::ReadHostFile(made);
+  std::string xml = e2e::MakeJob(bundle.dir(), server.url());
   const std::string upgrade = "<Group Name=\"Upgrade\"";
   ASSERT_NE(xml.find(upgrade), std::string::npos) << xml;
   xml.replace(xml.find(upgrade), 0, "<Field Name=\"NoSuchField\">x</Field>");

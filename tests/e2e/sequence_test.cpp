@@ -5,7 +5,6 @@
 
 #include <chrono>
 #include <cstring>
-#include <cwchar>
 #include <filesystem>
 
 #include "config/UpgradeConfig.h"
@@ -14,6 +13,7 @@
 #include "engine/startup.h"
 #include "engine/upgrade_thread.h"
 #include "platform/winux.h"
+#include "support/registry.h"
 
 namespace fs = std::filesystem;
 
@@ -42,9 +42,7 @@ class Sequence : public ::testing::Test {
     return job;
   }
 
-  std::vector<std::string> Records(const std::string& kind) { return e2e::Spooled(root, kind); }
-
-  std::string Log() const { return root.Log(); }
+  std::vector<std::string> Records(const std::string& kind) { return ftctest::Spooled(root, kind); }
 
   ftctest::DeviceRoot root;
   e2e::Bundle bundle;
@@ -77,7 +75,7 @@ TEST_F(Sequence, FirmwareFragmentsAreFetchedAndTheFlashWriterStartedOnce) {
     EXPECT_EQ(root.ReadFile("\\Temp\\os00" + std::to_string(k) + ".zip"),
               "fragment " + std::to_string(k));
   EXPECT_EQ(ftctest::ReadHostFile(root.path() + "/flash-args.txt"), "-x -p os\n");
-  EXPECT_NE(Log().find("Starting !\\Windows\\flashwr.sh! with !-x -p os!, waiting"),
+  EXPECT_NE(root.Log().find("Starting !\\Windows\\flashwr.sh! with !-x -p os!, waiting"),
             std::string::npos);
   EXPECT_EQ(Records("event"), (std::vector<std::string>{"205181 Seq, 2.0", "205182 Seq, 2.0"}));
   auto states = Records("state");
@@ -129,41 +127,17 @@ TEST_F(Sequence, PassFileCarriesAMultiPassJobAndAFailureOrASingleRunClearsIt) {
   root.WriteFile("\\tvlupgclnt.txt", "5");
   Run(NewJob(server.port()), 0);
   EXPECT_FALSE(root.Exists("\\tvlupgclnt.txt"));
-  EXPECT_NE(Log().find("Multicast Fallback Mode..."), std::string::npos);
+  EXPECT_NE(root.Log().find("Multicast Fallback Mode..."), std::string::npos);
 }
 
 // A program named like the transfer agent that never ends is ended after the loop limit.
 TEST_F(Sequence, StartupWaitEndsAnOverstayingTransferAgent) {
-  HKEY key = nullptr;
-  DWORD disposition = 0;
-  ASSERT_EQ(RegCreateKeyEx(HKEY_LOCAL_MACHINE, L"\\SOFTWARE\\Tervalon\\DevMgmt\\QVTransferAgent", 0,
-                           nullptr, 0, KEY_ALL_ACCESS, nullptr, &key, &disposition),
-            ERROR_SUCCESS);
-  DWORD limit = 2;
-  RegSetValueEx(key, L"KillWaitLoopCnt", 0, REG_DWORD, reinterpret_cast<const BYTE*>(&limit),
-                sizeof limit);
-  RegCloseKey(key);
-
+  ASSERT_TRUE(ftctest::SetRegistryDword(HKEY_LOCAL_MACHINE,
+                                        L"\\SOFTWARE\\Tervalon\\DevMgmt\\QVTransferAgent",
+                                        L"KillWaitLoopCnt", 2));
   fs::path dir = fs::path(root.path()).parent_path() / ("agent-" + std::to_string(getpid()));
-  fs::create_directories(dir);
-  fs::path exe = dir / "QVTransferAgent.exe";
-  fs::copy_file("/bin/sleep", exe, fs::copy_options::overwrite_existing);
-  ftctest::Child agent({exe.string(), "60"});
-  // Listed under its name only once the exec is through, which takes a while on a busy machine.
-  auto listed = [&] {
-    HANDLE snapshot = CreateToolhelp32Snapshot(TH32CS_SNAPPROCESS, 0);
-    if (snapshot == INVALID_HANDLE_VALUE || !snapshot) return false;
-    PROCESSENTRY32 entry = {};
-    entry.dwSize = sizeof entry;
-    bool found = false;
-    for (BOOL more = Process32First(snapshot, &entry); more && !found;
-         more = Process32Next(snapshot, &entry))
-      found = entry.th32ProcessID == static_cast<DWORD>(agent.pid()) &&
-              wcscmp(entry.szExeFile, L"QVTransferAgent.exe") == 0;
-    CloseToolhelp32Snapshot(snapshot);
-    return found;
-  };
-  ASSERT_TRUE(ftctest::WaitUntil(listed, std::chrono::seconds(60)));
+  auto agent = ftctest::StartListedSleeper((dir / "QVTransferAgent.exe").string());
+  ASSERT_TRUE(agent);
 
   UpgradeConfig cfg;
   cfg.SetBundleName("Seq");
@@ -171,10 +145,10 @@ TEST_F(Sequence, StartupWaitEndsAnOverstayingTransferAgent) {
   m_pUpgCfg = &cfg;
   EXPECT_EQ(WaitForStartupProcesses(), 0);
   m_pUpgCfg = nullptr;
-  EXPECT_EQ(agent.Wait(std::chrono::seconds(60)), 128);
+  EXPECT_EQ(agent->Wait(std::chrono::seconds(60)), 128);
   fs::remove_all(dir);
 
-  std::string log = Log();
+  std::string log = root.Log();
   EXPECT_EQ(ftctest::Count(log, "Waiting for device startup"), 3);
   EXPECT_NE(log.find("killing QVTransferAgent\r\n"), std::string::npos);
   EXPECT_EQ(Records("autodeploy"), (std::vector<std::string>{"101", "0"}));

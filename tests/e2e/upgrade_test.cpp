@@ -4,7 +4,6 @@
 #include <chrono>
 
 #include "e2e_support.h"
-#include "xq/spool.h"
 
 namespace {
 
@@ -14,8 +13,7 @@ class UpgradeJob : public ::testing::Test {
  protected:
   UpgradeJob() : root(0.001) { root.WriteIdentity("hwcfg=AB12CD34\nuniqueid=E2E-DEVICE\n"); }
 
-  std::string Log() const { return root.Log(); }
-  std::vector<std::string> Events() const { return e2e::Spooled(root, "event"); }
+  std::vector<std::string> Events() const { return ftctest::Spooled(root, "event"); }
   // The worker asks for it after the job's end.
   bool RebootFollows() const {
     return ftctest::WaitUntil([this] { return root.Exists("\\.winux\\reboot-requested"); });
@@ -42,7 +40,7 @@ TEST_F(UpgradeJob, FetchesEveryFileAndReportsCompletion) {
 
   EXPECT_EQ(root.ReadFile("\\Flash File Store\\app\\big.bin"), big);
   EXPECT_EQ(root.ReadFile("\\Flash File Store\\app\\a.txt"), "alpha\n");
-  std::string log = Log();
+  std::string log = root.Log();
   EXPECT_EQ(Count(log, "ValidateFiles - http fetching"), 2);
   EXPECT_NE(log.find("CretaeUpgradeInProgressEvent - Success"), std::string::npos);
   EXPECT_NE(server.Reports().find("E2E-DEVICE"), std::string::npos);
@@ -78,7 +76,7 @@ TEST_F(UpgradeJob, FetchesOnlyMissingOrDamagedFilesMeantForThisDevice) {
   job.baseUrl = "http://127.0.0.1:" + std::to_string(server.port());
   ASSERT_EQ(e2e::RunJob(host, job), ftchost::JobOutcome::kComplete);
 
-  std::string log = Log();
+  std::string log = root.Log();
   for (const Case& c : cases) {
     std::string line = std::string("http fetching !") + c.name + "!";
     EXPECT_EQ(Count(log, line), c.fetched ? 1 : 0) << c.name;
@@ -111,7 +109,7 @@ TEST_F(UpgradeJob, ListFileDeliversTheDownloadList) {
   EXPECT_TRUE(root.Exists("\\Flash File Store\\listed\\list0.bin"));
   EXPECT_TRUE(root.Exists("\\Flash File Store\\listed\\list1.bin"));
   EXPECT_FALSE(root.Exists("\\Flash File Store\\listed\\list2.bin"));  // other devices
-  EXPECT_NE(Log().find("multicast crc error, no file"), std::string::npos);
+  EXPECT_NE(root.Log().find("multicast crc error, no file"), std::string::npos);
 }
 
 // What the management server hears of whole jobs, in order: events in the spool, states and
@@ -124,17 +122,6 @@ TEST_F(UpgradeJob, ReportsOfARefusedJobAndOfARebootJobUnderProvisioning) {
   e2e::Server server(bundle.dir());
   ftctest::PluginHost host;
   ftctest::PluginHost::ClearSendUps();
-  auto states = [] {
-    std::vector<std::string> out;
-    for (const ftctest::SendUpCall& c : ftctest::PluginHost::SendUps()) {
-      SpoolRecord r;
-      r.message = c.message;
-      xqspool::DecodeMessage(&r);
-      if (r.kind != "message") out.push_back(r.kind + " " + r.code + " " + r.text);
-    }
-    return out;
-  };
-
   host.BeginGroup("FileTransferConfiglet");
   host.BeginGroup("Tests");
   host.Group("Registry", {{"Key", "SOFTWARE\\Nowhere"},
@@ -153,7 +140,8 @@ TEST_F(UpgradeJob, ReportsOfARefusedJobAndOfARebootJobUnderProvisioning) {
   EXPECT_EQ(refused.Poll(), ftchost::JobOutcome::kFailed);
   EXPECT_EQ(refused.text(), "not docked, Refused, 9");
   EXPECT_EQ(Events(), (std::vector<std::string>{"205180 not docked, Refused, 9"}));
-  EXPECT_EQ(states(), (std::vector<std::string>{"state 1 Upgrade Failed: not docked"}));
+  EXPECT_EQ(ftctest::PluginHost::SentUp(""),
+            (std::vector<std::string>{"state 1 Upgrade Failed: not docked"}));
 
   ftctest::PluginHost::ClearSendUps();
   e2e::Job job;
@@ -167,8 +155,9 @@ TEST_F(UpgradeJob, ReportsOfARefusedJobAndOfARebootJobUnderProvisioning) {
   EXPECT_FALSE(root.Exists("\\Windows\\settings.xml.rename"));
   EXPECT_EQ(Events(), (std::vector<std::string>{"205180 not docked, Refused, 9", "205181 E2E, 1.0",
                                                 "205182 E2E, 1.0"}));
-  EXPECT_EQ(states(), (std::vector<std::string>{"state 4 Device Upgrading", "autodeploy 10 ",
-                                                "state 1 Upgrade Complete"}));
+  EXPECT_EQ(ftctest::PluginHost::SentUp(""),
+            (std::vector<std::string>{"state 4 Device Upgrading", "autodeploy 10",
+                                      "state 1 Upgrade Complete"}));
   EXPECT_TRUE(RebootFollows());
 }
 
@@ -184,14 +173,14 @@ TEST_F(UpgradeJob, WaitsForAnUnreachableServerAndRefusesASecondJob) {
   ftchost::JobWatch watch(root.path());
   ASSERT_EQ(e2e::Submit(host, job), 0u);
 
-  EXPECT_TRUE(ftctest::WaitUntil([&] { return Count(Log(), "before OpenURL") >= 3; },
+  EXPECT_TRUE(ftctest::WaitUntil([&] { return Count(root.Log(), "before OpenURL") >= 3; },
                                  std::chrono::seconds(20)));
   EXPECT_TRUE(ftchost::UpgradeInProgress());
 
   host.BeginGroup("FileTransferConfiglet");
   EXPECT_EQ(host.BeginGroup("Upgrade"), 0xC4111001u);
   host.EndGroup("FileTransferConfiglet");
-  EXPECT_NE(Log().find("Upgrade already in progress"), std::string::npos);
+  EXPECT_NE(root.Log().find("Upgrade already in progress"), std::string::npos);
 
   e2e::Server server(bundle.dir(), port);
   ASSERT_EQ(watch.Wait(std::chrono::seconds(30)), ftchost::JobOutcome::kComplete);

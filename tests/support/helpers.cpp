@@ -13,10 +13,12 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <filesystem>
 #include <stdexcept>
 #include <thread>
 
 #include "device_root.h"
+#include "platform/winux.h"
 
 extern char** environ;
 
@@ -29,6 +31,12 @@ bool WaitUntil(const std::function<bool()>& done, std::chrono::milliseconds time
     if (std::chrono::steady_clock::now() >= until) return false;
     std::this_thread::sleep_for(std::chrono::milliseconds(5));
   }
+}
+
+long ElapsedMs(std::chrono::steady_clock::time_point since) {
+  return static_cast<long>(std::chrono::duration_cast<std::chrono::milliseconds>(
+                               std::chrono::steady_clock::now() - since)
+                               .count());
 }
 
 int Count(const std::string& text, const std::string& what) {
@@ -102,6 +110,37 @@ int WaitForExit(pid_t* pid, std::chrono::milliseconds timeout) {
 
 int Child::Wait(std::chrono::milliseconds timeout) {
   return WaitForExit(&m_pid, timeout);
+}
+
+namespace {
+bool Listed(pid_t pid, const std::wstring& name) {
+  HANDLE snapshot = CreateToolhelp32Snapshot(TH32CS_SNAPPROCESS, 0);
+  if (snapshot == INVALID_HANDLE_VALUE || !snapshot) return false;
+  PROCESSENTRY32 entry = {};
+  entry.dwSize = sizeof entry;
+  bool found = false;
+  for (BOOL more = Process32First(snapshot, &entry); more && !found;
+       more = Process32Next(snapshot, &entry))
+    found = entry.th32ProcessID == static_cast<DWORD>(pid) && name == entry.szExeFile;
+  CloseToolhelp32Snapshot(snapshot);
+  return found;
+}
+}  // namespace
+
+std::unique_ptr<Child> StartListedSleeper(const std::string& path,
+                                          std::chrono::milliseconds timeout) {
+  namespace fs = std::filesystem;
+  std::error_code ec;
+  fs::create_directories(fs::path(path).parent_path(), ec);
+  fs::copy_file("/bin/sleep", path, fs::copy_options::overwrite_existing, ec);
+  if (ec) return nullptr;
+  auto child = std::make_unique<Child>(std::vector<std::string>{path, "60"});
+  const std::string name = fs::path(path).filename().string();
+  // Listed under its name only once the exec is through, which takes a while on a busy machine.
+  if (!WaitUntil([&] { return Listed(child->pid(), std::wstring(name.begin(), name.end())); },
+                 timeout))
+    return nullptr;
+  return child;
 }
 
 namespace {

@@ -7,6 +7,7 @@
 #include <chrono>
 #include <cstdint>
 #include <functional>
+#include <memory>
 #include <string>
 #include <vector>
 
@@ -15,6 +16,8 @@ namespace ftctest {
 // Polls done every few milliseconds until it holds or the time-out (real time) passes.
 bool WaitUntil(const std::function<bool()>& done,
                std::chrono::milliseconds timeout = std::chrono::seconds(10));
+// Milliseconds of real time since the given point.
+long ElapsedMs(std::chrono::steady_clock::time_point since);
 // How often what occurs in text (overlapping occurrences count).
 int Count(const std::string& text, const std::string& what);
 // Bytes of a fixed pseudo-random pattern: the same seed gives the same bytes.
@@ -37,6 +40,12 @@ class Child {
  private:
   pid_t m_pid = -1;
 };
+
+// A copy of /bin/sleep at path (folders made as needed) sleeping a minute, returned once a
+// process snapshot lists it under the file's name, which names longer than the kernel's
+// 15-character comm need; null when it is not listed within the time-out.
+std::unique_ptr<Child> StartListedSleeper(
+    const std::string& path, std::chrono::milliseconds timeout = std::chrono::seconds(60));
 
 // A UDP socket bound on loopback to *port (0: any free one); the port goes back in *port.
 int BoundUdp(int* port);

@@ -7,6 +7,7 @@
 #include <stdexcept>
 
 #include "device_root.h"
+#include "xq/spool.h"
 
 namespace ftctest {
 
@@ -121,6 +122,31 @@ std::vector<SendUpCall> PluginHost::SendUps() {
 void PluginHost::ClearSendUps() {
   std::lock_guard<std::mutex> lock(g_mutex);
   g_sendUps.clear();
+}
+
+namespace {
+std::string Said(const SpoolRecord& r) {
+  return r.code + (r.text.empty() ? "" : " " + r.text);
+}
+}  // namespace
+
+std::vector<std::string> PluginHost::SentUp(const std::string& kind) {
+  std::vector<std::string> out;
+  for (const SendUpCall& c : SendUps()) {
+    SpoolRecord r;
+    r.message = c.message;
+    xqspool::DecodeMessage(&r);
+    if (kind.empty() ? r.kind != "message" : r.kind == kind)
+      out.push_back((kind.empty() ? r.kind + " " : "") + Said(r));
+  }
+  return out;
+}
+
+std::vector<std::string> Spooled(const DeviceRoot& root, const std::string& kind) {
+  std::vector<std::string> out;
+  for (const SpoolRecord& r : ReadSpool(root.path(), ""))
+    if (r.kind == kind) out.push_back(Said(r));
+  return out;
 }
 
 }  // namespace ftctest

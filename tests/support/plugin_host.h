@@ -76,6 +76,9 @@ class PluginHost {
   // Send-ups recorded since the last ClearSendUps (thread-safe; they may come from workers).
   static std::vector<SendUpCall> SendUps();
   static void ClearSendUps();
+  // The recorded send-ups of one kind ("state", "autodeploy", ...) as "code text"; with kind
+  // empty, every kind but plain messages, as "kind code text".
+  static std::vector<std::string> SentUp(const std::string& kind);
 
   static constexpr uint32_t kContext = 0x5A17C0DEu;
 
@@ -83,5 +86,9 @@ class PluginHost {
   ConfigletApi m_api;
   bool m_started;
 };
+
+class DeviceRoot;
+// What the device's spool holds of one kind ("event", "state", ...), each as "code text".
+std::vector<std::string> Spooled(const DeviceRoot& root, const std::string& kind);
 
 }  // namespace ftctest

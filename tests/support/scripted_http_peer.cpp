@@ -30,6 +30,13 @@ Reply Reply::Raw(const std::string& bytes, bool close) {
   return r;
 }
 
+Reply Reply::Typed(int status, const std::string& type, const std::string& body,
+                   const std::string& extraHeaders) {
+  return Raw("HTTP/1.1 " + std::to_string(status) + " X\r\nContent-Type: " + type +
+             "\r\nContent-Length: " + std::to_string(body.size()) + "\r\n" + extraHeaders + "\r\n" +
+             body);
+}
+
 ScriptedHttpPeer::ScriptedHttpPeer(std::vector<Reply> replies) : m_replies(std::move(replies)) {
   Listen(0);
 }

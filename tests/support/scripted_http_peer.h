@@ -36,6 +36,12 @@ struct Reply {
   // (each ending in "\r\n"), then the body.
   static Reply Ok(const std::string& body, uint32_t crc, const std::string& extraHeaders = "");
   static Reply Raw(const std::string& bytes, bool close = false);
+  // "HTTP/1.1 STATUS X" with Content-Type, Content-Length and the extra header lines, then body.
+  static Reply Typed(int status, const std::string& type, const std::string& body,
+                     const std::string& extraHeaders = "");
+  static Reply Json(int status, const std::string& body, const std::string& extraHeaders = "") {
+    return Typed(status, "application/json", body, extraHeaders);
+  }
 };
 
 class ScriptedHttpPeer {

@@ -14,22 +14,9 @@
 #include "platform/display.h"
 #include "platform/winux.h"
 #include "support/device_root.h"
+#include "support/registry.h"
 
 namespace {
-
-void SetRegistry(const wchar_t* key, const wchar_t* name, const std::wstring* text, DWORD number) {
-  HKEY h = nullptr;
-  DWORD disposition = 0;
-  ASSERT_EQ(RegCreateKeyEx(HKEY_LOCAL_MACHINE, key, 0, nullptr, 0, KEY_ALL_ACCESS, nullptr, &h,
-                           &disposition),
-            ERROR_SUCCESS);
-  if (text)
-    RegSetValueEx(h, name, 0, REG_SZ, reinterpret_cast<const BYTE*>(text->c_str()),
-                  static_cast<DWORD>((text->size() + 1) * sizeof(wchar_t)));
-  else
-    RegSetValueEx(h, name, 0, REG_DWORD, reinterpret_cast<const BYTE*>(&number), sizeof number);
-  RegCloseKey(h);
-}
 
 tagRegistryEntry* RegTest(const char* key, const char* name, const char* value, const char* type,
                           const char* op, const char* message) {
@@ -46,9 +33,8 @@ tagRegistryEntry* RegTest(const char* key, const char* name, const char* value, 
 
 TEST(PerformTests, EachOperatorAndTypeDecidesAsTheDeviceDoes) {
   ftctest::DeviceRoot root;
-  std::wstring b = L"b";
-  SetRegistry(L"SOFTWARE\\Test", L"Text", &b, 0);
-  SetRegistry(L"SOFTWARE\\Test", L"Number", nullptr, 7);
+  ASSERT_TRUE(ftctest::SetRegistryString(HKEY_LOCAL_MACHINE, L"SOFTWARE\\Test", L"Text", L"b"));
+  ASSERT_TRUE(ftctest::SetRegistryDword(HKEY_LOCAL_MACHINE, L"SOFTWARE\\Test", L"Number", 7));
   struct Case {
     const char* key;
     const char* name;
@@ -99,14 +85,12 @@ TEST(PerformTests, StopsAtTheFirstFailureAndReportsItsMessage) {
   EXPECT_EQ(PerformTests(&none, nullptr), 1);
 }
 
-TEST(PackageParameters, PassRamAndDiskSizeItems) {
+TEST(PackageParameters, PassAndDiskSizeItems) {
   EXPECT_EQ(GetPassFromParms("Pass=12"), 1);
   EXPECT_EQ(GetPassFromParms("x,Pass="), 0);
   EXPECT_EQ(GetPassFromParms("DiskSize=a:1"), 1);
   EXPECT_EQ(GetPassFromParms(""), 1);
   EXPECT_EQ(GetPassFromParms(nullptr), 1);
-  EXPECT_EQ(GetRAMSizeFromParms("Pass=2,RAMAllocSize=4096", 2), 4096);
-  EXPECT_EQ(GetRAMSizeFromParms("Pass=2,RAMAllocSize=4096", 1), 0);
 
   UpgradeConfig cfg;
   m_pUpgCfg = &cfg;
@@ -121,17 +105,9 @@ TEST(PackageParameters, PassRamAndDiskSizeItems) {
   m_pUpgCfg = nullptr;
 }
 
-TEST(PassFile, LivesAcrossRunsOfAMultiPassJobOnly) {
+// The Zeta series keeps the pass file in its flash store.
+TEST(PassFile, ZetaSeriesKeepsItInTheFlashStore) {
   ftctest::DeviceRoot root;
-  root.WriteIdentity("hwcfg=AB12CD\n");
-  UpgradeConfig cfg;
-  m_pUpgCfg = &cfg;
-  EXPECT_EQ(GetCurrentPass(), 1u);  // single pass
-  cfg.SetMultiPass(1);
-  EXPECT_EQ(GetCurrentPass(), 0u);  // no file yet
-  ClearPassSetting();               // a missing file is no error
-
-  // The Zeta series keeps it in its flash store.
   root.WriteIdentity("hwcfg=ZB12CD\n");
   root.WriteFile("\\Flash File Store\\x", "");
   UpgradeConfig zeta;

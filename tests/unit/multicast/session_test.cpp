@@ -12,9 +12,17 @@
 
 #include "e2e/e2e_support.h"
 #include "platform/display.h"
-#include "udp_helpers.h"
+#include "support/scripted_http_peer.h"
 
 namespace {
+
+// The uftp sender of a unicast session on loopback.
+std::vector<std::string> SenderArgs(int port, const std::vector<std::string>& files) {
+  std::vector<std::string> args = {"uftp",      "-p", std::to_string(port), "-M", "127.0.0.1", "-I",
+                                   "127.0.0.1", "-H", "127.0.0.1",          "-R", "100000"};
+  args.insert(args.end(), files.begin(), files.end());
+  return args;
+}
 
 std::vector<std::string> g_messages;
 std::mutex g_messagesLock;
@@ -32,7 +40,6 @@ class MulticastJob : public ::testing::Test {
   }
   ~MulticastJob() override { WinuxRegisterStatusDisplay(nullptr); }
 
-  std::string Log() const { return root.Log(); }
   bool Shown(const std::string& text) {
     std::lock_guard<std::mutex> g(g_messagesLock);
     for (const auto& m : g_messages)
@@ -60,7 +67,7 @@ class MulticastJob : public ::testing::Test {
                               {"BaseURL", "http://127.0.0.1:" + std::to_string(httpPort)}});
     host.Group("FileList", {{"Source", "filelist.txt"},
                             {"Dest", "\\Flash File Store\\mc\\filelist.txt"},
-                            {"CRC", std::to_string(e2e::Crc(list))}});
+                            {"CRC", std::to_string(ftctest::ReferenceCrc32(list))}});
     host.Group("MulticastClient",
                {{"Parameters", "-D \"\\Flash File Store\\mc\" -P " + std::to_string(sessionPort) +
                                    " -M 127.0.0.1 -I 127.0.0.1 -T 20"}});
@@ -94,10 +101,10 @@ TEST_F(MulticastJob, SessionDeliversAndHttpRepairsOnlyTheRest) {
   ftchost::JobWatch watch(root.path());
   ASSERT_EQ(Submit(host, server.port(), sessionPort), 0u);
   ASSERT_TRUE(ftctest::WaitUntil(
-      [&] { return Log().find("StartMulticastClient - mc.Start") != std::string::npos; },
+      [&] { return root.Log().find("StartMulticastClient - mc.Start") != std::string::npos; },
       std::chrono::seconds(20)));
 
-  ftctest::Child sender(mctest::SenderArgs(
+  ftctest::Child sender(SenderArgs(
       sessionPort,
       {sent.dir() + "/filelist.txt", sent.dir() + "/good.bin", sent.dir() + "/damaged.bin"}));
   EXPECT_EQ(sender.Wait(std::chrono::seconds(30)), 0);
@@ -105,7 +112,7 @@ TEST_F(MulticastJob, SessionDeliversAndHttpRepairsOnlyTheRest) {
 
   for (const auto& [name, bytes] : content)
     EXPECT_EQ(root.ReadFile("\\Flash File Store\\mc\\" + name), bytes) << name;
-  std::string log = Log();
+  std::string log = root.Log();
   EXPECT_NE(log.find("LoadFileList - multicast list file crc match"), std::string::npos);
   for (const auto& [name, times] :
        {std::pair{"filelist.txt", 0}, {"good.bin", 0}, {"damaged.bin", 1}, {"missing.bin", 1}})
@@ -128,7 +135,7 @@ TEST_F(MulticastJob, ProtocolVersionNamesTheReceiver) {
   EXPECT_EQ(version.rfind("uftpd ", 0), 0u) << version;
   EXPECT_TRUE(isdigit(static_cast<unsigned char>(version[6]))) << version;
   EXPECT_EQ(length, version.size());
-  EXPECT_NE(Log().find("MCFTP Version = " + version + "\r\n"), std::string::npos);
+  EXPECT_NE(root.Log().find("MCFTP Version = " + version + "\r\n"), std::string::npos);
 }
 
 }  // namespace

@@ -95,12 +95,6 @@ TEST_F(MulticastStatusThread, DatagramsDriveTheProgressBars) {
   EXPECT_EQ(Send(port, Datagram(99, 50, "Receiving a.bin"), 1), (V{"p1:99"}));
   EXPECT_EQ(Send(port, Datagram(100, 50, "Receiving a.bin"), 2), (V{"p1:100", "p2:25"}));
   EXPECT_EQ(m_dwBytesTransfered.load(), 50u);
-  // A datagram too short for its fields reads as zeros and an empty text.
-  EXPECT_EQ(Send(port, std::string("\x01\x02\x00", 3), 3), (V{"p1:0", "msg:", "p1:0"}));
-  // An overlong text is shown cut to the buffer, and the bar still moves.
-  V v = Send(port, Datagram(100, 100, std::string(1500, 'y')), 4);
-  EXPECT_EQ(v, (V{"p1:0", "msg:" + std::string(255, 'y'), "p1:100", "p2:75"}));
-  EXPECT_EQ(m_dwBytesTransfered.load(), 150u);
 
   CloseStatusThreadSocket();
   // The thread leaves through its receive error once the socket is shut.

@@ -1,7 +1,9 @@
-// File operations on a device root.
+// File operations on a device root, stopping real processes by image name, and preparing
+// programs for start.
 #include <gtest/gtest.h>
 #include <unistd.h>
 
+#include <chrono>
 #include <cstdlib>
 #include <cstring>
 #include <filesystem>
@@ -10,6 +12,7 @@
 #include "platform/winux.h"
 #include "processing/QVProcessingHandler.h"
 #include "support/device_root.h"
+#include "support/helpers.h"
 
 namespace {
 
@@ -145,4 +148,46 @@ TEST(FileOperations, NoOperationReachesOutsideTheDeviceRoot) {
   EXPECT_FALSE(std::filesystem::exists(outside + "/planted.txt"));
   EXPECT_FALSE(root.Exists("\\copied\\inner"));
   std::filesystem::remove_all(outside);
+}
+
+TEST(StopProcesses, StopsTheExactNameAndLeavesADifferentlyCasedOneRunning) {
+  ftctest::DeviceRoot root;
+  // An empty list takes no snapshot but still reports returning.
+  CQVProcessingHandler().StopProcesses();
+  EXPECT_NE(root.Log().find("CQVProcessingHandler::QVStopProcesses - returning\r\n"),
+            std::string::npos);
+  EXPECT_EQ(root.Log().find("snapshot"), std::string::npos);
+  root.WriteFile("/tmp/FileXfer.txt", "");
+
+  auto doomed = ftctest::StartListedSleeper(root.HostPath("\\bin\\FtcStopMeSleeperLongName"));
+  auto spared = ftctest::StartListedSleeper(root.HostPath("\\bin\\FtcKeepMeSleeperLongName"));
+  ASSERT_TRUE(doomed && spared);
+
+  CQVProcessingHandler handler;
+  handler.AddProcess("FtcStopMeSleeperLongName");
+  handler.AddProcess("ftckeepmesleeperlongname");
+  handler.AddProcess("FtcKeepMeSleeper");
+  handler.StopProcesses();
+
+  EXPECT_NE(doomed->Wait(std::chrono::seconds(5)), -1);
+  EXPECT_EQ(spared->Wait(std::chrono::milliseconds(200)), -1);
+
+  const std::string log = root.Log();
+  EXPECT_NE(std::string::npos,
+            log.find("CQVProcessingHandler::QVTerminateProc !FtcStopMeSleeperLongName! \r\n"
+                     "CQVProcessingHandler::QVTerminateProc, killing it\r\n"
+                     "CQVProcessingHandler::QVTerminateProc !ftckeepmesleeperlongname! \r\n"
+                     "CQVProcessingHandler::QVTerminateProc !FtcKeepMeSleeper! \r\n"
+                     "CQVProcessingHandler::QVStopProcesses - Closing snapshot\r\n"
+                     "CQVProcessingHandler::QVStopProcesses - returning\r\n"));
+}
+
+TEST(ExecFile, AnExistingProgramGetsItsStartInFolderAndIsNotLaunched) {
+  ftctest::DeviceRoot root;
+  root.WriteFile("\\Program Files\\tool.exe", "not a program");
+  CQVExeHandler exes;
+  exes.AddEntry(new CQVExeEntry("\\Program Files\\tool.exe", "/x", "\\Work\\Area", 1));
+  EXPECT_EQ(1, exes.DoIt());
+  EXPECT_TRUE(root.Exists("\\Work\\Area"));
+  EXPECT_EQ("not a program", root.ReadFile("\\Program Files\\tool.exe"));
 }

@@ -1,4 +1,6 @@
 // Registry operations and the image-update fix-up, read back from the hive.
+#include "support/registry.h"
+
 #include <gtest/gtest.h>
 
 #include <cstring>
@@ -28,20 +30,12 @@ std::string ReadValue(HKEY root, const wchar_t* subKey, const wchar_t* name) {
   return "sz:" + std::string(wide.begin(), wide.end());
 }
 
-void SetValue(HKEY root, const wchar_t* subKey, const wchar_t* name, DWORD number) {
-  HKEY key = nullptr;
-  ASSERT_EQ(0, RegCreateKeyEx(root, subKey, 0, nullptr, 0, 0, nullptr, &key, nullptr));
-  ASSERT_EQ(0, RegSetValueEx(key, name, 0, REG_DWORD, reinterpret_cast<const BYTE*>(&number),
-                             sizeof number));
-  RegCloseKey(key);
-}
-
 }  // namespace
 
 TEST(RegistryOperations, OnlySetIsCarriedOutWithItsTypeConversions) {
   ftctest::DeviceRoot root;
-  SetValue(HKEY_LOCAL_MACHINE, L"Software\\Ftc", L"Old", 5);
-  SetValue(HKEY_CURRENT_USER, L"Software\\Gone", L"Still", 6);
+  ASSERT_TRUE(ftctest::SetRegistryDword(HKEY_LOCAL_MACHINE, L"Software\\Ftc", L"Old", 5));
+  ASSERT_TRUE(ftctest::SetRegistryDword(HKEY_CURRENT_USER, L"Software\\Gone", L"Still", 6));
 
   CQVProcessingHandler handler;
   CQVRegistryHandler* reg = handler.GetRegistryHandler();

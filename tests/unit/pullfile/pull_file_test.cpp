@@ -14,7 +14,6 @@
 #include "support/plugin_host.h"
 #include "support/registry.h"
 #include "support/scripted_http_peer.h"
-#include "xq/spool.h"
 
 namespace {
 
@@ -35,29 +34,10 @@ class PullFile : public ::testing::Test {
     ftctest::PluginHost::ClearSendUps();
   }
 
-  std::string Log() const { return root.Log(); }
-  // "CODE TEXT" of each device event in the spool, in order.
-  std::vector<std::string> Events() const {
-    std::vector<std::string> out;
-    for (const SpoolRecord& r : ReadSpool(root.path(), ""))
-      if (r.kind == "event") out.push_back(r.code + " " + r.text);
-    return out;
-  }
-  // "STATE REASON" of each ready-to-work report sent up to the host, in order.
-  static std::vector<std::string> States() {
-    std::vector<std::string> out;
-    for (const ftctest::SendUpCall& c : ftctest::PluginHost::SendUps()) {
-      SpoolRecord r;
-      r.message = c.message;
-      xqspool::DecodeMessage(&r);
-      if (r.kind == "state") out.push_back(r.code + " " + r.text);
-    }
-    return out;
-  }
   bool WaitForComplete() {
     return ftctest::WaitUntil(
         [&] {
-          auto s = States();
+          auto s = ftctest::PluginHost::SentUp("state");
           return !s.empty() && s.back() == "1 File Transfer Complete";
         },
         std::chrono::seconds(20));
@@ -84,10 +64,10 @@ TEST_F(PullFile, SucceedsAfterTwoFailedAttempts) {
   ASSERT_TRUE(ftctest::SetServerIP(L"127.0.0.1:" + std::to_wstring(peer.Port())));
   ftctest::PluginHost host;
   ASSERT_EQ(Pull(host, "http://%XQ_SERVERIP%:1"), 0u);
-  ASSERT_TRUE(WaitForComplete()) << Log();
+  ASSERT_TRUE(WaitForComplete()) << root.Log();
 
   EXPECT_EQ(root.ReadFile(kDest), kBody);
-  std::string log = Log();
+  std::string log = root.Log();
   EXPECT_EQ(Count(log, "PullFilethread - retrying 1\r\n"), 2);
   EXPECT_EQ(Count(log, "PullFilethread - retrying 2\r\n"), 0);
   EXPECT_EQ(
@@ -95,8 +75,9 @@ TEST_F(PullFile, SucceedsAfterTwoFailedAttempts) {
       3);
   EXPECT_EQ(Count(log, "PullFilethread - FileXfer Complete\r\n"), 1);
   const std::string dest = kDest;
-  EXPECT_EQ(Events(), (std::vector<std::string>{"205186 " + dest, "205185 " + dest}));
-  EXPECT_EQ(States(),
+  EXPECT_EQ(ftctest::Spooled(root, "event"),
+            (std::vector<std::string>{"205186 " + dest, "205185 " + dest}));
+  EXPECT_EQ(ftctest::PluginHost::SentUp("state"),
             (std::vector<std::string>{"1 Transfering file - " + dest, "1 File Transfer Complete"}));
   // Three fetches of the file, then the completion report on the same private client.
   std::vector<std::string> requests = peer.Requests();

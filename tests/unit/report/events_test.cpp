@@ -60,7 +60,6 @@ class ReportTest : public ::testing::Test {
     setenv("WINUX_LIBRARY_PATH", ftctest::LibDir().c_str(), 1);
     root.WriteFile("/tmp/FileXfer.txt", "");
   }
-  std::string Log() const { return root.Log(); }
   ftctest::DeviceRoot root;
 };
 
@@ -92,7 +91,7 @@ TEST_F(ReportTest, ReportsOfAJobAreReadBackFromTheSpoolInOrder) {
   EXPECT_EQ(records[1].message, ReadyToWork("4", "Device Upgrading"));
   EXPECT_EQ(records[2].message, AutoDeploy("101"));
   EXPECT_EQ(records[3].message, ReadyToWork("1", "Upgrade Failed: <disk> & more"));
-  EXPECT_NE(Log().find("SetAutoDeployState - via XQ\r\n"), std::string::npos);
+  EXPECT_NE(root.Log().find("SetAutoDeployState - via XQ\r\n"), std::string::npos);
 
   std::vector<std::string> fields = {
       "timestamp=0",    "system=20",     "subsystem=QV_UPGD_SRVR",

@@ -47,10 +47,9 @@ class HttpClient : public ::testing::Test {
     if (!client.OpenURL(url.c_str(), path)) return -1;
     return client.Get(path, dest);
   }
-  std::string Log() const { return root.Log(); }
   // The lines logged since the previous call.
   std::string NewLog() {
-    std::string all = Log();
+    std::string all = root.Log();
     std::string fresh = all.substr(std::min(m_seen, all.size()));
     m_seen = all.size();
     return fresh;
@@ -85,8 +84,6 @@ TEST_F(HttpClient, FilesShareOneConnectionAndCountTowardsTheBundle) {
   ra.chunk = rb.chunk = 7000;
   rb.close = true;
   ftctest::ScriptedHttpPeer peer({ra, rb, Reply::Ok(b, ReferenceCrc32(b))});
-  HANDLE working = CreateSemaphore(nullptr, 0, 100000, nullptr);
-  client.SetWorkingSemaphore(working);
   client.SetStatusFunction(RecordStatus);
   g_statusCalls = 0;
 
@@ -95,7 +92,6 @@ TEST_F(HttpClient, FilesShareOneConnectionAndCountTowardsTheBundle) {
   EXPECT_EQ(g_statusDone, a.size());
   EXPECT_EQ(g_statusTotal, a.size());
   EXPECT_GE(g_statusCalls, 1u);
-  EXPECT_EQ(WinuxWaitForSingleObject(working, 0), WINUX_WAIT_ACQUIRED);
   EXPECT_EQ(Fetch(peer.Url(L"/b.bin"), L"\\Flash File Store\\b.bin"), 1);
 
   EXPECT_EQ(peer.Connections(), 1);
@@ -105,7 +101,7 @@ TEST_F(HttpClient, FilesShareOneConnectionAndCountTowardsTheBundle) {
   EXPECT_EQ(peer.Connections(), 2);
   EXPECT_EQ(CHTTPClient::GetBundleRxBytes(), a.size() + 2 * b.size());
   EXPECT_EQ(GetFileAttributes(L"\\Flash File Store\\a.bin") & FILE_ATTRIBUTE_READONLY, 1u);
-  std::string log = Log();
+  std::string log = root.Log();
   EXPECT_TRUE(Has(log, "FileTransferConfiglet - CHttpClient:Get - No Content-timestamp\r\n"));
   EXPECT_TRUE(Has(log, "FileTransferConfiglet - CHttpClient:Get - No Content-Attributes\r\n"));
   EXPECT_TRUE(Has(log, "FileTransferConfiglet - Content-timestamp:  03-05-2024 07:08:09\r\n"));
@@ -116,7 +112,6 @@ TEST_F(HttpClient, FilesShareOneConnectionAndCountTowardsTheBundle) {
                   "performing CRC check\r\nFileTransferConfiglet - FILECRC32\r\n"
                   "FTCCCRC32::FileCRC32 - In\r\n"));
   EXPECT_TRUE(Has(log, "FileTransferConfiglet - good CRC\r\n"));
-  CloseHandle(working);
 }
 
 TEST_F(HttpClient, OpenURLMovesBetweenServersAndRefusesWhatItCannotReach) {
@@ -158,7 +153,7 @@ TEST_F(HttpClient, ADamagedFileIsRequestedAgainOnTheSameConnection) {
   std::string expected = "FileTransferConfiglet - CRC error, \\Flash File Store\\a.bin, " +
                          std::to_string(int(ReferenceCrc32(a) ^ 1)) + ", " +
                          std::to_string(int(ReferenceCrc32(a))) + "\r\n";
-  EXPECT_TRUE(Has(Log(), expected)) << Log();
+  EXPECT_TRUE(Has(root.Log(), expected)) << root.Log();
 }
 
 TEST_F(HttpClient, RequestLevelFailuresEndTheAttemptAndDropTheConnection) {
@@ -208,9 +203,9 @@ TEST_F(HttpClient, RequestLevelFailuresEndTheAttemptAndDropTheConnection) {
   }
 
   EXPECT_EQ(client.Get(L"", L"\\a.bin"), 0);
-  EXPECT_TRUE(Has(Log(), "FileXferConfiglet - CHttpClient:Get - bad ret 1\r\n"));
+  EXPECT_TRUE(Has(root.Log(), "FileXferConfiglet - CHttpClient:Get - bad ret 1\r\n"));
   EXPECT_EQ(client.Get(L"a.bin", nullptr), 0);
-  EXPECT_TRUE(Has(Log(), "FileTransferConfiglet - CHttpClient:Get - bad ret 1.1\r\n"));
+  EXPECT_TRUE(Has(root.Log(), "FileTransferConfiglet - CHttpClient:Get - bad ret 1.1\r\n"));
 }
 
 TEST_F(HttpClient, CheckPointFramingIsAcceptedAndTheBodyReadPlain) {
@@ -223,7 +218,7 @@ TEST_F(HttpClient, CheckPointFramingIsAcceptedAndTheBodyReadPlain) {
     EXPECT_EQ(Fetch(peer.Url(L"/a.bin")), 1) << size;
     EXPECT_TRUE(File() == a) << size;
   }
-  EXPECT_TRUE(Has(Log(), "FileTransferConfiglet - check pointing is true\r\n"));
+  EXPECT_TRUE(Has(root.Log(), "FileTransferConfiglet - check pointing is true\r\n"));
 }
 
 TEST_F(HttpClient, EmptyAndSingleFrameFilesFinishWithoutACrcCheck) {
@@ -233,7 +228,7 @@ TEST_F(HttpClient, EmptyAndSingleFrameFilesFinishWithoutACrcCheck) {
   EXPECT_EQ(client.IsConnected(), 0);
   EXPECT_TRUE(root.Exists("\\Flash File Store\\a.bin"));
   EXPECT_EQ(File(), "");
-  EXPECT_TRUE(Has(Log(),
+  EXPECT_TRUE(Has(root.Log(),
                   "FileTransferConfiglet - after OPenForWriting - success, !\\Flash File "
                   "Store\\a.bin%\r\nFileTransferConfiglet - after OpenForWriting - zero length "
                   "file, !\\Flash File Store\\a.bin%\r\n"));
@@ -242,8 +237,9 @@ TEST_F(HttpClient, EmptyAndSingleFrameFilesFinishWithoutACrcCheck) {
   EXPECT_EQ(Fetch(peer.Url(L"/t.bin"), L"\\Flash File Store\\t.bin"), 1);
   EXPECT_EQ(client.IsConnected(), 0);
   EXPECT_EQ(File("\\Flash File Store\\t.bin"), "tiny");
-  EXPECT_TRUE(Has(Log(), "FileTransferConfiglet - httpClient - file complete in first frame\r\n"));
-  EXPECT_FALSE(Has(Log(), "performing CRC check"));
+  EXPECT_TRUE(
+      Has(root.Log(), "FileTransferConfiglet - httpClient - file complete in first frame\r\n"));
+  EXPECT_FALSE(Has(root.Log(), "performing CRC check"));
   EXPECT_EQ(peer.Connections(), 2);
 }
 
@@ -271,14 +267,14 @@ TEST_F(HttpClient, HostileResponsesStayBounded) {
   EXPECT_EQ(Fetch(peer.Url(L"/a.bin")), 1);
   EXPECT_TRUE(File() == a);
   EXPECT_EQ(client.IsConnected(), 0);
-  EXPECT_TRUE(
-      Has(Log(), "FileTransferConfiglet - httpClient - data past content length, closing\r\n"));
+  EXPECT_TRUE(Has(root.Log(),
+                  "FileTransferConfiglet - httpClient - data past content length, closing\r\n"));
 
   EXPECT_EQ(Fetch(peer.Url(L"/a.bin")), 1);
   EXPECT_TRUE(File() == a);
   // The text after the name, its blank included, cut at the 255 bytes its buffer holds.
-  EXPECT_TRUE(
-      Has(Log(), "FileTransferConfiglet - Content-timestamp:  " + std::string(254, '7') + "\r\n"));
+  EXPECT_TRUE(Has(root.Log(),
+                  "FileTransferConfiglet - Content-timestamp:  " + std::string(254, '7') + "\r\n"));
 
   EXPECT_EQ(Fetch(peer.Url(L"/a.bin")), 1);
   EXPECT_TRUE(File() == a);

@@ -1,22 +1,20 @@
-// Threads and waits: the 10000 result, scaled time-outs, mutex ownership, and
-// TerminateThread reaching a thread that sleeps or waits.
+// Threads, waits and processes: the 10000 result, scaled time-outs, mutex ownership,
+// TerminateThread reaching a thread that sleeps or waits, and processes by image name.
 #include <gtest/gtest.h>
 
 #include <atomic>
 #include <chrono>
+#include <string>
 #include <thread>
 
 #include "platform/winux.h"
 #include "support/device_root.h"
+#include "support/helpers.h"
 
 namespace {
 
 using Clock = std::chrono::steady_clock;
-
-long ElapsedMs(Clock::time_point since) {
-  return static_cast<long>(
-      std::chrono::duration_cast<std::chrono::milliseconds>(Clock::now() - since).count());
-}
+using ftctest::ElapsedMs;
 
 TEST(WinuxSync, EventsReportAcquiredAs10000ResetAsAskedAndWaitScaledTime) {
   ftctest::DeviceRoot root(0.001);
@@ -130,6 +128,43 @@ TEST(WinuxSync, TerminateThreadEndsAThreadThatSleepsOrWaits) {
     CloseHandle(t);
   }
   CloseHandle(never);
+}
+
+DWORD FindByName(const std::wstring& name, DWORD flags = TH32CS_SNAPPROCESS) {
+  HANDLE snap = CreateToolhelp32Snapshot(flags, 0);
+  EXPECT_NE(snap, INVALID_HANDLE_VALUE);
+  PROCESSENTRY32 entry{};
+  entry.dwSize = sizeof entry;
+  DWORD pid = 0;
+  for (BOOL ok = Process32First(snap, &entry); ok; ok = Process32Next(snap, &entry))
+    if (name == entry.szExeFile) pid = entry.th32ProcessID;
+  EXPECT_TRUE(CloseToolhelp32Snapshot(snap));
+  return pid;
+}
+
+// A name of its own: the host-class tests end every process named like the transfer agent.
+TEST(WinuxProcess, SnapshotFindsALongImageNameAndTerminateEndsIt) {
+  ftctest::DeviceRoot root;
+  auto child = ftctest::StartListedSleeper(root.path() + "/WinuxSnapshotChild.exe");
+  ASSERT_TRUE(child);
+  // Flags 0, as the device's plug-ins pass them, list the processes too.
+  DWORD pid = FindByName(L"WinuxSnapshotChild.exe", 0);
+  ASSERT_EQ(pid, static_cast<DWORD>(child->pid()));
+
+  HANDLE process = OpenProcess(PROCESS_TERMINATE, FALSE, pid);
+  ASSERT_NE(process, nullptr);
+  EXPECT_TRUE(TerminateProcess(process, 0));
+  EXPECT_EQ(WinuxWaitForSingleObject(process, 1000), WINUX_WAIT_ACQUIRED);
+  EXPECT_TRUE(CloseHandle(process));
+  EXPECT_EQ(FindByName(L"WinuxSnapshotChild.exe"), 0u);  // gone, even before it is reaped
+  EXPECT_EQ(child->Wait(std::chrono::seconds(1)), 128);  // by a signal
+
+  HANDLE snap = CreateToolhelp32Snapshot(TH32CS_SNAPPROCESS, 0);
+  PROCESSENTRY32 entry{};
+  entry.dwSize = 8;  // a caller that did not size the entry
+  EXPECT_FALSE(Process32First(snap, &entry));
+  EXPECT_FALSE(CloseHandle(nullptr));
+  EXPECT_TRUE(CloseToolhelp32Snapshot(snap));
 }
 
 }  // namespace
