@@ -26,12 +26,13 @@ void Install(const ftctest::DeviceRoot& root, const std::string& devicePath,
   chmod(root.HostPath(devicePath).c_str(), 0644);
 }
 
-// Ends every QVTransferAgent.exe, waiting until none is left (a killed child lingers until its
-// reaper has collected it). Returns what the first call reported.
+// Ends every SdkLongNamedSleeper.exe (a name of its own: tests beside it run the agent's),
+// waiting until none is left (a killed child lingers until its reaper has collected it).
+// Returns what the first call reported.
 int EndAgents() {
-  int first = QVTerminateProc("QVTransferAgent.exe");
+  int first = QVTerminateProc("SdkLongNamedSleeper.exe");
   auto deadline = Clock::now() + std::chrono::seconds(10);
-  while (QVTerminateProc("QVTransferAgent.exe") && Clock::now() < deadline)
+  while (QVTerminateProc("SdkLongNamedSleeper.exe") && Clock::now() < deadline)
     std::this_thread::sleep_for(std::chrono::milliseconds(10));
   return first;
 }
@@ -75,19 +76,19 @@ TEST(SdkStartProcess, MissingProgramsAreErrors) {
 
 TEST(SdkStartProcess, NoWaitAndBoundedWaitReturnWhileTheProgramRuns) {
   ftctest::DeviceRoot root;  // time scale 0.001: a 60 s bound is 60 ms
-  Install(root, "\\windows\\QVTransferAgent.exe", ftctest::ReadHostFile("/bin/sleep"));
+  Install(root, "\\windows\\SdkLongNamedSleeper.exe", ftctest::ReadHostFile("/bin/sleep"));
   for (int wait : {0, 60000}) {
     SCOPED_TRACE(wait);
     auto start = Clock::now();
     // A bare name is found in the device's \windows folder.
-    ASSERT_EQ(QVStartProcessAndWait("QVTransferAgent.exe", "30", wait), 0);
+    ASSERT_EQ(QVStartProcessAndWait("SdkLongNamedSleeper.exe", "30", wait), 0);
     EXPECT_LT(Clock::now() - start, std::chrono::seconds(5));
     // Still running, and found only by its exact (longer than 15 characters) image name.
-    EXPECT_EQ(QVTerminateProc("qvtransferagent.exe"), 0);
-    EXPECT_EQ(QVTerminateProc(L"QVTransferAgent"), 0);
+    EXPECT_EQ(QVTerminateProc("sdklongnamedsleeper.exe"), 0);
+    EXPECT_EQ(QVTerminateProc(L"SdkLongNamedSleeper"), 0);
     EXPECT_EQ(EndAgents(), 1);
   }
-  EXPECT_EQ(QVTerminateProc("QVTransferAgent.exe"), 0);
+  EXPECT_EQ(QVTerminateProc("SdkLongNamedSleeper.exe"), 0);
 }
 
 TEST(SdkStartProcess, BoundedWaitEndsEarlyWhenTheProgramDoes) {
