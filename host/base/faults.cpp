@@ -53,12 +53,16 @@ void WriteTally() {
 // Every point, so that each is enabled under its own name: libfiu hands the callback the name
 // enabled, not the point's.
 const char* const kPoints[] = {
-    "ftc/host/write",          "ftc/host/fsync",         "ftc/host/rename",
-    "ftc/host/replacing",      "ftc/download/write",     "ftc/registry/save",
-    "ftc/spool/written",       "ftc/plugin/socket-read", "ftc/plugin/transfer-buffer",
-    "ftc/plugin/bundle-write", "ftc/server/read",        "ftc/server/report-write",
-    "ftc/server/report-sync",  "ftc/store/commit",       "ftc/store/committed",
-    "ftc/agent/checkin",       "ftc/agent/fetched",      "ftc/deliver/acknowledged",
+    "ftc/host/write",           "ftc/host/fsync",
+    "ftc/host/rename",          "ftc/host/replacing",
+    "ftc/download/write",       "ftc/registry/save",
+    "ftc/spool/temp-written",   "ftc/spool/written",
+    "ftc/plugin/socket-read",   "ftc/plugin/transfer-buffer",
+    "ftc/plugin/bundle-write",  "ftc/server/read",
+    "ftc/server/report-write",  "ftc/server/report-sync",
+    "ftc/store/commit",         "ftc/store/committed",
+    "ftc/agent/checkin",        "ftc/agent/fetched",
+    "ftc/deliver/acknowledged",
 };
 
 int OnHit(const char* name, int*, void**, unsigned*) {

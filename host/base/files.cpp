@@ -12,6 +12,8 @@
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
+#include <mutex>
+#include <unordered_set>
 
 #include "base/faults.h"
 #include "common/crc32.h"
@@ -108,6 +110,17 @@ void RemoveDeadTemps(const std::string& path) {
     if (kill(static_cast<pid_t>(pid), 0) != 0 && errno == ESRCH) unlinkat(dirfd(d), e->d_name, 0);
   }
   closedir(d);
+}
+
+void RemoveDeadTempsOnce(const std::string& path) {
+  static std::mutex& lock = *new std::mutex();
+  static auto& cleared = *new std::unordered_set<std::string>();
+  std::string folder = path.substr(0, path.find_last_of('/') + 1);
+  {
+    std::lock_guard<std::mutex> hold(lock);
+    if (!cleared.insert(folder).second) return;
+  }
+  RemoveDeadTemps(path);
 }
 
 namespace {

@@ -41,6 +41,9 @@ int CreateTempIn(int folder, const std::string& name, unsigned mode, std::string
 // Removes what CreateTempBeside left beside path for processes no longer running (killed before
 // they could rename or remove it).
 void RemoveDeadTemps(const std::string& path);
+// The same, once per folder and process: reading the folder for every file written in it would
+// make each file cost as much as the folder is large.
+void RemoveDeadTempsOnce(const std::string& path);
 
 // Creates path, which must not exist yet, with content, synced to disk before it returns.
 IoStatus WriteNewFile(const std::string& path, std::string_view content, unsigned mode);

@@ -7,9 +7,7 @@
 
 #include <cerrno>
 #include <memory>
-#include <mutex>
 #include <string>
-#include <unordered_set>
 
 #include "base/faults.h"
 #include "base/files.h"
@@ -53,19 +51,6 @@ int ApplyReadOnly(WinuxPlace& place, bool readOnly) {
     return 0;
   }
   return 1;
-}
-
-// Temporaries a killed process left are cleared once per folder and process: reading the folder
-// for every download would make each file cost as much as the folder is large.
-void RemoveDeadTempsOnce(const std::string& host) {
-  static std::mutex& lock = *new std::mutex();
-  static auto& cleared = *new std::unordered_set<std::string>();
-  std::string folder = host.substr(0, host.find_last_of('/') + 1);
-  {
-    std::lock_guard<std::mutex> hold(lock);
-    if (!cleared.insert(folder).second) return;
-  }
-  hostbase::RemoveDeadTemps(host);
 }
 
 }  // namespace
@@ -135,7 +120,7 @@ int FileIO::OpenForWriting(const char* path, int append, DWORD size) {
     Lookup* lookup = Find(path, true);
     if (!lookup || !TakesFile(lookup->place, lookup->found)) return 0;
     return SdkNoThrow<int>(0, [&] {
-      RemoveDeadTempsOnce(lookup->place.host());
+      hostbase::RemoveDeadTempsOnce(lookup->place.host());
       auto r = std::make_unique<Replacement>();
       r->size = static_cast<off_t>(size);
       r->at.reset(lookup);

@@ -127,6 +127,8 @@ bool SpoolWrite(const std::string& source, const std::string& queue, const char*
                 size_t length, const std::string& core) {
   std::string dir = xqspool::SpoolDir(WinuxRoot()) + "/" + queue;
   if (!hostbase::MakeDirs(dir).ok()) return false;
+  // What a writer killed before linking its record left: ".tmp.<pid>.<n>".
+  hostbase::RemoveDeadTempsOnce(dir + "/tmp");
 
   std::string content(message, length);
   content += '\n';
@@ -140,6 +142,7 @@ bool SpoolWrite(const std::string& source, const std::string& queue, const char*
            static_cast<unsigned long long>(g_tempCounter.fetch_add(1)));
   std::string temp = dir + tempName;
   if (!hostbase::WriteNewFile(temp, content, 0644).ok()) return false;
+  FTC_FAULT_MOMENT("ftc/spool/temp-written");
 
   bool linked = false;
   {

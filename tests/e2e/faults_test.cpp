@@ -31,7 +31,8 @@ const char kOldBundles[] =
 
 // Points that mark a moment to be killed at; they fail nothing.
 bool IsMoment(const std::string& point) {
-  return point == "ftc/spool/written" || point == "ftc/host/replacing";
+  return point == "ftc/spool/temp-written" || point == "ftc/spool/written" ||
+         point == "ftc/host/replacing";
 }
 
 // What one run of ftc-host left in its tally (base/faults.h).
@@ -133,6 +134,10 @@ class Faults : public ::testing::Test {
       for (const auto& e : fs::directory_iterator(root.HostPath(dir)))
         EXPECT_NE(e.path().filename().string()[0], '.') << e.path();
     }
+    std::error_code none;
+    for (auto it = fs::recursive_directory_iterator(root.path() + "/.winux/spool", none);
+         tidy && it != fs::recursive_directory_iterator(); it.increment(none))
+      EXPECT_NE(it->path().filename().string().rfind(".tmp.", 0), 0u) << it->path();
     std::string hive = root.ReadHive();
     EXPECT_EQ(hive.rfind("REGEDIT4\n", 0), 0u) << hive;
     EXPECT_NE(hive.find("\"Kept\"=\"old\"\n"), std::string::npos) << hive;
@@ -198,13 +203,15 @@ TEST_F(Faults, EveryFailingPointOfAJobLeavesTheDeviceWhole) {
   }
 }
 
-// Killed during a download, right after a report is queued, during a registry save and during
-// the bundle record's write; the job run again completes and what was queued stays.
+// Killed during a download, while and right after a report is queued, during a registry save
+// and during the bundle record's write; the job run again completes, what was queued stays and
+// nothing the killed run left lies about.
 TEST_F(Faults, AJobKilledAtAnyMomentRunsAgainWithNothingLost) {
   const struct {
     const char* point;
     bool every;  // else only the middle hit
   } moments[] = {{"ftc/download/write", false},
+                 {"ftc/spool/temp-written", false},
                  {"ftc/spool/written", true},
                  {"ftc/host/replacing", true},
                  {"ftc/plugin/bundle-write", true}};
