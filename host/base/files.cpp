@@ -65,12 +65,12 @@ pid_t Pid() {
   return pid;
 }
 
+}  // namespace
+
 std::string TempName(const std::string& name) {
   return "." + name + "." + std::to_string(Pid()) + "." +
          std::to_string(g_tempCounter.fetch_add(1));
 }
-
-}  // namespace
 
 int CreateTempBeside(const std::string& path, unsigned mode, std::string* temp) {
   size_t slash = path.find_last_of('/');

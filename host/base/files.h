@@ -36,6 +36,8 @@ IoStatus MakeDirs(const std::string& dir);
 // Creates and opens ".<name>.<pid>.<n>" beside path for writing (each library that links this
 // counts on its own, so a name another one took is skipped); the descriptor, or -1 with errno.
 int CreateTempBeside(const std::string& path, unsigned mode, std::string* temp);
+// The name such a temporary of a file called name gets (unique in this process).
+std::string TempName(const std::string& name);
 // The same inside an open folder, for a file of that folder called name; *temp the bare name.
 int CreateTempIn(int folder, const std::string& name, unsigned mode, std::string* temp);
 // Removes what CreateTempBeside left beside path for processes no longer running (killed before

@@ -98,10 +98,11 @@ int WinuxPlace::Commit(int fd, const std::string& temp) {
       g_unnamedFailed.store(true, std::memory_order_relaxed);
       return -1;
     }
-    // Made meanwhile: replaced as a file that was there is.
+    // Made meanwhile: replaced as a file that was there is, through a temporary named like the
+    // others so that one a kill leaves here is cleared like them.
     std::string named;
     for (int attempt = 0;; ++attempt) {
-      named = "." + m.leaf + ".link." + std::to_string(attempt);
+      named = hostbase::TempName(m.leaf);
       if (linkat(AT_FDCWD, ProcPath(fd).c_str(), folder, named.c_str(), AT_SYMLINK_FOLLOW) == 0)
         break;
       if (errno != EEXIST || attempt == 99) return -1;
